@@ -35,8 +35,8 @@ tstring toUtf8(const icu::UnicodeString& text) {
 // locale grouping.
 tstring doubleText(double value) {
   UErrorCode status = U_ZERO_ERROR;
-  auto formatter = icu::number::NumberFormatter::withLocale(icu::Locale::getRoot())
-                       .grouping(UNUM_GROUPING_OFF);
+  auto formatter =
+      icu::number::NumberFormatter::withLocale(icu::Locale::getRoot()).grouping(UNUM_GROUPING_OFF);
   icu::UnicodeString text = formatter.formatDouble(value, status).toString(status);
   return U_SUCCESS(status) ? toUtf8(text) : std::to_string(value);
 }
@@ -235,9 +235,13 @@ tstring catalogFolder(const tstring& folder) {
   return folder.empty() ? tstring(QZFI_DEFAULT_CATALOG_DIR) : folder;
 }
 
-UResourceBundle* bundleOf(void* handle) { return static_cast<UResourceBundle*>(handle); }
+UResourceBundle* bundleOf(void* handle) {
+  return static_cast<UResourceBundle*>(handle);
+}
 
-char* duplicate(const tstring& text) { return strdup(text.c_str()); }
+char* duplicate(const tstring& text) {
+  return strdup(text.c_str());
+}
 
 void freeMsgInfo(qfi_msg_info* info) {
   if (info->args != nullptr) {
@@ -290,9 +294,8 @@ tstring CFiIcuMessage::argumentText(size_t i) const {
 
 tstring CFiIcuMessage::serialize() const {
   tstring text = kSerialTag;
-  for (const tstring& field :
-       {m_identifier, std::to_string(m_severity), m_sourceFile, std::to_string(m_line),
-        std::to_string(m_args.size())}) {
+  for (const tstring& field : {m_identifier, std::to_string(m_severity), m_sourceFile,
+                               std::to_string(m_line), std::to_string(m_args.size())}) {
     text += kFieldSeparator + escapeField(field);
   }
   for (const icu::Formattable& arg : m_args) {
@@ -310,8 +313,8 @@ bool CFiIcuMessage::deserialize(const tstring& text) {
   int severity = 0;
   int line = 0;
   int nargs = 0;
-  if (!parseInt(fields[2], severity) || !parseInt(fields[4], line) ||
-      !parseInt(fields[5], nargs) || nargs < 0 || fields.size() != kFixed + nargs) {
+  if (!parseInt(fields[2], severity) || !parseInt(fields[4], line) || !parseInt(fields[5], nargs) ||
+      nargs < 0 || fields.size() != kFixed + nargs) {
     return false;
   }
   std::vector<icu::Formattable> args(nargs);
@@ -457,11 +460,11 @@ qfi_msg_info* CFiErrorHandler::toMsgInfo(const CFiIcuMessage& message) const {
   info->severity = message.getSeverity();
   info->line = message.getLine();
   info->id = duplicate(message.getIdentifier());
-  info->text = duplicate(m_catalog ? m_catalog->getLocalizedMessage(message)
-                                   : fallbackText(message));
+  info->text =
+      duplicate(m_catalog ? m_catalog->getLocalizedMessage(message) : fallbackText(message));
   info->source = duplicate(message.getSourceFile());
-  bool complete = fillArguments(info, message) && info->id != nullptr &&
-                  info->text != nullptr && info->source != nullptr;
+  bool complete = fillArguments(info, message) && info->id != nullptr && info->text != nullptr &&
+                  info->source != nullptr;
   if (!complete) {
     freeMsgInfo(info);
     return nullptr;

@@ -82,13 +82,21 @@ CFiPluginBase::~CFiPluginBase() {
 
 // Slots in declaration order.
 
-int CFiPluginBase::delayedInit() { return QFI_SUCCESS; }
+int CFiPluginBase::delayedInit() {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::globalConfigInfoList(int, bool) { return QFI_SUCCESS; }
+int CFiPluginBase::globalConfigInfoList(int, bool) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::init() { return QFI_SUCCESS; }
+int CFiPluginBase::init() {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::fini() { return QFI_SUCCESS; }
+int CFiPluginBase::fini() {
+  return QFI_SUCCESS;
+}
 
 int CFiPluginBase::claim(qzfi_objid*, qzfi_objid*** subobjs, int* count) {
   clearOut(subobjs);
@@ -96,26 +104,32 @@ int CFiPluginBase::claim(qzfi_objid*, qzfi_objid*** subobjs, int* count) {
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::supportsFiType(qfi_domain*, char*) { return QFI_SUCCESS; }
+int CFiPluginBase::supportsFiType(qfi_domain*, char*) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::deportTree(qfi_domain*, qfi_domain*, qfi_accessnode*) { return QFI_SUCCESS; }
+int CFiPluginBase::deportTree(qfi_domain*, qfi_domain*, qfi_accessnode*) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::importTreeNode(qfi_domain*, qzfi_objid**, qzfi_objid**, int,
-                                  qzfi_objid** out) {
+int CFiPluginBase::importTreeNode(qfi_domain*, qzfi_objid**, qzfi_objid**, int, qzfi_objid** out) {
   clearOut(out);
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::initNode(qfi_domain*, qfi_domain**, int, qzfi_objid*) { return QFI_SUCCESS; }
+int CFiPluginBase::initNode(qfi_domain*, qfi_domain**, int, qzfi_objid*) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::config(qfi_domain*, int, char*, qfi_confspec*) { return QFI_SUCCESS; }
+int CFiPluginBase::config(qfi_domain*, int, char*, qfi_confspec*) {
+  return QFI_SUCCESS;
+}
 
 int CFiPluginBase::initAltNode(qfi_domain*, qfi_domain*, qfi_domain*, bool) {
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::reAccessTmpObj(qfi_domain*, qzfi_objid*, char*, qfi_domain*, char*,
-                                  qfi_intent) {
+int CFiPluginBase::reAccessTmpObj(qfi_domain*, qzfi_objid*, char*, qfi_domain*, char*, qfi_intent) {
   return QFI_SUCCESS;
 }
 
@@ -140,7 +154,9 @@ int CFiPluginBase::dispose(qfi_domain*, qfi_domain*, qfi_splitnode*, qfi_disposi
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::online(qfi_domain*, qfi_domain*, int, qfi_disposition) { return QFI_SUCCESS; }
+int CFiPluginBase::online(qfi_domain*, qfi_domain*, int, qfi_disposition) {
+  return QFI_SUCCESS;
+}
 
 int CFiPluginBase::subobjList(qfi_domain* node, qzfi_objid*** subobjs, int* count) {
   CFiTraceLogFunction scope(m_traceLog, "subobjList", __LINE__, kSource);
@@ -194,9 +210,13 @@ int CFiPluginBase::buildAltTree(qfi_domain*, char*, qzfi_objid**, qzfi_objid**, 
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::quiesce(qfi_quiescenode**, int, char*) { return QFI_SUCCESS; }
+int CFiPluginBase::quiesce(qfi_quiescenode**, int, char*) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::unquiesce(qfi_quiescenode**, int) { return QFI_SUCCESS; }
+int CFiPluginBase::unquiesce(qfi_quiescenode**, int) {
+  return QFI_SUCCESS;
+}
 
 int CFiPluginBase::make(char*, qfi_splitnode**, int, qzfi_objid*** ids, int* nids) {
   clearOut(ids);
@@ -204,23 +224,41 @@ int CFiPluginBase::make(char*, qfi_splitnode**, int, qzfi_objid*** ids, int* nid
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::makeSnapshots(CFiSessionPtr) { return QFI_SUCCESS; }
+int CFiPluginBase::makeSnapshots(CFiSessionPtr) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::prepare(char*, qfi_splitnode**, int, int) { return QFI_SUCCESS; }
+int CFiPluginBase::prepare(char*, qfi_splitnode**, int, int) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::prepareSnapshots(CFiSessionPtr) { return QFI_SUCCESS; }
+int CFiPluginBase::prepareSnapshots(CFiSessionPtr) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::select(char*, qfi_splitnode**, int) { return QFI_SUCCESS; }
+int CFiPluginBase::select(char*, qfi_splitnode**, int) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::selectSnapshots(CFiSessionPtr) { return QFI_SUCCESS; }
+int CFiPluginBase::selectSnapshots(CFiSessionPtr) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::isReady(char*, qfi_splitnode**, int) { return QFI_SUCCESS; }
+int CFiPluginBase::isReady(char*, qfi_splitnode**, int) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::cacheDisable(qfi_domain*, int) { return QFI_SUCCESS; }
+int CFiPluginBase::cacheDisable(qfi_domain*, int) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::cacheEnable(qfi_domain*, int) { return QFI_SUCCESS; }
+int CFiPluginBase::cacheEnable(qfi_domain*, int) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::cacheFlush(qfi_domain*, int) { return QFI_SUCCESS; }
+int CFiPluginBase::cacheFlush(qfi_domain*, int) {
+  return QFI_SUCCESS;
+}
 
 int CFiPluginBase::interpose(qfi_domain*, qzfi_objid**, qzfi_objid*** ids, int* count) {
   clearOut(ids);
@@ -233,32 +271,44 @@ int CFiPluginBase::getAttr(qfi_domain*, qfi_domain*, qfi_splitnode*, qfi_attribu
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::getProviderInfo(qfi_provider_list**) { return QFI_SUCCESS; }
+int CFiPluginBase::getProviderInfo(qfi_provider_list**) {
+  return QFI_SUCCESS;
+}
 
 int CFiPluginBase::enumerateNodes(qfi_node_list**, int* count, int, char*) {
   clearOut(count);
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::enumerateAssociations(qfi_assoc_list**) { return QFI_SUCCESS; }
+int CFiPluginBase::enumerateAssociations(qfi_assoc_list**) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::enumerateGroupNodes(qfi_group_node_list**) { return QFI_SUCCESS; }
+int CFiPluginBase::enumerateGroupNodes(qfi_group_node_list**) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::enumerateFims(qfi_fim_list**) { return QFI_SUCCESS; }
+int CFiPluginBase::enumerateFims(qfi_fim_list**) {
+  return QFI_SUCCESS;
+}
 
 int CFiPluginBase::isValidNodeAssociation(qfi_assoc*, int* valid) {
   clearOut(valid);
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::getAssociatedNodes(qfi_node*, qfi_node_list**) { return QFI_SUCCESS; }
+int CFiPluginBase::getAssociatedNodes(qfi_node*, qfi_node_list**) {
+  return QFI_SUCCESS;
+}
 
 int CFiPluginBase::checkNodeExistence(qfi_domain*, int* exists) {
   clearOut(exists);
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::objctl(const ACE_TString&, CFiObjctlArgs&) { return QFI_SUCCESS; }
+int CFiPluginBase::objctl(const ACE_TString&, CFiObjctlArgs&) {
+  return QFI_SUCCESS;
+}
 
 int CFiPluginBase::processProviderState(qfi_domain*, qfi_blob*, qfi_op_providerstate) {
   return QFI_SUCCESS;
@@ -308,9 +358,13 @@ int CFiPluginBase::delLocaleMessage(char** text) {
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::enableAccess(qfi_node_subobj_list*, long, int, int) { return QFI_SUCCESS; }
+int CFiPluginBase::enableAccess(qfi_node_subobj_list*, long, int, int) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::disableAccess(qfi_node_subobj_list*, long) { return QFI_SUCCESS; }
+int CFiPluginBase::disableAccess(qfi_node_subobj_list*, long) {
+  return QFI_SUCCESS;
+}
 
 int CFiPluginBase::restore(qzfi_objid**, qzfi_objid**, long, char*, char*, char*** paths,
                            long* npaths, long, long* status) {
@@ -330,7 +384,9 @@ int CFiPluginBase::getStatus(qzfi_objid**, qzfi_objid**, long, char*, long, long
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::prePrepare(qfi_domain*) { return QFI_SUCCESS; }
+int CFiPluginBase::prePrepare(qfi_domain*) {
+  return QFI_SUCCESS;
+}
 
 int CFiPluginBase::queryValidSecondaries(char*, qzfi_objid*** ids, long* count) {
   clearOut(ids);
@@ -344,17 +400,25 @@ int CFiPluginBase::resourceStatus(qzfi_objid*, long, long* status, qfi_msg_info*
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::revisitPluginNodes(qfi_pgn_node_list*) { return QFI_SUCCESS; }
+int CFiPluginBase::revisitPluginNodes(qfi_pgn_node_list*) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::verifyQSCombos(qfi_splitnode**, int) { return QFI_SUCCESS; }
+int CFiPluginBase::verifyQSCombos(qfi_splitnode**, int) {
+  return QFI_SUCCESS;
+}
 
 int CFiPluginBase::setImportOptions(qfi_splitnode**, int, qfi_host_infn*, int, void*) {
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::startBuildAltTree(qfi_domain*, qzfi_objid**, void*) { return QFI_SUCCESS; }
+int CFiPluginBase::startBuildAltTree(qfi_domain*, qzfi_objid**, void*) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::translateResourceNames(char**, int, char**) { return QFI_SUCCESS; }
+int CFiPluginBase::translateResourceNames(char**, int, char**) {
+  return QFI_SUCCESS;
+}
 
 int CFiPluginBase::enumerateEnclosures(qfi_enclosure_node_list**, int* count, char*) {
   clearOut(count);
@@ -384,19 +448,24 @@ int CFiPluginBase::onlineResource(char**, int, char*, char*, char*, char*, int, 
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::deportResource(char*, char*, char*, char*, int) { return QFI_SUCCESS; }
+int CFiPluginBase::deportResource(char*, char*, char*, char*, int) {
+  return QFI_SUCCESS;
+}
 
 int CFiPluginBase::isParentPgn(char*, int* isParent, int) {
   clearOut(isParent);
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::unformat(char**, int, int) { return QFI_SUCCESS; }
+int CFiPluginBase::unformat(char**, int, int) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::preDeportResource(char*, int, char*) { return QFI_SUCCESS; }
+int CFiPluginBase::preDeportResource(char*, int, char*) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::refreshTree(qfi_domain*, int, int, qfi_resource*, int, int* result, void*,
-                               int) {
+int CFiPluginBase::refreshTree(qfi_domain*, int, int, qfi_resource*, int, int* result, void*, int) {
   clearOut(result);
   return QFI_SUCCESS;
 }
@@ -406,13 +475,21 @@ int CFiPluginBase::getBackupset(qfi_domain*, int, char**, int, qfi_bkupset* set)
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::getAppStatus(qfi_domain*, int, void*) { return QFI_SUCCESS; }
+int CFiPluginBase::getAppStatus(qfi_domain*, int, void*) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::setOpStatus(qfi_domain*, int) { return QFI_SUCCESS; }
+int CFiPluginBase::setOpStatus(qfi_domain*, int) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::setCompStatus(qfi_domain*, int, char*, int) { return QFI_SUCCESS; }
+int CFiPluginBase::setCompStatus(qfi_domain*, int, char*, int) {
+  return QFI_SUCCESS;
+}
 
-int CFiPluginBase::setRestorepaths(qfi_domain*, char*, int) { return QFI_SUCCESS; }
+int CFiPluginBase::setRestorepaths(qfi_domain*, char*, int) {
+  return QFI_SUCCESS;
+}
 
 int CFiPluginBase::createSnapReplicaNode(qfi_domain*, qfi_snapreplica_ele*) {
   return QFI_SUCCESS;
@@ -427,7 +504,9 @@ int CFiPluginBase::getSnapshotSetId(qfi_domain*, char** id) {
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::preselect(qfi_splitnode*, char*, qfi_splitnode**, int) { return QFI_SUCCESS; }
+int CFiPluginBase::preselect(qfi_splitnode*, char*, qfi_splitnode**, int) {
+  return QFI_SUCCESS;
+}
 
 int CFiPluginBase::updateSnapshotHandle(CFiSessionPtr, qfi_snapreplica_ele*) {
   return QFI_SUCCESS;
@@ -438,7 +517,9 @@ int CFiPluginBase::getSnapdiff(qfi_domain*, qfi_snapreplica_ele*, qfi_snapreplic
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::postDeport(qfi_domain*, qfi_domain*) { return QFI_SUCCESS; }
+int CFiPluginBase::postDeport(qfi_domain*, qfi_domain*) {
+  return QFI_SUCCESS;
+}
 
 // Services.
 

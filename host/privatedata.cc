@@ -53,7 +53,8 @@ bool hasParam(const std::vector<qfi_confspec>& list, const char* name) {
 
 // CFiPrivateData
 
-CFiPrivateData::CFiPrivateData(qzfi_objid* id, bool alternate) : m_objid(id), m_alternate(alternate) {}
+CFiPrivateData::CFiPrivateData(qzfi_objid* id, bool alternate)
+    : m_objid(id), m_alternate(alternate) {}
 
 CFiPrivateData::~CFiPrivateData() = default;
 

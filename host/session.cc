@@ -48,8 +48,7 @@ void CFiSession::addNodes(qfi_splitnode** nodes, int count) {
   }
 }
 
-int CFiSession::exportSnapshotList(qfi_splitnode** nodes, int count, qzfi_objid*** ids,
-                                   int* nids) {
+int CFiSession::exportSnapshotList(qfi_splitnode** nodes, int count, qzfi_objid*** ids, int* nids) {
   if (ids == nullptr || nids == nullptr || count < 0 || (nodes == nullptr && count > 0)) {
     return QFI_E_INVALID;
   }
