@@ -22,12 +22,14 @@ class OsUtilTest : public ::testing::Test {
     ASSERT_NE(mkdtemp(folder), nullptr);
     m_folder = folder;
     setenv("QZFI_CONFIG_DIR", m_folder.c_str(), 1);
+    qzvmfi_ctx::TraceLog::instance()->setLevel(9);
     qzvmfi_ctx::TraceLog::instance()->setSink([this](int level, const std::string& text) {
       m_traces.push_back({level, text});
     });
     qzvmfi_ctx::ErrorManager::instance()->clear();
   }
   void TearDown() override {
+    qzvmfi_ctx::TraceLog::instance()->setLevel(9);
     qzvmfi_ctx::TraceLog::instance()->setSink(nullptr);
     qzvmfi_ctx::ErrorManager::instance()->clear();
     std::string command = "rm -rf " + m_folder;
@@ -99,7 +101,7 @@ TEST_F(OsUtilTest, MakeBlockToRawPathKeepsTheName) {
   makeBlockToRawPath("sdb", raw);
   EXPECT_EQ(raw, "sdb");
   makeBlockToRawPath("x/dev/sdb", raw);
-  EXPECT_EQ(raw, "/dev/ev/sdb");
+  EXPECT_EQ(raw, "/dev//sdb");
 }
 
 TEST_F(OsUtilTest, ConvertBlockToRawInsertsRAfterTheEighthCharacter) {
