@@ -140,11 +140,23 @@ struct ChildStreams {
   Fd error;   // its standard error, our read end
 };
 
+// Every step of the set-up is checked: a child that would start without its
+// pipes or with the host's descriptors must not start at all.
+void checkSetup(int err, const char* step) {
+  if (err != 0) {
+    throw EFiExecPipe(errnoText((tstring("CFiExecPipePosix: ") + step).c_str(), err));
+  }
+}
+
 class SpawnSetup {
  public:
   SpawnSetup() {
-    posix_spawn_file_actions_init(&m_actions);
-    posix_spawnattr_init(&m_attributes);
+    checkSetup(posix_spawn_file_actions_init(&m_actions), "spawn set-up failed");
+    int err = posix_spawnattr_init(&m_attributes);
+    if (err != 0) {
+      posix_spawn_file_actions_destroy(&m_actions);
+      checkSetup(err, "spawn set-up failed");
+    }
   }
   ~SpawnSetup() {
     posix_spawn_file_actions_destroy(&m_actions);
@@ -154,15 +166,20 @@ class SpawnSetup {
   SpawnSetup& operator=(const SpawnSetup&) = delete;
 
   void streams(int in, int out, int err) {
-    posix_spawn_file_actions_adddup2(&m_actions, in, STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&m_actions, out, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&m_actions, err, STDERR_FILENO);
+    checkSetup(posix_spawn_file_actions_adddup2(&m_actions, in, STDIN_FILENO),
+               "dup2 set-up failed");
+    checkSetup(posix_spawn_file_actions_adddup2(&m_actions, out, STDOUT_FILENO),
+               "dup2 set-up failed");
+    checkSetup(posix_spawn_file_actions_adddup2(&m_actions, err, STDERR_FILENO),
+               "dup2 set-up failed");
     // Descriptors the host opened without close-on-exec stay out of the child.
-    posix_spawn_file_actions_addclosefrom_np(&m_actions, STDERR_FILENO + 1);
+    checkSetup(posix_spawn_file_actions_addclosefrom_np(&m_actions, STDERR_FILENO + 1),
+               "closefrom set-up failed");
   }
   void directory(const tstring& dir) {
     if (!dir.empty()) {
-      posix_spawn_file_actions_addchdir_np(&m_actions, dir.c_str());
+      checkSetup(posix_spawn_file_actions_addchdir_np(&m_actions, dir.c_str()),
+                 "chdir set-up failed");
     }
   }
   // Own process group, so that a limit can kill the command's children too;
@@ -172,11 +189,13 @@ class SpawnSetup {
     sigset_t none;
     sigfillset(&all);
     sigemptyset(&none);
-    posix_spawnattr_setpgroup(&m_attributes, 0);
-    posix_spawnattr_setsigdefault(&m_attributes, &all);
-    posix_spawnattr_setsigmask(&m_attributes, &none);
-    posix_spawnattr_setflags(
-        &m_attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    checkSetup(posix_spawnattr_setpgroup(&m_attributes, 0), "process group set-up failed");
+    checkSetup(posix_spawnattr_setsigdefault(&m_attributes, &all), "signal set-up failed");
+    checkSetup(posix_spawnattr_setsigmask(&m_attributes, &none), "signal set-up failed");
+    checkSetup(
+        posix_spawnattr_setflags(
+            &m_attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK),
+        "spawn flags set-up failed");
   }
   pid_t spawn(const tstring& command, const tstring& extraEnv) {
     std::vector<tstring> argv{"sh", "-c", command};
