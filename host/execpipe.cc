@@ -620,7 +620,8 @@ int CFiExecSeam::replayFrom(const tstring& file) {
     return -1;
   }
   std::vector<RecordedRun> runs;
-  for (RecordedRun run; in >> std::ws, in.peek() != std::ifstream::traits_type::eof();) {
+  RecordedRun run;
+  while ((in >> std::ws).peek() != std::ifstream::traits_type::eof()) {
     if (!readRun(in, run)) {
       return -1;
     }
@@ -628,9 +629,9 @@ int CFiExecSeam::replayFrom(const tstring& file) {
   }
   // Runs of one line are answered in the order they were recorded, and the
   // last one keeps answering after that.
-  for (const RecordedRun& run : runs) {
-    expect(run.command, run.answer.status, run.answer.output);
-    answer(run.command, run.answer.status, run.answer.output);
+  for (const RecordedRun& recorded : runs) {
+    expect(recorded.command, recorded.answer.status, recorded.answer.output);
+    answer(recorded.command, recorded.answer.status, recorded.answer.output);
   }
   return static_cast<int>(runs.size());
 }
