@@ -1,0 +1,411 @@
+#include "admin.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <set>
+
+#include "../include/qzsim/sandbox.h"
+#include "fsutil.h"
+#include "run.h"
+#include "text.h"
+#include "tools.h"
+#include "volio.h"
+
+namespace qzsim {
+
+namespace {
+
+struct AdminError {
+  std::string text;
+};
+
+[[noreturn]] void usage(const std::string& text) { throw AdminError{text}; }
+
+// "--flag" and "--key value" options, then the remaining words.
+struct Flags {
+  std::map<std::string, std::string> kv;
+  std::set<std::string> flags;
+  std::vector<std::string> words;
+  std::string get(const std::string& k, const std::string& fallback = "") const {
+    auto it = kv.find(k);
+    return it == kv.end() ? fallback : it->second;
+  }
+  std::string need(const std::string& k) const {
+    auto it = kv.find(k);
+    if (it == kv.end()) usage("--" + k + " is required");
+    return it->second;
+  }
+  uint64_t num(const std::string& k, uint64_t fallback) const {
+    uint64_t v = fallback;
+    if (kv.count(k) && !parseUint(kv.at(k), &v)) usage("--" + k + " needs a number");
+    return v;
+  }
+  uint64_t length(const std::string& k, uint64_t fallback) const {
+    uint64_t v = fallback;
+    if (kv.count(k) && !parseLength(kv.at(k), &v)) usage("--" + k + " needs a length");
+    return v;
+  }
+};
+
+const std::set<std::string> kBoolFlags = {"no-dmp", "no-vset", "no-cds", "not-installed", "total"};
+
+Flags parseFlags(const std::vector<std::string>& args, size_t from) {
+  Flags f;
+  for (size_t i = from; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    if (!startsWith(a, "--")) {
+      f.words.push_back(a);
+      continue;
+    }
+    std::string key = a.substr(2), value;
+    if (splitKeyValue(key, &key, &value)) f.kv[key] = value;
+    else if (kBoolFlags.count(key)) f.flags.insert(key);
+    else if (i + 1 < args.size()) f.kv[key] = args[++i];
+    else usage(a + " needs a value");
+  }
+  return f;
+}
+
+std::string rootDir() {
+  const char* r = getenv("QZSIM_ROOT");
+  if (!r || !*r) usage("QZSIM_ROOT is not set");
+  return r;
+}
+
+// Runs fn inside one transaction on the simulation database.
+template <class Fn>
+void withDb(Fn fn) {
+  std::string root = rootDir();
+  if (access(dbPath(root).c_str(), F_OK) != 0) usage("no simulation at " + root + " (run qzsim init)");
+  Db db(dbPath(root));
+  db.begin();
+  try {
+    fn(db, root);
+    db.commit();
+  } catch (...) {
+    db.rollback();
+    throw;
+  }
+}
+
+void syncHost(Db& db, const std::string& root, const std::string& host) {
+  Sim s(db, root, host);
+  s.applyDeletes();
+  s.syncHostFiles();
+}
+
+std::string osName(int64_t n) {
+  std::string suffix;
+  for (int64_t k = n + 1; k > 0; k = (k - 1) / 26) suffix.insert(suffix.begin(), static_cast<char>('a' + (k - 1) % 26));
+  return "sd" + suffix;
+}
+
+std::vector<std::string> attach(Db& db, int64_t disk, const std::string& host, int paths) {
+  Sim::loadHost(db, host);
+  if (db.queryInt("SELECT count(*) FROM hostdisks WHERE host=? AND disk=?", {host, disk}, 0))
+    usage("disk is already attached to host " + host);
+  db.exec("INSERT INTO hostdisks(host, disk) VALUES(?,?)", {host, disk});
+  std::vector<std::string> names;
+  for (int i = 0; i < paths; ++i) {
+    std::string name = osName(db.nextSeq("os:" + host));
+    db.exec("INSERT INTO paths(host, osname, disk, ord) VALUES(?,?,?,?)",
+            {host, name, disk, db.nextSeq("ord")});
+    names.push_back(name);
+  }
+  return names;
+}
+
+int64_t newDisk(Db& db, const std::string& root, const std::string& enclosure, int64_t size) {
+  int64_t n = db.nextSeq("lun");
+  std::string lun = "lun" + std::to_string(n);
+  std::string image = root + "/images/" + lun + ".img";
+  makeDirs(root + "/images");
+  int fd = open(image.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0 || ftruncate(fd, size * 512) != 0) usage("cannot create disk image " + image);
+  close(fd);
+  db.exec("INSERT INTO disks(lun, enclosure, encl_index, size, image) VALUES(?,?,?,?,?)",
+          {lun, enclosure, db.nextSeq("encl:" + enclosure) - 1, size, image});
+  return db.lastInsertId();
+}
+
+std::string describe(Db& db, int64_t disk, const std::map<std::string, std::vector<std::string>>& byHost) {
+  Disk d = Sim::loadDisk(db, disk);
+  std::string line = d.lun + " " + d.node();
+  for (const auto& h : byHost) line += " " + h.first + "=" + join(h.second, ",");
+  return line;
+}
+
+void cmdInit() {
+  std::string root = rootDir();
+  if (!makeDirs(root + "/images") || !makeDirs(root + "/hosts")) usage("cannot create " + root);
+  Db db(dbPath(root));
+  std::cout << "initialised " << root << "\n";
+}
+
+void hostAdd(const Flags& f) {
+  if (f.words.empty()) usage("Usage: qzsim host add NAME [--no-dmp] [--no-vset] [--no-cds] [--not-installed] [--version V]");
+  withDb([&](Db& db, const std::string& root) {
+    db.exec("INSERT INTO hosts(name, installed, version, dmp, vset, cds) VALUES(?,?,?,?,?,?)",
+            {f.words[0], f.flags.count("not-installed") ? 0 : 1, f.get("version", "8.0.1"),
+             f.flags.count("no-dmp") ? 0 : 1, f.flags.count("no-vset") ? 0 : 1,
+             f.flags.count("no-cds") ? 0 : 1});
+    std::string dir = hostDir(root, f.words[0]);
+    for (const char* sub : {"/dev_qz/dsk", "/dev_qz/rdsk", "/sys_block", "/qzfi_config", "/qzfi_log"})
+      makeDirs(dir + sub);
+  });
+}
+
+void hostList() {
+  withDb([&](Db& db, const std::string&) {
+    std::vector<std::vector<std::string>> rows = {{"HOST", "INSTALLED", "VERSION", "DMP", "VSET", "CDS"}};
+    for (const auto& r : db.query("SELECT name, installed, version, dmp, vset, cds FROM hosts ORDER BY name"))
+      rows.push_back({r[0].s, r[1].i ? "yes" : "no", r[2].s, r[3].i ? "yes" : "no", r[4].i ? "yes" : "no",
+                      r[5].i ? "yes" : "no"});
+    std::cout << formatTable(rows);
+  });
+}
+
+int hostRun(const std::vector<std::string>& args, const std::string& binary) {
+  // qzsim host NAME -- COMMAND...
+  if (args.size() < 5 || args[3] != "--") usage("Usage: qzsim host NAME -- COMMAND [ARGS...]");
+  std::string err;
+  if (!enterNamespace(&err) || !actAsHost(rootDir(), args[2], &err, binary)) {
+    std::cerr << "qzsim: " << err << "\n";
+    return 125;
+  }
+  std::vector<char*> argv;
+  for (size_t i = 4; i < args.size(); ++i) argv.push_back(const_cast<char*>(args[i].c_str()));
+  argv.push_back(nullptr);
+  execvp(argv[0], argv.data());
+  perror(argv[0]);
+  return 127;
+}
+
+void diskAdd(const Flags& f) {
+  withDb([&](Db& db, const std::string& root) {
+    int64_t size = static_cast<int64_t>(f.length("size", 2048ull * 1024));
+    uint64_t count = f.num("count", 1);
+    int paths = static_cast<int>(f.num("paths", 1));
+    std::vector<std::string> hosts;
+    if (!f.get("hosts").empty()) hosts = splitChar(f.get("hosts"), ',');
+    for (uint64_t i = 0; i < count; ++i) {
+      int64_t id = newDisk(db, root, f.get("enclosure", "qzarr0"), size);
+      std::map<std::string, std::vector<std::string>> byHost;
+      for (const auto& h : hosts) byHost[h] = attach(db, id, h, paths);
+      std::cout << describe(db, id, byHost) << "\n";
+    }
+    for (const auto& h : hosts) syncHost(db, root, h);
+  });
+}
+
+// A disk named by LUN, or by a name that the given host uses for it.
+int64_t resolveDisk(Db& db, const std::string& root, const std::string& name, const std::string& host) {
+  int64_t id = db.queryInt("SELECT id FROM disks WHERE lun=?", {name}, 0);
+  if (!id && !host.empty()) {
+    Sim s(db, root, host);
+    id = s.findDisk(name, false);
+    if (!id) id = db.queryInt("SELECT disk FROM paths WHERE host=? AND osname=?", {host, name}, 0);
+  }
+  if (!id) usage("unknown disk " + name);
+  return id;
+}
+
+void diskAttach(const Flags& f, bool attachIt) {
+  if (f.words.empty()) usage("Usage: qzsim disk attach|detach LUN --host H [--paths N]");
+  withDb([&](Db& db, const std::string& root) {
+    std::string host = f.need("host");
+    int64_t id = resolveDisk(db, root, f.words[0], host);
+    if (attachIt) {
+      std::map<std::string, std::vector<std::string>> byHost;
+      byHost[host] = attach(db, id, host, static_cast<int>(f.num("paths", 1)));
+      std::cout << describe(db, id, byHost) << "\n";
+    } else {
+      db.exec("DELETE FROM paths WHERE host=? AND disk=?", {host, id});
+      db.exec("DELETE FROM hostdisks WHERE host=? AND disk=?", {host, id});
+    }
+    syncHost(db, root, host);
+  });
+}
+
+void diskList() {
+  withDb([&](Db& db, const std::string&) {
+    std::vector<std::vector<std::string>> rows = {{"LUN", "NODE", "SIZE", "FORMAT", "GROUP", "LOCK", "PATHS"}};
+    for (const auto& r : db.query("SELECT id FROM disks ORDER BY id")) {
+      Disk d = Sim::loadDisk(db, r[0].i);
+      std::vector<std::string> paths;
+      for (const auto& p : db.query("SELECT host, osname, enabled FROM paths WHERE disk=? ORDER BY ord", {d.id}))
+        paths.push_back(p[0].s + ":" + p[1].s + (p[2].i ? "" : "(disabled)"));
+      rows.push_back({d.lun, d.node(), std::to_string(d.size), d.ptype + ":" + d.pformat,
+                      d.dgname.empty() ? "-" : d.dgname, d.hostlock.empty() ? "-" : d.hostlock,
+                      paths.empty() ? "-" : join(paths, ",")});
+    }
+    std::cout << formatTable(rows);
+  });
+}
+
+// The array's copy of disks: images and private regions, under new OS names
+// on the target host, not seen by QzVM there until a scan.
+void arraySplit(const Flags& f) {
+  withDb([&](Db& db, const std::string& root) {
+    std::string to = f.need("to-host"), from = f.get("from-host");
+    for (const auto& name : splitChar(f.need("disks"), ',')) {
+      Disk src = Sim::loadDisk(db, resolveDisk(db, root, name, from));
+      int64_t id = newDisk(db, root, src.enclosure, src.size);
+      Disk copy = src;
+      copy.id = id;
+      Disk fresh = Sim::loadDisk(db, id);
+      copy.lun = fresh.lun;
+      copy.image = fresh.image;
+      copy.enclIndex = fresh.enclIndex;
+      Sim::saveDisk(db, copy);
+      if (!copySparse(src.image, copy.image)) usage("cannot copy " + src.image);
+      int paths = static_cast<int>(f.num("paths", 0));
+      if (!paths) paths = from.empty() ? 1 : std::max<int>(1, static_cast<int>(db.queryInt(
+                                            "SELECT count(*) FROM paths WHERE host=? AND disk=?", {from, src.id}, 1)));
+      std::map<std::string, std::vector<std::string>> byHost;
+      byHost[to] = attach(db, id, to, paths);
+      std::cout << describe(db, id, byHost) << "\n";
+    }
+    syncHost(db, root, to);
+  });
+}
+
+void volumeCmd(const std::string& op, const Flags& f) {
+  if (f.words.size() != 2) usage("Usage: qzsim volume write|read|checksum|hold|release --host H DG VOL");
+  withDb([&](Db& db, const std::string& root) {
+    Sim s(db, root, f.need("host"));
+    const std::string &dg = f.words[0], &vol = f.words[1];
+    if (op == "write") {
+      writeVolume(s, dg, vol, f.num("seed", 1), f.length("offset", 0), f.length("length", 0));
+    } else if (op == "read") {
+      std::string data = readVolume(s, dg, vol, f.length("offset", 0), f.length("length", 0));
+      fwrite(data.data(), 1, data.size(), stdout);
+    } else if (op == "checksum") {
+      std::cout << checksumVolume(s, dg, vol) << "\n";
+    } else if (op == "hold" || op == "release") {
+      Sim::Group g = s.requireGroup(dg);
+      if (!g.cfg.findVol(vol)) fail(kNoObject, "Volume " + vol + " not found");
+      if (op == "hold") db.exec("INSERT OR IGNORE INTO holds VALUES(?,?,?)", {s.host.name, g.dgid, vol});
+      else db.exec("DELETE FROM holds WHERE host=? AND dgid=? AND vol=?", {s.host.name, g.dgid, vol});
+    } else {
+      usage("unknown volume operation " + op);
+    }
+  });
+}
+
+void faultCmd(const std::string& op, const Flags& f) {
+  withDb([&](Db& db, const std::string&) {
+    if (op == "add" || op == "busy") {
+      bool busy = op == "busy";
+      db.exec("INSERT INTO faults(host, tool, pattern, kind, nth, remaining, status, out, err) "
+              "VALUES(?,?,?,?,?,?,?,?,?)",
+              {f.get("host"), f.get("tool", busy ? "qzvol" : ""), f.get("match", busy ? "stop" : ""),
+               busy ? "busy" : "fail", static_cast<int64_t>(f.num("nth", 1)),
+               static_cast<int64_t>(f.num(busy ? "count" : "times", 1)),
+               static_cast<int64_t>(busy ? 31 : f.num("status", 1)), f.get("stdout"), f.get("stderr")});
+    } else if (op == "hide-scans") {
+      db.exec("UPDATE hosts SET hide_scans=? WHERE name=?", {static_cast<int64_t>(f.num("count", 1)), f.need("host")});
+    } else if (op == "clear") {
+      db.exec("DELETE FROM faults");
+      db.exec("UPDATE hosts SET hide_scans=0");
+    } else if (op == "list") {
+      std::vector<std::vector<std::string>> rows = {{"ID", "HOST", "TOOL", "MATCH", "KIND", "NTH", "LEFT", "STATUS", "HITS"}};
+      for (const auto& r : db.query("SELECT id, host, tool, pattern, kind, nth, remaining, status, hits FROM faults"))
+        rows.push_back({std::to_string(r[0].i), r[1].s.empty() ? "*" : r[1].s, r[2].s.empty() ? "*" : r[2].s,
+                        "'" + r[3].s + "'", r[4].s, std::to_string(r[5].i), std::to_string(r[6].i),
+                        std::to_string(r[7].i), std::to_string(r[8].i)});
+      std::cout << formatTable(rows);
+    } else {
+      usage("Usage: qzsim fault add|busy|hide-scans|list|clear ...");
+    }
+  });
+}
+
+void logCmd(const Flags& f) {
+  withDb([&](Db& db, const std::string&) {
+    std::string sql = "SELECT id, host, status, usec, cmd FROM runs WHERE (?='' OR host=?) AND (?='' OR cmd LIKE ?) ORDER BY id";
+    std::string tool = f.get("tool");
+    auto rows = db.query(sql, {f.get("host"), f.get("host"), tool, tool + " %"});
+    if (f.flags.count("total")) {
+      std::cout << rows.size() << "\n";
+      return;
+    }
+    std::vector<std::vector<std::string>> out = {{"ID", "HOST", "STATUS", "USEC", "COMMAND"}};
+    for (const auto& r : rows)
+      out.push_back({std::to_string(r[0].i), r[1].s, std::to_string(r[2].i), std::to_string(r[3].i), r[4].s});
+    std::cout << formatTable(out);
+  });
+}
+
+int toolRun(const std::vector<std::string>& args) {
+  Flags f = parseFlags({args.begin(), args.begin() + std::min<size_t>(args.size(), 3)}, 1);
+  if (args.size() < 4 || !f.kv.count("host")) usage("Usage: qzsim run --host H TOOL [ARGS...]");
+  RunResult r = runTool(rootDir(), f.kv["host"], args[3], {args.begin() + 4, args.end()});
+  std::cout << r.out;
+  std::cerr << r.err;
+  return r.status;
+}
+
+const char* kHelp = R"(qzsim - QzVM simulator
+  qzsim init                                   create the simulation at $QZSIM_ROOT
+  qzsim host add NAME [--no-dmp] [--no-vset] [--no-cds] [--not-installed] [--version V]
+  qzsim host list
+  qzsim host NAME -- COMMAND [ARGS...]         run COMMAND as host NAME in a private sandbox
+  qzsim disk add [--size LEN] [--count N] [--hosts A,B] [--paths N] [--enclosure E]
+  qzsim disk attach|detach DISK --host H [--paths N]
+  qzsim disk list
+  qzsim array split --disks D1,D2 [--from-host H] --to-host H2 [--paths N]
+  qzsim volume write|read|checksum|hold|release --host H DG VOL [--seed N] [--offset LEN] [--length LEN]
+  qzsim fault add [--host H] [--tool T] [--match TEXT] [--nth N] [--times K] [--status S] [--stdout T] [--stderr T]
+  qzsim fault busy [--host H] [--tool qzvol] [--match stop] --count K
+  qzsim fault hide-scans --host H --count K
+  qzsim fault list|clear
+  qzsim log [--host H] [--tool T] [--total]
+  qzsim check
+  qzsim run --host H TOOL [ARGS...]            run one tool as host H without the sandbox
+Called as qzdg, qzdisk, qzprint, qzvol, qzinfo, qzassist, qzvset, qzmake, qzdmpadm,
+qzdisksetup, qzdiskunsetup, qzcdsconvert, rpm or parted, it is that tool for host $QZSIM_HOST.
+)";
+
+}  // namespace
+
+int checkMain();
+
+int adminMain(const std::vector<std::string>& args, const std::string& binary) {
+  try {
+    std::string cmd = args.size() > 1 ? args[1] : "--help";
+    std::string sub = args.size() > 2 ? args[2] : "";
+    Flags f = parseFlags(args, 3);
+    if (cmd == "--help" || cmd == "help" || cmd == "-h") return std::cout << kHelp, 0;
+    if (cmd == "init") return cmdInit(), 0;
+    if (cmd == "host" && sub == "add") return hostAdd(f), 0;
+    if (cmd == "host" && sub == "list") return hostList(), 0;
+    if (cmd == "host") return hostRun(args, binary);
+    if (cmd == "disk" && sub == "add") return diskAdd(f), 0;
+    if (cmd == "disk" && (sub == "attach" || sub == "detach")) return diskAttach(f, sub == "attach"), 0;
+    if (cmd == "disk" && sub == "list") return diskList(), 0;
+    if (cmd == "array" && sub == "split") return arraySplit(f), 0;
+    if (cmd == "volume") return volumeCmd(sub, f), 0;
+    if (cmd == "fault") return faultCmd(sub, f), 0;
+    if (cmd == "log") return logCmd(parseFlags(args, 2)), 0;
+    if (cmd == "check") return checkMain();
+    if (cmd == "run") return toolRun(args);
+    usage(std::string("unknown command; see qzsim --help"));
+  } catch (const AdminError& e) {
+    std::cerr << "qzsim: " << e.text << "\n";
+    return 2;
+  } catch (const ToolError& e) {
+    std::cerr << "qzsim: " << e.text << "\n";
+    return e.status;
+  } catch (const DbError& e) {
+    std::cerr << "qzsim: simulation database: " << e.what() << "\n";
+    return 3;
+  }
+}
+
+}  // namespace qzsim

@@ -1,0 +1,101 @@
+#include "run.h"
+
+#include <unistd.h>
+
+#include <chrono>
+
+#include "text.h"
+#include "tools.h"
+
+namespace qzsim {
+
+namespace {
+
+bool isQzvmTool(const std::string& tool) { return tool != "rpm" && tool != "parted"; }
+
+// A fault that fires replaces the run: no state changes, only its output.
+bool fireFault(Db& db, const std::string& host, const std::string& tool,
+               const std::string& cmdline, RunResult* r) {
+  auto rows = db.query(
+      "SELECT id, pattern, kind, nth, remaining, status, out, err, hits FROM faults "
+      "WHERE (host='' OR host=?) AND (tool='' OR tool=?) ORDER BY id",
+      {host, tool});
+  for (const auto& f : rows) {
+    if (cmdline.find(f[1].s) == std::string::npos) continue;
+    int64_t hits = f[8].i + 1;
+    db.exec("UPDATE faults SET hits=? WHERE id=?", {hits, f[0].i});
+    if (hits < f[3].i || f[4].i <= 0) continue;
+    db.exec("UPDATE faults SET remaining=remaining-1 WHERE id=?", {f[0].i});
+    r->status = static_cast<int>(f[5].i);
+    r->out = f[6].s;
+    r->err = f[7].s;
+    if (f[2].s == "busy" && r->err.empty())
+      r->err = errorLine(tool, 304, "Volume is busy");
+    return true;
+  }
+  return false;
+}
+
+void logRun(Db& db, const std::string& host, const std::string& cmdline, int status,
+            std::chrono::steady_clock::time_point start) {
+  auto usec = std::chrono::duration_cast<std::chrono::microseconds>(
+                  std::chrono::steady_clock::now() - start)
+                  .count();
+  db.exec("INSERT INTO runs(host, cmd, status, usec) VALUES(?,?,?,?)",
+          {host, cmdline, status, static_cast<int64_t>(usec)});
+}
+
+RunResult runInTransaction(Db& db, Sim& s, const std::string& tool, const std::vector<std::string>& args,
+                           const std::string& cmdline) {
+  RunResult r;
+  s.applyDeletes();
+  if (fireFault(db, s.host.name, tool, cmdline, &r)) return r;
+  db.exec("SAVEPOINT tool");
+  try {
+    if (isQzvmTool(tool) && !s.host.installed) fail(kNotInstalled, "QzVM is not installed on this host");
+    findTool(tool)(s, args);
+    r.out = s.out;
+  } catch (const ToolError& e) {
+    db.exec("ROLLBACK TO tool");
+    r.status = e.status;
+    r.out.clear();
+    r.err = e.code ? errorLine(tool, e.code, e.text) : e.text + "\n";
+  }
+  db.exec("RELEASE tool");
+  s.syncHostFiles();
+  return r;
+}
+
+}  // namespace
+
+std::string errorLine(const std::string& tool, int code, const std::string& text) {
+  return "QZVM " + tool + " ERROR Q-5-1-" + std::to_string(code) + " " + text + "\n";
+}
+
+RunResult runTool(const std::string& root, const std::string& host, const std::string& tool,
+                  const std::vector<std::string>& args) {
+  auto start = std::chrono::steady_clock::now();
+  RunResult r;
+  if (!findTool(tool)) return {1, "", errorLine(tool, 1, "unknown tool " + tool)};
+  if (root.empty() || access(dbPath(root).c_str(), F_OK) != 0)
+    return {2, "", errorLine(tool, 2, "no simulation at QZSIM_ROOT='" + root + "' (run qzsim init)")};
+  std::string cmdline = tool;
+  for (const auto& a : args) cmdline += " " + a;
+  try {
+    Db db(dbPath(root));
+    db.begin();
+    try {
+      Sim s(db, root, host);
+      r = runInTransaction(db, s, tool, args, cmdline);
+    } catch (const ToolError& e) {
+      r = {e.status, "", errorLine(tool, e.code, e.text)};
+    }
+    logRun(db, host, cmdline, r.status, start);
+    db.commit();
+  } catch (const DbError& e) {
+    return {99, "", errorLine(tool, 99, std::string("simulation database: ") + e.what())};
+  }
+  return r;
+}
+
+}  // namespace qzsim
