@@ -1,0 +1,127 @@
+// Test surroundings of the plug-in's units: private configuration and log
+// folders, the plug-in's trace log read through its sink, an empty error
+// stack, and commands answered by the exec seam instead of being run.
+#ifndef QZVMFI_TESTS_PLUGIN_ENV_H
+#define QZVMFI_TESTS_PLUGIN_ENV_H
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "context.h"
+
+namespace qzvmfi_test {
+
+struct TraceLine {
+  int level;
+  std::string text;
+  bool operator==(const TraceLine& other) const {
+    return level == other.level && text == other.text;
+  }
+};
+
+inline std::ostream& operator<<(std::ostream& out, const TraceLine& line) {
+  return out << line.level << " '" << line.text << "'";
+}
+
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "qzvmfi_unit_XXXXXX").string();
+    m_path = mkdtemp(pattern.data());
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(m_path, ignored);
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return m_path; }
+  std::string file(const std::string& name) const { return m_path + "/" + name; }
+
+ private:
+  std::string m_path;
+};
+
+inline std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+inline void writeFile(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+// The plug-in's singletons exist only inside one test.
+class PluginEnv : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_configDir = std::make_unique<TempDir>();
+    m_logDir = std::make_unique<TempDir>();
+    setenv("QZFI_CONFIG_DIR", m_configDir->path().c_str(), 1);
+    setenv("QZFI_LOG_DIR", m_logDir->path().c_str(), 1);
+    auto log = qzvmfi_ctx::TraceLog::instance();
+    log->setLevel(6);
+    auto* lines = &m_trace;
+    log->setSink([lines](int level, const std::string& text) { lines->push_back({level, text}); });
+    qzvmfi_ctx::ErrorManager::instance()->clear();
+    qzfi_pdk_4_4::CFiExecSeam::enable();
+  }
+
+  void TearDown() override {
+    qzfi_pdk_4_4::CFiExecSeam::disable();
+    qzvmfi_ctx::ErrorManager::instance(true);
+    qzvmfi_ctx::TraceLog::instance(true);
+    unsetenv("QZFI_CONFIG_DIR");
+    unsetenv("QZFI_LOG_DIR");
+    m_configDir.reset();
+    m_logDir.reset();
+  }
+
+  // Trace lines whose text begins with prefix.
+  std::vector<TraceLine> traced(const std::string& prefix = std::string()) const {
+    std::vector<TraceLine> lines;
+    for (const TraceLine& line : m_trace) {
+      if (line.text.compare(0, prefix.size(), prefix) == 0) {
+        lines.push_back(line);
+      }
+    }
+    return lines;
+  }
+
+  bool wasTraced(int level, const std::string& text) const {
+    for (const TraceLine& line : m_trace) {
+      if (line.level == level && line.text == text) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  std::vector<qzfi_pdk_4_4::CFiIcuMessagePtr> errors() const {
+    return qzvmfi_ctx::ErrorManager::instance()->errors();
+  }
+
+  const std::string& configDir() const { return m_configDir->path(); }
+  std::string configFile() const { return m_configDir->file("qzvmfi.conf"); }
+
+  std::vector<TraceLine> m_trace;
+
+ private:
+  std::unique_ptr<TempDir> m_configDir;
+  std::unique_ptr<TempDir> m_logDir;
+};
+
+}  // namespace qzvmfi_test
+
+#endif  // QZVMFI_TESTS_PLUGIN_ENV_H
