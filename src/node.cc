@@ -14,22 +14,51 @@ using qzvmfi_report::pluginTraceLog;
 
 namespace {
 
-// Room for a record's key, blanks, a count and its line feeds.
-const size_t kRecordOverhead = 64;
+// Where blob text goes. The writer runs twice: once to count, so that the
+// framework's buffer is allocated at its exact size, then into that buffer.
+class TextCounter {
+ public:
+  void append(std::string_view text) { m_size += text.size(); }
+  void append(char) { ++m_size; }
+  bool empty() const { return m_size == 0; }
+  size_t size() const { return m_size; }
 
-void appendLine(std::string& out, const std::string& line) {
-  out += line;
+ private:
+  size_t m_size = 0;
+};
+
+class BufferWriter {
+ public:
+  explicit BufferWriter(char* buffer) : m_start(buffer), m_next(buffer) {}
+  void append(std::string_view text) {
+    memcpy(m_next, text.data(), text.size());
+    m_next += text.size();
+  }
+  void append(char c) { *m_next++ = c; }
+  bool empty() const { return m_next == m_start; }
+
+ private:
+  char* m_start;
+  char* m_next;
+};
+
+class StringWriter {
+ public:
+  explicit StringWriter(std::string& out) : m_out(out) {}
+  void append(std::string_view text) { m_out.append(text); }
+  void append(char c) { m_out += c; }
+  bool empty() const { return m_out.empty(); }
+
+ private:
+  std::string& m_out;
+};
+
+template <class Out>
+void appendLine(Out& out, const std::string& line) {
+  out.append(line);
   if (line.find('\n') == std::string::npos) {
-    out += '\n';
+    out.append('\n');
   }
-}
-
-size_t linesSize(const std::vector<std::string>& lines) {
-  size_t size = 0;
-  for (const std::string& line : lines) {
-    size += line.size() + 1;
-  }
-  return size;
 }
 
 // The non-empty lines of a zero-terminated text, as CFiStringTool::tokenize
@@ -197,59 +226,104 @@ std::string CQzVMData::findSecondName(const std::string& disk) const {
   return std::string();
 }
 
-void CQzVMData::appendDiskRecord(const std::string& disk, const std::string& dmp,
-                                 std::string& out) {
+template <class Out>
+void CQzVMData::writeDiskRecords(Out& out) {
   static const std::vector<std::string> kNoLines;
-  const std::vector<std::string>* found = findListing(disk);
-  const std::vector<std::string>& lines = found != nullptr ? *found : kNoLines;
-  out += "fiid_volpriv ";
-  out += disk;
-  out += ' ';
-  if (m_secondName.count(disk) == 0) {
-    m_secondName[disk] = findSecondName(disk);  // empty when the disk has none
+  for (const auto& [disk, dmp] : m_diskToDmp) {
+    const std::vector<std::string>* found = findListing(disk);
+    const std::vector<std::string>& lines = found != nullptr ? *found : kNoLines;
+    if (m_secondName.count(disk) == 0) {
+      m_secondName[disk] = findSecondName(disk);  // empty when the disk has none
+    }
+    out.append("fiid_volpriv ");
+    out.append(disk);
+    out.append(' ');
+    out.append(m_secondName[disk]);
+    out.append(' ');
+    out.append(dmp);
+    out.append(' ');
+    out.append(std::to_string(lines.size()));
+    out.append('\n');
+    for (const std::string& line : lines) {
+      appendLine(out, line);
+    }
+    out.append('\n');
   }
-  out += m_secondName[disk];
-  out += ' ';
-  out += dmp;
-  out += ' ';
-  out += std::to_string(lines.size());
-  out += '\n';
-  for (const std::string& line : lines) {
+}
+
+template <class Out>
+void CQzVMData::writeDGConfig(Out& out) const {
+  out.append("fiid_dgconfig ");
+  out.append(m_dgName);
+  out.append(' ');
+  out.append(std::to_string(m_dgConfig.size()));
+  out.append('\n');
+  for (const std::string& line : m_dgConfig) {
     appendLine(out, line);
   }
-  out += '\n';
+}
+
+template <class Out>
+void CQzVMData::writeBlob(Out& out) {
+  // Records are separated by a line feed; the last one ends without one.
+  const auto startRecord = [&out](const char* key) {
+    if (!out.empty()) {
+      out.append('\n');
+    }
+    out.append(key);
+  };
+  const auto appendList = [&out](const std::vector<std::string>& entries) {
+    for (const std::string& entry : entries) {
+      out.append(' ');
+      out.append(entry);
+    }
+  };
+  if (m_deported == 1) {
+    startRecord("fiid_isqzvmdeported 1");
+  }
+  if (!m_vt.empty()) {
+    startRecord("fiid_vt");
+    appendList(m_vt);
+  }
+  if (!m_v.empty()) {
+    startRecord("fiid_v");
+    appendList(m_v);
+  }
+  if (!m_altVol.empty()) {
+    startRecord("fiid_altvol ");
+    out.append(m_altVol);
+  }
+  if (!m_dgId.empty()) {
+    startRecord("fiid_dgid ");
+    out.append(m_dgId);
+  }
+  if (!m_diskToDmp.empty()) {
+    startRecord("");
+    writeDiskRecords(out);
+  }
+  if (!m_dgConfig.empty()) {
+    startRecord("");
+    writeDGConfig(out);
+  }
+  char id[32];
+  startRecord("fiid_uigid ");
+  snprintf(id, sizeof id, "%ld", static_cast<long>(m_uid));
+  out.append(id);
+  out.append(' ');
+  snprintf(id, sizeof id, "%ld", static_cast<long>(m_gid));
+  out.append(id);
 }
 
 int CQzVMData::convertDiskInitInfoToString(std::string& out) {
-  for (const auto& [disk, dmp] : m_diskToDmp) {
-    appendDiskRecord(disk, dmp, out);
-  }
+  StringWriter writer(out);
+  writeDiskRecords(writer);
   return 0;
 }
 
 int CQzVMData::convertDGConfigInfoToString(std::string& out) {
-  out += "fiid_dgconfig ";
-  out += m_dgName;
-  out += ' ';
-  out += std::to_string(m_dgConfig.size());
-  out += '\n';
-  for (const std::string& line : m_dgConfig) {
-    appendLine(out, line);
-  }
+  StringWriter writer(out);
+  writeDGConfig(writer);
   return 0;
-}
-
-size_t CQzVMData::blobSizeHint() const {
-  size_t size = 4 * kRecordOverhead + m_altVol.size() + m_dgId.size() + linesSize(m_v) +
-                linesSize(m_vt) + m_dgName.size() + linesSize(m_dgConfig);
-  for (const auto& [disk, dmp] : m_diskToDmp) {
-    size += kRecordOverhead + 2 * disk.size() + 2 * dmp.size();
-    size += findSecondName(disk).size();
-    if (const auto* lines = findListing(disk)) {
-      size += linesSize(*lines);
-    }
-  }
-  return size;
 }
 
 int CQzVMData::createBlob(qfi_blob* blob) {
@@ -258,61 +332,16 @@ int CQzVMData::createBlob(qfi_blob* blob) {
     return QFI_E_INVALID;
   }
   try {
-    std::string text;
-    text.reserve(blobSizeHint());
-    // Records are separated by a line feed; the last one ends without one.
-    const auto startRecord = [&text](const char* key) {
-      if (!text.empty()) {
-        text += '\n';
-      }
-      text += key;
-    };
-    const auto appendList = [&text](const std::vector<std::string>& entries) {
-      for (const std::string& entry : entries) {
-        text += ' ';
-        text += entry;
-      }
-    };
-    if (m_deported == 1) {
-      startRecord("fiid_isqzvmdeported 1");
-    }
-    if (!m_vt.empty()) {
-      startRecord("fiid_vt");
-      appendList(m_vt);
-    }
-    if (!m_v.empty()) {
-      startRecord("fiid_v");
-      appendList(m_v);
-    }
-    if (!m_altVol.empty()) {
-      startRecord("fiid_altvol ");
-      text += m_altVol;
-    }
-    if (!m_dgId.empty()) {
-      startRecord("fiid_dgid ");
-      text += m_dgId;
-    }
-    if (!m_diskToDmp.empty()) {
-      startRecord("");
-      convertDiskInitInfoToString(text);
-    }
-    if (!m_dgConfig.empty()) {
-      startRecord("");
-      convertDGConfigInfoToString(text);
-    }
-    char uid[32];
-    char gid[32];
-    snprintf(uid, sizeof uid, "%ld", static_cast<long>(m_uid));
-    snprintf(gid, sizeof gid, "%ld", static_cast<long>(m_gid));
-    startRecord("fiid_uigid ");
-    text.append(uid).append(" ").append(gid);
-
-    char* data = static_cast<char*>(qzfi_alloc_buf(text.size() + 1));
+    TextCounter counter;
+    writeBlob(counter);
+    char* data = static_cast<char*>(qzfi_alloc_buf(counter.size() + 1));
     if (data == nullptr) {
       throw std::bad_alloc();
     }
-    memcpy(data, text.c_str(), text.size() + 1);
-    blob->len = text.size() + 1;
+    BufferWriter writer(data);
+    writeBlob(writer);
+    data[counter.size()] = '\0';
+    blob->len = counter.size() + 1;
     blob->data = data;
     blob->flag = 1;
     return 0;

@@ -106,8 +106,13 @@ class CQzVMData : public qzfi_pdk_4_4::CFiPrivateData {
   void addDiskRecord(const std::string& disk, const std::string& secondName, const std::string& dmp,
                      std::vector<std::string> lines);
   int readRecords(const char* text);
-  void appendDiskRecord(const std::string& disk, const std::string& dmp, std::string& out);
-  size_t blobSizeHint() const;
+  // The blob's text into a sink (a counter, the framework's buffer, a string).
+  template <class Out>
+  void writeBlob(Out& out);
+  template <class Out>
+  void writeDiskRecords(Out& out);
+  template <class Out>
+  void writeDGConfig(Out& out) const;
 
   CQzVMConfig m_config;
   std::map<std::string, std::string> m_dmpToDisk;   // multipath device -> disk

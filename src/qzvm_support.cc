@@ -60,7 +60,7 @@ std::string getValForKey(const std::string& text, const std::string& key) {
   // a zero character past the end of an empty value.
   const char first = str.empty() ? '\0' : str[0];
   if ((first == ' ') || (first == ',') || (first == '\t') || (first == '\n')) {
-    __assert_fail(
+    qzvmfi_report::assertFailed(
         "! ( (str[0] == ' ') || (str[0] == ',') || (str[0] == '\\t') || (str[0] == '\\n') )",
         "qzvm_support", 4095, "std::string getValForKey(const std::string&, const std::string&)");
   }
