@@ -4,18 +4,15 @@
 #ifndef QZVMFI_TESTS_PLUGIN_ENV_H
 #define QZVMFI_TESTS_PLUGIN_ENV_H
 
-#include <stdlib.h>
-
-#include <filesystem>
 #include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "../host/tempdir.h"
 #include "context.h"
 
 namespace qzvmfi_test {
@@ -32,31 +29,9 @@ inline std::ostream& operator<<(std::ostream& out, const TraceLine& line) {
   return out << line.level << " '" << line.text << "'";
 }
 
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qzvmfi_unit_XXXXXX").string();
-    m_path = mkdtemp(pattern.data());
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_path, ignored);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& path() const { return m_path; }
-  std::string file(const std::string& name) const { return m_path + "/" + name; }
-
- private:
-  std::string m_path;
-};
-
-inline std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+using qztest::readFile;
+using qztest::ScopedEnv;
+using qztest::TempDir;
 
 inline void writeFile(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
@@ -68,8 +43,8 @@ class PluginEnv : public ::testing::Test {
   void SetUp() override {
     m_configDir = std::make_unique<TempDir>();
     m_logDir = std::make_unique<TempDir>();
-    setenv("QZFI_CONFIG_DIR", m_configDir->path().c_str(), 1);
-    setenv("QZFI_LOG_DIR", m_logDir->path().c_str(), 1);
+    m_configEnv = std::make_unique<ScopedEnv>("QZFI_CONFIG_DIR", m_configDir->path());
+    m_logEnv = std::make_unique<ScopedEnv>("QZFI_LOG_DIR", m_logDir->path());
     auto log = qzvmfi_ctx::TraceLog::instance();
     log->setLevel(6);
     auto* lines = &m_trace;
@@ -82,8 +57,8 @@ class PluginEnv : public ::testing::Test {
     qzfi_pdk_4_4::CFiExecSeam::disable();
     qzvmfi_ctx::ErrorManager::instance(true);
     qzvmfi_ctx::TraceLog::instance(true);
-    unsetenv("QZFI_CONFIG_DIR");
-    unsetenv("QZFI_LOG_DIR");
+    m_configEnv.reset();
+    m_logEnv.reset();
     m_configDir.reset();
     m_logDir.reset();
   }
@@ -120,6 +95,8 @@ class PluginEnv : public ::testing::Test {
  private:
   std::unique_ptr<TempDir> m_configDir;
   std::unique_ptr<TempDir> m_logDir;
+  std::unique_ptr<ScopedEnv> m_configEnv;
+  std::unique_ptr<ScopedEnv> m_logEnv;
 };
 
 }  // namespace qzvmfi_test

@@ -1,7 +1,5 @@
 #include "clitool.h"
 
-#include <stdlib.h>
-
 #include <gtest/gtest.h>
 
 #include "plugin_env.h"
@@ -116,26 +114,9 @@ TEST_F(CliToolTest, RunnerHoldsTheDefaultToolDirectories) {
 }
 
 class TempFileTest : public PluginEnv {
- protected:
-  void SetUp() override {
-    PluginEnv::SetUp();
-    if (const char* tmpdir = getenv("TMPDIR")) {
-      m_tmpdir = tmpdir;
-      m_hadTmpdir = true;
-    }
-    // tempnam prefers TMPDIR to the folder it is given.
-    unsetenv("TMPDIR");
-  }
-  void TearDown() override {
-    if (m_hadTmpdir) {
-      setenv("TMPDIR", m_tmpdir.c_str(), 1);
-    }
-    PluginEnv::TearDown();
-  }
-
  private:
-  std::string m_tmpdir;
-  bool m_hadTmpdir = false;
+  // tempnam prefers TMPDIR to the folder it is given.
+  qzvmfi_test::ScopedEnv m_tmpdir{"TMPDIR", std::nullopt};
 };
 
 TEST_F(TempFileTest, NamesAreFreshInTmpWithThePrefix) {
