@@ -126,14 +126,10 @@ bool takeLines(LineCursor& cursor, int count, std::vector<std::string>& out, boo
   return true;
 }
 
+// Tokens 1, 2, ... of a list record, up to the first empty one.
 void readList(const std::string& line, std::vector<std::string>& list) {
-  for (int i = 1;; ++i) {
-    std::string token = getToken(line, i);
-    if (token.empty()) {
-      return;
-    }
-    list.push_back(std::move(token));
-  }
+  const std::vector<std::string> tokens = tokensOf(line);
+  list.insert(list.end(), tokens.begin() + 1, tokens.end());
 }
 
 template <class Map>
