@@ -91,8 +91,7 @@ class CFiPluginBase : public virtual CFiTraceable {
   virtual int disableAccess(qfi_node_subobj_list* list, long flags);
   virtual int restore(qzfi_objid** a, qzfi_objid** b, long count, char* c, char* d, char*** e,
                       long* f, long g, long* h);
-  virtual int resync(qzfi_objid** a, qzfi_objid** b, long count, char* c, char* d, long e,
-                     long* f);
+  virtual int resync(qzfi_objid** a, qzfi_objid** b, long count, char* c, char* d, long e, long* f);
   virtual int getStatus(qzfi_objid** a, qzfi_objid** b, long count, char* c, long d, long* e);
   virtual int prePrepare(qfi_domain* node);
   virtual int queryValidSecondaries(char* text, qzfi_objid*** ids, long* count);
@@ -109,8 +108,8 @@ class CFiPluginBase : public virtual CFiTraceable {
   virtual int format(char** disks, int count, char* name, char* type, char* options, int flags,
                      char*** paths, int* pathCount);
   virtual int enumerateHostNodes(qfi_host_node_list** list, int* count, char* text);
-  virtual int onlineResource(char** names, int count, char* a, char* b, char* c, char* d,
-                             int flags, char*** paths, int* pathCount);
+  virtual int onlineResource(char** names, int count, char* a, char* b, char* c, char* d, int flags,
+                             char*** paths, int* pathCount);
   virtual int deportResource(char* a, char* b, char* c, char* d, int flags);
   virtual int isParentPgn(char* name, int* isParent, int flags);
   virtual int unformat(char** names, int count, int flags);
@@ -123,8 +122,8 @@ class CFiPluginBase : public virtual CFiTraceable {
   virtual int setCompStatus(qfi_domain* node, int a, char* b, int c);
   virtual int setRestorepaths(qfi_domain* node, char* paths, int count);
   virtual int createSnapReplicaNode(qfi_domain* node, qfi_snapreplica_ele* element);
-  virtual int updateSnapshotId(qfi_domain* node, qfi_domain* altNode,
-                               qfi_snapreplica_ele* element, int flags);
+  virtual int updateSnapshotId(qfi_domain* node, qfi_domain* altNode, qfi_snapreplica_ele* element,
+                               int flags);
   virtual int getSnapshotSetId(qfi_domain* node, char** id);
   virtual int preselect(qfi_splitnode* node, char* text, qfi_splitnode** nodes, int count);
   virtual int updateSnapshotHandle(CFiSessionPtr session, qfi_snapreplica_ele* element);

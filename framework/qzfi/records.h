@@ -16,16 +16,16 @@ extern "C" {
 /* Status codes shared by every operation. */
 enum {
   QFI_SUCCESS = 0,
-  QFI_CLAIMED = 1,          /* claim only; also a failed low-level step or corrupt blob */
-  QFI_E_INVALID = 3,        /* null input, or disks that differ from what was expected */
-  QFI_E_SESSION = 4,        /* classic operation asks for the session variant */
-  QFI_E_NOMEM = 5,          /* allocation failed, or a tool failed inside an engine step */
-  QFI_E_FAILED = 6,         /* operation failed, also every caught exception */
-  QFI_E_NOVERSION = 7,      /* no version record at init */
-  QFI_E_STAT = 18,          /* the device node could not be examined */
-  QFI_E_INIT = 30,          /* initialisation failed */
-  QFI_E_NOOBJID = 1024,     /* no object id could be made */
-  QFI_E_SETOWNER = 1091     /* the owner of a rebuilt device node could not be set */
+  QFI_CLAIMED = 1,      /* claim only; also a failed low-level step or corrupt blob */
+  QFI_E_INVALID = 3,    /* null input, or disks that differ from what was expected */
+  QFI_E_SESSION = 4,    /* classic operation asks for the session variant */
+  QFI_E_NOMEM = 5,      /* allocation failed, or a tool failed inside an engine step */
+  QFI_E_FAILED = 6,     /* operation failed, also every caught exception */
+  QFI_E_NOVERSION = 7,  /* no version record at init */
+  QFI_E_STAT = 18,      /* the device node could not be examined */
+  QFI_E_INIT = 30,      /* initialisation failed */
+  QFI_E_NOOBJID = 1024, /* no object id could be made */
+  QFI_E_SETOWNER = 1091 /* the owner of a rebuilt device node could not be set */
 };
 
 /* Object id kinds. */
@@ -41,13 +41,17 @@ typedef struct qzfi_objid {
   int32_t len; /* strlen(name) + 1 */
 } qzfi_objid;
 
-typedef enum qfi_access_type { QFI_ACCESS_NONE = 0, QFI_ACCESS_READ = 1, QFI_ACCESS_WRITE = 2 } qfi_access_type;
+typedef enum qfi_access_type {
+  QFI_ACCESS_NONE = 0,
+  QFI_ACCESS_READ = 1,
+  QFI_ACCESS_WRITE = 2
+} qfi_access_type;
 
 typedef struct qfi_access {
-  int32_t type;       /* qfi_access_type */
-  int32_t reserved;   /* padding, kept zero */
-  qzfi_objid* objid;  /* object id handed back by deportTree */
-  void* framework;    /* framework bookkeeping, not read by plug-ins */
+  int32_t type;      /* qfi_access_type */
+  int32_t reserved;  /* padding, kept zero */
+  qzfi_objid* objid; /* object id handed back by deportTree */
+  void* framework;   /* framework bookkeeping, not read by plug-ins */
 } qfi_access;
 
 typedef struct qfi_domain {
@@ -84,7 +88,11 @@ typedef enum qfi_disposition {
 
 typedef enum qfi_op_providerstate { QFI_PS_RESTORE = 0, QFI_PS_SAVE = 1 } qfi_op_providerstate;
 
-typedef enum qfi_intent { QFI_INTENT_NONE = 0, QFI_INTENT_BACKUP = 1, QFI_INTENT_RESTORE = 2 } qfi_intent;
+typedef enum qfi_intent {
+  QFI_INTENT_NONE = 0,
+  QFI_INTENT_BACKUP = 1,
+  QFI_INTENT_RESTORE = 2
+} qfi_intent;
 
 typedef struct qfi_splitnode {
   qfi_domain* node;
@@ -180,14 +188,14 @@ typedef struct qfi_confspec {
 } qfi_confspec;
 
 typedef struct qfi_msg_info {
-  int32_t msgid;    /* catalogue number: message index offset + index */
+  int32_t msgid; /* catalogue number: message index offset + index */
   int32_t severity;
-  char* id;         /* MSG_ERROR_* identifier */
-  char* text;       /* resolved catalogue text */
-  char* source;     /* source file that raised it */
+  char* id;     /* MSG_ERROR_* identifier */
+  char* text;   /* resolved catalogue text */
+  char* source; /* source file that raised it */
   int32_t line;
   int32_t nargs;
-  char** args;      /* arguments as text */
+  char** args; /* arguments as text */
   struct qfi_msg_info* next;
 } qfi_msg_info;
 

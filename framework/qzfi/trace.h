@@ -12,12 +12,7 @@
 namespace qzfi_pdk_4_4 {
 
 // Levels used by plug-ins.
-enum {
-  QZFI_TRACE_ERROR = 1,
-  QZFI_TRACE_WARNING = 2,
-  QZFI_TRACE_INFO = 3,
-  QZFI_TRACE_DETAIL = 6
-};
+enum { QZFI_TRACE_ERROR = 1, QZFI_TRACE_WARNING = 2, QZFI_TRACE_INFO = 3, QZFI_TRACE_DETAIL = 6 };
 
 class CFiTraceLog : public virtual CFiRefCount {
  public:
