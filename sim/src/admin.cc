@@ -24,7 +24,9 @@ struct AdminError {
   std::string text;
 };
 
-[[noreturn]] void usage(const std::string& text) { throw AdminError{text}; }
+[[noreturn]] void usage(const std::string& text) {
+  throw AdminError{text};
+}
 
 // "--flag" and "--key value" options, then the remaining words.
 struct Flags {
@@ -37,17 +39,20 @@ struct Flags {
   }
   std::string need(const std::string& k) const {
     auto it = kv.find(k);
-    if (it == kv.end()) usage("--" + k + " is required");
+    if (it == kv.end())
+      usage("--" + k + " is required");
     return it->second;
   }
   uint64_t num(const std::string& k, uint64_t fallback) const {
     uint64_t v = fallback;
-    if (kv.count(k) && !parseUint(kv.at(k), &v)) usage("--" + k + " needs a number");
+    if (kv.count(k) && !parseUint(kv.at(k), &v))
+      usage("--" + k + " needs a number");
     return v;
   }
   uint64_t length(const std::string& k, uint64_t fallback) const {
     uint64_t v = fallback;
-    if (kv.count(k) && !parseLength(kv.at(k), &v)) usage("--" + k + " needs a length");
+    if (kv.count(k) && !parseLength(kv.at(k), &v))
+      usage("--" + k + " needs a length");
     return v;
   }
 };
@@ -63,17 +68,22 @@ Flags parseFlags(const std::vector<std::string>& args, size_t from) {
       continue;
     }
     std::string key = a.substr(2), value;
-    if (splitKeyValue(key, &key, &value)) f.kv[key] = value;
-    else if (kBoolFlags.count(key)) f.flags.insert(key);
-    else if (i + 1 < args.size()) f.kv[key] = args[++i];
-    else usage(a + " needs a value");
+    if (splitKeyValue(key, &key, &value))
+      f.kv[key] = value;
+    else if (kBoolFlags.count(key))
+      f.flags.insert(key);
+    else if (i + 1 < args.size())
+      f.kv[key] = args[++i];
+    else
+      usage(a + " needs a value");
   }
   return f;
 }
 
 std::string rootDir() {
   const char* r = getenv("QZSIM_ROOT");
-  if (!r || !*r) usage("QZSIM_ROOT is not set");
+  if (!r || !*r)
+    usage("QZSIM_ROOT is not set");
   return r;
 }
 
@@ -81,7 +91,8 @@ std::string rootDir() {
 template <class Fn>
 void withDb(Fn fn) {
   std::string root = rootDir();
-  if (access(dbPath(root).c_str(), F_OK) != 0) usage("no simulation at " + root + " (run qzsim init)");
+  if (access(dbPath(root).c_str(), F_OK) != 0)
+    usage("no simulation at " + root + " (run qzsim init)");
   Db db(dbPath(root));
   db.begin();
   try {
@@ -101,7 +112,8 @@ void syncHost(Db& db, const std::string& root, const std::string& host) {
 
 std::string osName(int64_t n) {
   std::string suffix;
-  for (int64_t k = n + 1; k > 0; k = (k - 1) / 26) suffix.insert(suffix.begin(), static_cast<char>('a' + (k - 1) % 26));
+  for (int64_t k = n + 1; k > 0; k = (k - 1) / 26)
+    suffix.insert(suffix.begin(), static_cast<char>('a' + (k - 1) % 26));
   return "sd" + suffix;
 }
 
@@ -126,14 +138,16 @@ int64_t newDisk(Db& db, const std::string& root, const std::string& enclosure, i
   std::string image = root + "/images/" + lun + ".img";
   makeDirs(root + "/images");
   int fd = open(image.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0 || ftruncate(fd, size * 512) != 0) usage("cannot create disk image " + image);
+  if (fd < 0 || ftruncate(fd, size * 512) != 0)
+    usage("cannot create disk image " + image);
   close(fd);
   db.exec("INSERT INTO disks(lun, enclosure, encl_index, size, image) VALUES(?,?,?,?,?)",
           {lun, enclosure, db.nextSeq("encl:" + enclosure) - 1, size, image});
   return db.lastInsertId();
 }
 
-std::string describe(Db& db, int64_t disk, const std::map<std::string, std::vector<std::string>>& byHost) {
+std::string describe(Db& db, int64_t disk,
+                     const std::map<std::string, std::vector<std::string>>& byHost) {
   Disk d = Sim::loadDisk(db, disk);
   std::string line = d.lun + " " + d.node();
   for (const auto& h : byHost) line += " " + h.first + "=" + join(h.second, ",");
@@ -142,37 +156,45 @@ std::string describe(Db& db, int64_t disk, const std::map<std::string, std::vect
 
 void cmdInit() {
   std::string root = rootDir();
-  if (!makeDirs(root + "/images") || !makeDirs(root + "/hosts")) usage("cannot create " + root);
+  if (!makeDirs(root + "/images") || !makeDirs(root + "/hosts"))
+    usage("cannot create " + root);
   Db db(dbPath(root));
   std::cout << "initialised " << root << "\n";
 }
 
 void hostAdd(const Flags& f) {
-  if (f.words.empty()) usage("Usage: qzsim host add NAME [--no-dmp] [--no-vset] [--no-cds] [--not-installed] [--version V]");
+  if (f.words.empty())
+    usage(
+        "Usage: qzsim host add NAME [--no-dmp] [--no-vset] [--no-cds] [--not-installed] [--version "
+        "V]");
   withDb([&](Db& db, const std::string& root) {
     db.exec("INSERT INTO hosts(name, installed, version, dmp, vset, cds) VALUES(?,?,?,?,?,?)",
             {f.words[0], f.flags.count("not-installed") ? 0 : 1, f.get("version", "8.0.1"),
              f.flags.count("no-dmp") ? 0 : 1, f.flags.count("no-vset") ? 0 : 1,
              f.flags.count("no-cds") ? 0 : 1});
     std::string dir = hostDir(root, f.words[0]);
-    for (const char* sub : {"/dev_qz/dsk", "/dev_qz/rdsk", "/sys_block", "/qzfi_config", "/qzfi_log"})
+    for (const char* sub :
+         {"/dev_qz/dsk", "/dev_qz/rdsk", "/sys_block", "/qzfi_config", "/qzfi_log"})
       makeDirs(dir + sub);
   });
 }
 
 void hostList() {
   withDb([&](Db& db, const std::string&) {
-    std::vector<std::vector<std::string>> rows = {{"HOST", "INSTALLED", "VERSION", "DMP", "VSET", "CDS"}};
-    for (const auto& r : db.query("SELECT name, installed, version, dmp, vset, cds FROM hosts ORDER BY name"))
-      rows.push_back({r[0].s, r[1].i ? "yes" : "no", r[2].s, r[3].i ? "yes" : "no", r[4].i ? "yes" : "no",
-                      r[5].i ? "yes" : "no"});
+    std::vector<std::vector<std::string>> rows = {
+        {"HOST", "INSTALLED", "VERSION", "DMP", "VSET", "CDS"}};
+    for (const auto& r :
+         db.query("SELECT name, installed, version, dmp, vset, cds FROM hosts ORDER BY name"))
+      rows.push_back({r[0].s, r[1].i ? "yes" : "no", r[2].s, r[3].i ? "yes" : "no",
+                      r[4].i ? "yes" : "no", r[5].i ? "yes" : "no"});
     std::cout << formatTable(rows);
   });
 }
 
 int hostRun(const std::vector<std::string>& args, const std::string& binary) {
   // qzsim host NAME -- COMMAND...
-  if (args.size() < 5 || args[3] != "--") usage("Usage: qzsim host NAME -- COMMAND [ARGS...]");
+  if (args.size() < 5 || args[3] != "--")
+    usage("Usage: qzsim host NAME -- COMMAND [ARGS...]");
   std::string err;
   if (!enterNamespace(&err) || !actAsHost(rootDir(), args[2], &err, binary)) {
     std::cerr << "qzsim: " << err << "\n";
@@ -192,7 +214,8 @@ void diskAdd(const Flags& f) {
     uint64_t count = f.num("count", 1);
     int paths = static_cast<int>(f.num("paths", 1));
     std::vector<std::string> hosts;
-    if (!f.get("hosts").empty()) hosts = splitChar(f.get("hosts"), ',');
+    if (!f.get("hosts").empty())
+      hosts = splitChar(f.get("hosts"), ',');
     for (uint64_t i = 0; i < count; ++i) {
       int64_t id = newDisk(db, root, f.get("enclosure", "qzarr0"), size);
       std::map<std::string, std::vector<std::string>> byHost;
@@ -204,19 +227,23 @@ void diskAdd(const Flags& f) {
 }
 
 // A disk named by LUN, or by a name that the given host uses for it.
-int64_t resolveDisk(Db& db, const std::string& root, const std::string& name, const std::string& host) {
+int64_t resolveDisk(Db& db, const std::string& root, const std::string& name,
+                    const std::string& host) {
   int64_t id = db.queryInt("SELECT id FROM disks WHERE lun=?", {name}, 0);
   if (!id && !host.empty()) {
     Sim s(db, root, host);
     id = s.findDisk(name, false);
-    if (!id) id = db.queryInt("SELECT disk FROM paths WHERE host=? AND osname=?", {host, name}, 0);
+    if (!id)
+      id = db.queryInt("SELECT disk FROM paths WHERE host=? AND osname=?", {host, name}, 0);
   }
-  if (!id) usage("unknown disk " + name);
+  if (!id)
+    usage("unknown disk " + name);
   return id;
 }
 
 void diskAttach(const Flags& f, bool attachIt) {
-  if (f.words.empty()) usage("Usage: qzsim disk attach|detach LUN --host H [--paths N]");
+  if (f.words.empty())
+    usage("Usage: qzsim disk attach|detach LUN --host H [--paths N]");
   withDb([&](Db& db, const std::string& root) {
     std::string host = f.need("host");
     int64_t id = resolveDisk(db, root, f.words[0], host);
@@ -234,11 +261,13 @@ void diskAttach(const Flags& f, bool attachIt) {
 
 void diskList() {
   withDb([&](Db& db, const std::string&) {
-    std::vector<std::vector<std::string>> rows = {{"LUN", "NODE", "SIZE", "FORMAT", "GROUP", "LOCK", "PATHS"}};
+    std::vector<std::vector<std::string>> rows = {
+        {"LUN", "NODE", "SIZE", "FORMAT", "GROUP", "LOCK", "PATHS"}};
     for (const auto& r : db.query("SELECT id FROM disks ORDER BY id")) {
       Disk d = Sim::loadDisk(db, r[0].i);
       std::vector<std::string> paths;
-      for (const auto& p : db.query("SELECT host, osname, enabled FROM paths WHERE disk=? ORDER BY ord", {d.id}))
+      for (const auto& p :
+           db.query("SELECT host, osname, enabled FROM paths WHERE disk=? ORDER BY ord", {d.id}))
         paths.push_back(p[0].s + ":" + p[1].s + (p[2].i ? "" : "(disabled)"));
       rows.push_back({d.lun, d.node(), std::to_string(d.size), d.ptype + ":" + d.pformat,
                       d.dgname.empty() ? "-" : d.dgname, d.hostlock.empty() ? "-" : d.hostlock,
@@ -263,10 +292,15 @@ void arraySplit(const Flags& f) {
       copy.image = fresh.image;
       copy.enclIndex = fresh.enclIndex;
       Sim::saveDisk(db, copy);
-      if (!copySparse(src.image, copy.image)) usage("cannot copy " + src.image);
+      if (!copySparse(src.image, copy.image))
+        usage("cannot copy " + src.image);
       int paths = static_cast<int>(f.num("paths", 0));
-      if (!paths) paths = from.empty() ? 1 : std::max<int>(1, static_cast<int>(db.queryInt(
-                                            "SELECT count(*) FROM paths WHERE host=? AND disk=?", {from, src.id}, 1)));
+      if (!paths)
+        paths = from.empty()
+                    ? 1
+                    : std::max<int>(1, static_cast<int>(db.queryInt(
+                                           "SELECT count(*) FROM paths WHERE host=? AND disk=?",
+                                           {from, src.id}, 1)));
       std::map<std::string, std::vector<std::string>> byHost;
       byHost[to] = attach(db, id, to, paths);
       std::cout << describe(db, id, byHost) << "\n";
@@ -276,7 +310,8 @@ void arraySplit(const Flags& f) {
 }
 
 void volumeCmd(const std::string& op, const Flags& f) {
-  if (f.words.size() != 2) usage("Usage: qzsim volume write|read|checksum|hold|release --host H DG VOL");
+  if (f.words.size() != 2)
+    usage("Usage: qzsim volume write|read|checksum|hold|release --host H DG VOL");
   withDb([&](Db& db, const std::string& root) {
     Sim s(db, root, f.need("host"));
     const std::string &dg = f.words[0], &vol = f.words[1];
@@ -289,9 +324,12 @@ void volumeCmd(const std::string& op, const Flags& f) {
       std::cout << checksumVolume(s, dg, vol) << "\n";
     } else if (op == "hold" || op == "release") {
       Sim::Group g = s.requireGroup(dg);
-      if (!g.cfg.findVol(vol)) fail(kNoObject, "Volume " + vol + " not found");
-      if (op == "hold") db.exec("INSERT OR IGNORE INTO holds VALUES(?,?,?)", {s.host.name, g.dgid, vol});
-      else db.exec("DELETE FROM holds WHERE host=? AND dgid=? AND vol=?", {s.host.name, g.dgid, vol});
+      if (!g.cfg.findVol(vol))
+        fail(kNoObject, "Volume " + vol + " not found");
+      if (op == "hold")
+        db.exec("INSERT OR IGNORE INTO holds VALUES(?,?,?)", {s.host.name, g.dgid, vol});
+      else
+        db.exec("DELETE FROM holds WHERE host=? AND dgid=? AND vol=?", {s.host.name, g.dgid, vol});
     } else {
       usage("unknown volume operation " + op);
     }
@@ -302,23 +340,28 @@ void faultCmd(const std::string& op, const Flags& f) {
   withDb([&](Db& db, const std::string&) {
     if (op == "add" || op == "busy") {
       bool busy = op == "busy";
-      db.exec("INSERT INTO faults(host, tool, pattern, kind, nth, remaining, status, out, err) "
-              "VALUES(?,?,?,?,?,?,?,?,?)",
-              {f.get("host"), f.get("tool", busy ? "qzvol" : ""), f.get("match", busy ? "stop" : ""),
-               busy ? "busy" : "fail", static_cast<int64_t>(f.num("nth", 1)),
-               static_cast<int64_t>(f.num(busy ? "count" : "times", 1)),
-               static_cast<int64_t>(busy ? 31 : f.num("status", 1)), f.get("stdout"), f.get("stderr")});
+      db.exec(
+          "INSERT INTO faults(host, tool, pattern, kind, nth, remaining, status, out, err) "
+          "VALUES(?,?,?,?,?,?,?,?,?)",
+          {f.get("host"), f.get("tool", busy ? "qzvol" : ""), f.get("match", busy ? "stop" : ""),
+           busy ? "busy" : "fail", static_cast<int64_t>(f.num("nth", 1)),
+           static_cast<int64_t>(f.num(busy ? "count" : "times", 1)),
+           static_cast<int64_t>(busy ? 31 : f.num("status", 1)), f.get("stdout"), f.get("stderr")});
     } else if (op == "hide-scans") {
-      db.exec("UPDATE hosts SET hide_scans=? WHERE name=?", {static_cast<int64_t>(f.num("count", 1)), f.need("host")});
+      db.exec("UPDATE hosts SET hide_scans=? WHERE name=?",
+              {static_cast<int64_t>(f.num("count", 1)), f.need("host")});
     } else if (op == "clear") {
       db.exec("DELETE FROM faults");
       db.exec("UPDATE hosts SET hide_scans=0");
     } else if (op == "list") {
-      std::vector<std::vector<std::string>> rows = {{"ID", "HOST", "TOOL", "MATCH", "KIND", "NTH", "LEFT", "STATUS", "HITS"}};
-      for (const auto& r : db.query("SELECT id, host, tool, pattern, kind, nth, remaining, status, hits FROM faults"))
-        rows.push_back({std::to_string(r[0].i), r[1].s.empty() ? "*" : r[1].s, r[2].s.empty() ? "*" : r[2].s,
-                        "'" + r[3].s + "'", r[4].s, std::to_string(r[5].i), std::to_string(r[6].i),
-                        std::to_string(r[7].i), std::to_string(r[8].i)});
+      std::vector<std::vector<std::string>> rows = {
+          {"ID", "HOST", "TOOL", "MATCH", "KIND", "NTH", "LEFT", "STATUS", "HITS"}};
+      for (const auto& r : db.query(
+               "SELECT id, host, tool, pattern, kind, nth, remaining, status, hits FROM faults"))
+        rows.push_back({std::to_string(r[0].i), r[1].s.empty() ? "*" : r[1].s,
+                        r[2].s.empty() ? "*" : r[2].s, "'" + r[3].s + "'", r[4].s,
+                        std::to_string(r[5].i), std::to_string(r[6].i), std::to_string(r[7].i),
+                        std::to_string(r[8].i)});
       std::cout << formatTable(rows);
     } else {
       usage("Usage: qzsim fault add|busy|hide-scans|list|clear ...");
@@ -328,7 +371,9 @@ void faultCmd(const std::string& op, const Flags& f) {
 
 void logCmd(const Flags& f) {
   withDb([&](Db& db, const std::string&) {
-    std::string sql = "SELECT id, host, status, usec, cmd FROM runs WHERE (?='' OR host=?) AND (?='' OR cmd LIKE ?) ORDER BY id";
+    std::string sql =
+        "SELECT id, host, status, usec, cmd FROM runs WHERE (?='' OR host=?) AND (?='' OR cmd LIKE "
+        "?) ORDER BY id";
     std::string tool = f.get("tool");
     auto rows = db.query(sql, {f.get("host"), f.get("host"), tool, tool + " %"});
     if (f.flags.count("total")) {
@@ -337,15 +382,17 @@ void logCmd(const Flags& f) {
     }
     std::vector<std::vector<std::string>> out = {{"ID", "HOST", "STATUS", "USEC", "COMMAND"}};
     for (const auto& r : rows)
-      out.push_back({std::to_string(r[0].i), r[1].s, std::to_string(r[2].i), std::to_string(r[3].i), r[4].s});
+      out.push_back(
+          {std::to_string(r[0].i), r[1].s, std::to_string(r[2].i), std::to_string(r[3].i), r[4].s});
     std::cout << formatTable(out);
   });
 }
 
 int toolRun(const std::vector<std::string>& args) {
-  Flags f = parseFlags({args.begin(), args.begin() + std::min<size_t>(args.size(), 3)}, 1);
-  if (args.size() < 4 || !f.kv.count("host")) usage("Usage: qzsim run --host H TOOL [ARGS...]");
-  RunResult r = runTool(rootDir(), f.kv["host"], args[3], {args.begin() + 4, args.end()});
+  // qzsim run --host H TOOL ARGS...
+  if (args.size() < 5 || args[2] != "--host")
+    usage("Usage: qzsim run --host H TOOL [ARGS...]");
+  RunResult r = runTool(rootDir(), args[3], args[4], {args.begin() + 5, args.end()});
   std::cout << r.out;
   std::cerr << r.err;
   return r.status;
@@ -381,20 +428,34 @@ int adminMain(const std::vector<std::string>& args, const std::string& binary) {
     std::string cmd = args.size() > 1 ? args[1] : "--help";
     std::string sub = args.size() > 2 ? args[2] : "";
     Flags f = parseFlags(args, 3);
-    if (cmd == "--help" || cmd == "help" || cmd == "-h") return std::cout << kHelp, 0;
-    if (cmd == "init") return cmdInit(), 0;
-    if (cmd == "host" && sub == "add") return hostAdd(f), 0;
-    if (cmd == "host" && sub == "list") return hostList(), 0;
-    if (cmd == "host") return hostRun(args, binary);
-    if (cmd == "disk" && sub == "add") return diskAdd(f), 0;
-    if (cmd == "disk" && (sub == "attach" || sub == "detach")) return diskAttach(f, sub == "attach"), 0;
-    if (cmd == "disk" && sub == "list") return diskList(), 0;
-    if (cmd == "array" && sub == "split") return arraySplit(f), 0;
-    if (cmd == "volume") return volumeCmd(sub, f), 0;
-    if (cmd == "fault") return faultCmd(sub, f), 0;
-    if (cmd == "log") return logCmd(parseFlags(args, 2)), 0;
-    if (cmd == "check") return checkMain();
-    if (cmd == "run") return toolRun(args);
+    if (cmd == "--help" || cmd == "help" || cmd == "-h")
+      return std::cout << kHelp, 0;
+    if (cmd == "init")
+      return cmdInit(), 0;
+    if (cmd == "host" && sub == "add")
+      return hostAdd(f), 0;
+    if (cmd == "host" && sub == "list")
+      return hostList(), 0;
+    if (cmd == "host")
+      return hostRun(args, binary);
+    if (cmd == "disk" && sub == "add")
+      return diskAdd(f), 0;
+    if (cmd == "disk" && (sub == "attach" || sub == "detach"))
+      return diskAttach(f, sub == "attach"), 0;
+    if (cmd == "disk" && sub == "list")
+      return diskList(), 0;
+    if (cmd == "array" && sub == "split")
+      return arraySplit(f), 0;
+    if (cmd == "volume")
+      return volumeCmd(sub, f), 0;
+    if (cmd == "fault")
+      return faultCmd(sub, f), 0;
+    if (cmd == "log")
+      return logCmd(parseFlags(args, 2)), 0;
+    if (cmd == "check")
+      return checkMain();
+    if (cmd == "run")
+      return toolRun(args);
     usage(std::string("unknown command; see qzsim --help"));
   } catch (const AdminError& e) {
     std::cerr << "qzsim: " << e.text << "\n";

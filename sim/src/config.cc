@@ -6,57 +6,69 @@ namespace qzsim {
 
 const DmRec* GroupConfig::findDm(const std::string& name) const {
   for (const auto& d : dms)
-    if (d.name == name) return &d;
+    if (d.name == name)
+      return &d;
   return nullptr;
 }
 const VolRec* GroupConfig::findVol(const std::string& name) const {
   for (const auto& v : vols)
-    if (v.name == name) return &v;
+    if (v.name == name)
+      return &v;
   return nullptr;
 }
 const VsetRec* GroupConfig::findVset(const std::string& name) const {
   for (const auto& v : vsets)
-    if (v.name == name) return &v;
+    if (v.name == name)
+      return &v;
   return nullptr;
 }
 std::vector<const PlexRec*> GroupConfig::plexesOf(const std::string& vol) const {
   std::vector<const PlexRec*> out;
   for (const auto& p : plexes)
-    if (p.vol == vol) out.push_back(&p);
+    if (p.vol == vol)
+      out.push_back(&p);
   return out;
 }
 std::vector<const SdRec*> GroupConfig::sdsOf(const std::string& plex) const {
   std::vector<const SdRec*> out;
   for (const auto& s : sds)
-    if (s.plex == plex) out.push_back(&s);
+    if (s.plex == plex)
+      out.push_back(&s);
   return out;
 }
 const DcoRec* GroupConfig::dcoOf(const std::string& vol) const {
   for (const auto& d : dcos)
-    if (d.parentVol == vol) return &d;
+    if (d.parentVol == vol)
+      return &d;
   return nullptr;
 }
 bool GroupConfig::hasName(const std::string& name) const {
-  if (findDm(name) || findVol(name) || findVset(name)) return true;
+  if (findDm(name) || findVol(name) || findVset(name))
+    return true;
   for (const auto& p : plexes)
-    if (p.name == name) return true;
+    if (p.name == name)
+      return true;
   for (const auto& s : sds)
-    if (s.name == name) return true;
+    if (s.name == name)
+      return true;
   for (const auto& d : dcos)
-    if (d.name == name) return true;
+    if (d.name == name)
+      return true;
   return false;
 }
 
 std::string DumpRecord::get(const std::string& key) const {
   for (const auto& kv : attrs)
-    if (kv.first == key) return kv.second;
+    if (kv.first == key)
+      return kv.second;
   return "";
 }
 
 std::vector<DumpRecord> parseDump(const std::string& text) {
   std::vector<DumpRecord> recs;
   for (const std::string& raw : splitChar(text, '\n')) {
-    if (trim(raw).empty()) continue;
+    if (trim(raw).empty())
+      continue;
     bool indented = raw[0] == ' ' || raw[0] == '\t';
     std::string line = trim(raw);
     std::string key, value;
@@ -69,7 +81,8 @@ std::vector<DumpRecord> parseDump(const std::string& text) {
     auto words = splitBlanks(line);
     DumpRecord r;
     r.kind = words[0];
-    if (words.size() > 1) r.name = words[1];
+    if (words.size() > 1)
+      r.name = words[1];
     recs.push_back(r);
   }
   return recs;
@@ -77,11 +90,14 @@ std::vector<DumpRecord> parseDump(const std::string& text) {
 
 namespace {
 
-std::string num(uint64_t v) { return std::to_string(v); }
+std::string num(uint64_t v) {
+  return std::to_string(v);
+}
 
 void attr(std::string& out, const std::string& key, const std::string& value) {
   // An empty value is left out: readers take "key=" followed by nothing as no value.
-  if (!value.empty()) out += "\t" + key + "=" + value + "\n";
+  if (!value.empty())
+    out += "\t" + key + "=" + value + "\n";
 }
 
 void writeVol(std::string& out, const VolRec& v, const DumpView& view) {
@@ -96,8 +112,10 @@ void writeSd(std::string& out, const SdRec& s, const DumpView& view) {
   out += "sd " + s.name + "\n";
   attr(out, "plex", s.plex);
   attr(out, "dm_name", s.dm);
-  if (view.daName) attr(out, "da_name", view.daName(s.dm));
-  if (view.path) attr(out, "path", view.path(s.dm));
+  if (view.daName)
+    attr(out, "da_name", view.daName(s.dm));
+  if (view.path)
+    attr(out, "path", view.path(s.dm));
   attr(out, "dm_offset", num(s.dmOffset));
   attr(out, "pl_offset", num(s.plOffset));
   attr(out, "len", num(s.len));
@@ -115,7 +133,8 @@ std::string writeDump(const GroupConfig& cfg, const DumpView& view, const DumpSe
   for (const auto& d : cfg.dms) {
     out += "dm " + d.name + "\n";
     attr(out, "diskid", d.diskid);
-    if (view.daName) attr(out, "da_name", view.daName(d.name));
+    if (view.daName)
+      attr(out, "da_name", view.daName(d.name));
     attr(out, "guid", d.guid);
   }
   if (sel.vols)
@@ -182,8 +201,8 @@ bool configFromDump(const std::string& text, GroupConfig* cfg, std::string* erro
       cfg->dcos.push_back({r.name, r.get("parent_vol"), r.get("log_vol"), r.get("guid")});
     } else if (r.kind == "vset") {
       std::string vols = r.get("vols");
-      cfg->vsets.push_back({r.name, r.get("guid"), vols.empty() ? std::vector<std::string>{}
-                                                                : splitChar(vols, ',')});
+      cfg->vsets.push_back({r.name, r.get("guid"),
+                            vols.empty() ? std::vector<std::string>{} : splitChar(vols, ',')});
     }
   }
   if (!sawDg) {

@@ -12,9 +12,11 @@ namespace qzsim {
 std::vector<std::string> listDir(const std::string& dir) {
   std::vector<std::string> names;
   DIR* d = opendir(dir.c_str());
-  if (!d) return names;
+  if (!d)
+    return names;
   while (dirent* e = readdir(d)) {
-    if (strcmp(e->d_name, ".") && strcmp(e->d_name, "..")) names.push_back(e->d_name);
+    if (strcmp(e->d_name, ".") && strcmp(e->d_name, ".."))
+      names.push_back(e->d_name);
   }
   closedir(d);
   return names;
@@ -22,7 +24,8 @@ std::vector<std::string> listDir(const std::string& dir) {
 
 bool readFile(const std::string& path, std::string* text) {
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
+  if (fd < 0)
+    return false;
   text->clear();
   char buf[65536];
   ssize_t n;
@@ -33,7 +36,8 @@ bool readFile(const std::string& path, std::string* text) {
 
 bool writeFile(const std::string& path, const std::string& text, mode_t mode) {
   int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  if (fd < 0) return false;
+  if (fd < 0)
+    return false;
   bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
   return close(fd) == 0 && ok;
 }
@@ -42,7 +46,8 @@ bool makeDirs(const std::string& path) {
   for (size_t pos = 1; pos <= path.size(); ++pos) {
     if (pos == path.size() || path[pos] == '/') {
       std::string part = path.substr(0, pos);
-      if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return false;
+      if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST)
+        return false;
     }
   }
   return true;
@@ -50,7 +55,8 @@ bool makeDirs(const std::string& path) {
 
 void removeTree(const std::string& path) {
   struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return;
+  if (lstat(path.c_str(), &st) != 0)
+    return;
   if (S_ISDIR(st.st_mode)) {
     for (const std::string& n : listDir(path)) removeTree(path + "/" + n);
     rmdir(path.c_str());
@@ -61,7 +67,8 @@ void removeTree(const std::string& path) {
 
 bool copySparse(const std::string& from, const std::string& to) {
   int in = open(from.c_str(), O_RDONLY | O_CLOEXEC);
-  if (in < 0) return false;
+  if (in < 0)
+    return false;
   int out = open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (out < 0) {
     close(in);
@@ -74,7 +81,8 @@ bool copySparse(const std::string& from, const std::string& to) {
   static char buf[1 << 16];
   while (ok) {
     off_t data = lseek(in, pos, SEEK_DATA);
-    if (data < 0) break;
+    if (data < 0)
+      break;
     off_t hole = lseek(in, data, SEEK_HOLE);
     for (off_t p = data; ok && p < hole;) {
       size_t want = static_cast<size_t>(std::min<off_t>(hole - p, sizeof buf));

@@ -34,7 +34,8 @@ std::string env(const char* name) {
 int main(int argc, char** argv) {
   std::vector<std::string> args(argv, argv + argc);
   std::string name = baseName(args.empty() ? "qzsim" : args[0]);
-  if (name == "qzsim" || name.compare(0, 6, "qzsim-") == 0) return qzsim::adminMain(args, selfPath());
+  if (name == "qzsim" || name.compare(0, 6, "qzsim-") == 0)
+    return qzsim::adminMain(args, selfPath());
   std::string host = env("QZSIM_HOST");
   if (host.empty()) {
     std::cerr << qzsim::errorLine(name, 2, "QZSIM_HOST is not set");

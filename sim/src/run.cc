@@ -11,20 +11,24 @@ namespace qzsim {
 
 namespace {
 
-bool isQzvmTool(const std::string& tool) { return tool != "rpm" && tool != "parted"; }
+bool isQzvmTool(const std::string& tool) {
+  return tool != "rpm" && tool != "parted";
+}
 
 // A fault that fires replaces the run: no state changes, only its output.
-bool fireFault(Db& db, const std::string& host, const std::string& tool,
-               const std::string& cmdline, RunResult* r) {
+bool fireFault(Db& db, const std::string& host, const std::string& tool, const std::string& cmdline,
+               RunResult* r) {
   auto rows = db.query(
       "SELECT id, pattern, kind, nth, remaining, status, out, err, hits FROM faults "
       "WHERE (host='' OR host=?) AND (tool='' OR tool=?) ORDER BY id",
       {host, tool});
   for (const auto& f : rows) {
-    if (cmdline.find(f[1].s) == std::string::npos) continue;
+    if (cmdline.find(f[1].s) == std::string::npos)
+      continue;
     int64_t hits = f[8].i + 1;
     db.exec("UPDATE faults SET hits=? WHERE id=?", {hits, f[0].i});
-    if (hits < f[3].i || f[4].i <= 0) continue;
+    if (hits < f[3].i || f[4].i <= 0)
+      continue;
     db.exec("UPDATE faults SET remaining=remaining-1 WHERE id=?", {f[0].i});
     r->status = static_cast<int>(f[5].i);
     r->out = f[6].s;
@@ -45,14 +49,16 @@ void logRun(Db& db, const std::string& host, const std::string& cmdline, int sta
           {host, cmdline, status, static_cast<int64_t>(usec)});
 }
 
-RunResult runInTransaction(Db& db, Sim& s, const std::string& tool, const std::vector<std::string>& args,
-                           const std::string& cmdline) {
+RunResult runInTransaction(Db& db, Sim& s, const std::string& tool,
+                           const std::vector<std::string>& args, const std::string& cmdline) {
   RunResult r;
   s.applyDeletes();
-  if (fireFault(db, s.host.name, tool, cmdline, &r)) return r;
+  if (fireFault(db, s.host.name, tool, cmdline, &r))
+    return r;
   db.exec("SAVEPOINT tool");
   try {
-    if (isQzvmTool(tool) && !s.host.installed) fail(kNotInstalled, "QzVM is not installed on this host");
+    if (isQzvmTool(tool) && !s.host.installed)
+      fail(kNotInstalled, "QzVM is not installed on this host");
     findTool(tool)(s, args);
     r.out = s.out;
   } catch (const ToolError& e) {
@@ -76,9 +82,11 @@ RunResult runTool(const std::string& root, const std::string& host, const std::s
                   const std::vector<std::string>& args) {
   auto start = std::chrono::steady_clock::now();
   RunResult r;
-  if (!findTool(tool)) return {1, "", errorLine(tool, 1, "unknown tool " + tool)};
+  if (!findTool(tool))
+    return {1, "", errorLine(tool, 1, "unknown tool " + tool)};
   if (root.empty() || access(dbPath(root).c_str(), F_OK) != 0)
-    return {2, "", errorLine(tool, 2, "no simulation at QZSIM_ROOT='" + root + "' (run qzsim init)")};
+    return {2, "",
+            errorLine(tool, 2, "no simulation at QZSIM_ROOT='" + root + "' (run qzsim init)")};
   std::string cmdline = tool;
   for (const auto& a : args) cmdline += " " + a;
   try {

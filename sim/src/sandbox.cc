@@ -63,13 +63,15 @@ std::vector<std::string> submounts(const std::string& dir) {
   std::set<std::string> points;
   for (const auto& line : splitChar(info, '\n')) {
     auto f = splitBlanks(line);
-    if (f.size() > 4 && startsWith(unescapeMount(f[4]), dir + "/")) points.insert(unescapeMount(f[4]));
+    if (f.size() > 4 && startsWith(unescapeMount(f[4]), dir + "/"))
+      points.insert(unescapeMount(f[4]));
   }
   std::vector<std::string> top;
   for (const auto& p : points) {
     bool nested = false;
     for (const auto& q : top) nested = nested || startsWith(p, q + "/");
-    if (!nested) top.push_back(p);
+    if (!nested)
+      top.push_back(p);
   }
   return top;
 }
@@ -80,7 +82,8 @@ struct Scratch {
   std::string dir;
   bool open(std::string* error) {
     char tmpl[] = "/tmp/qzsim-ns-XXXXXX";
-    if (!mkdtemp(tmpl)) return sysFail(error, "mkdtemp");
+    if (!mkdtemp(tmpl))
+      return sysFail(error, "mkdtemp");
     dir = tmpl;
     if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "mode=0755") != 0) {
       rmdir(dir.c_str());
@@ -89,7 +92,8 @@ struct Scratch {
     return true;
   }
   ~Scratch() {
-    if (dir.empty()) return;
+    if (dir.empty())
+      return;
     umount2(dir.c_str(), MNT_DETACH);
     rmdir(dir.c_str());
   }
@@ -107,8 +111,10 @@ bool overlay(const std::string& dir, const std::string& layer, const std::string
   std::vector<std::string> stashed;
   for (size_t i = 0; i < subs.size(); ++i) {
     std::string s = stash + "/" + std::to_string(i);
-    if (isDir(subs[i])) makeDirs(s);
-    else writeFile(s, "");
+    if (isDir(subs[i]))
+      makeDirs(s);
+    else
+      writeFile(s, "");
     if (mount(subs[i].c_str(), s.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
       return sysFail(error, "bind " + subs[i]);
     stashed.push_back(s);
@@ -122,13 +128,16 @@ bool overlay(const std::string& dir, const std::string& layer, const std::string
   return true;
 }
 
-bool writeProc(const std::string& path, const std::string& text) { return writeFile(path, text); }
+bool writeProc(const std::string& path, const std::string& text) {
+  return writeFile(path, text);
+}
 
 bool enterUserNamespace(std::string* error) {
   uid_t uid = getuid();
   gid_t gid = getgid();
   if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
-    return sysFail(error, "unshare(user+mount namespace): run as root or allow unprivileged user namespaces");
+    return sysFail(
+        error, "unshare(user+mount namespace): run as root or allow unprivileged user namespaces");
   writeProc("/proc/self/setgroups", "deny");
   if (!writeProc("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
       !writeProc("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1"))
@@ -150,20 +159,25 @@ Target splitTarget(const std::string& path) {
     dir = slash == 0 ? "/" : dir.substr(0, slash);
   }
   char buf[PATH_MAX];
-  if (realpath(dir.c_str(), buf)) dir = buf;
+  if (realpath(dir.c_str(), buf))
+    dir = buf;
   return {dir, rest};
 }
 
 std::vector<std::string> toolPaths(const Host& h) {
   std::vector<std::string> paths = {"/bin/rpm", "/sbin/parted"};
-  if (!h.installed) return paths;
+  if (!h.installed)
+    return paths;
   for (const char* t : {"qzdg", "qzdisk", "qzprint", "qzvol", "qzinfo", "qzassist", "qzmake"})
     paths.push_back(std::string("/usr/sbin/") + t);
-  if (h.dmp) paths.push_back("/usr/sbin/qzdmpadm");
-  if (h.vset) paths.push_back("/usr/sbin/qzvset");
+  if (h.dmp)
+    paths.push_back("/usr/sbin/qzdmpadm");
+  if (h.vset)
+    paths.push_back("/usr/sbin/qzvset");
   paths.push_back("/usr/lib/qzvm/bin/qzdisksetup");
   paths.push_back("/usr/lib/qzvm/bin/qzdiskunsetup");
-  if (h.cds) paths.push_back("/usr/lib/qzvm/bin/qzcdsconvert");
+  if (h.cds)
+    paths.push_back("/usr/lib/qzvm/bin/qzcdsconvert");
   return paths;
 }
 
@@ -175,9 +189,11 @@ bool mountTools(const Host& h, const std::string& binary, std::string* error) {
   }
   // Keep /usr/lib/qzvm/bin present even on a host without the package.
   Target qzbin = splitTarget("/usr/lib/qzvm/bin");
-  if (!qzbin.rest.empty()) layers[qzbin.dir];
+  if (!qzbin.rest.empty())
+    layers[qzbin.dir];
   Scratch scratch;
-  if (!scratch.open(error)) return false;
+  if (!scratch.open(error))
+    return false;
   int n = 0;
   for (const auto& l : layers) {
     std::string layer = scratch.dir + "/layer" + std::to_string(n++);
@@ -185,14 +201,17 @@ bool mountTools(const Host& h, const std::string& binary, std::string* error) {
     for (const auto& rest : l.second) {
       std::string entry = layer + "/" + rest;
       makeDirs(entry.substr(0, entry.rfind('/')));
-      if (symlink(binary.c_str(), entry.c_str()) != 0) return sysFail(error, "symlink " + entry);
+      if (symlink(binary.c_str(), entry.c_str()) != 0)
+        return sysFail(error, "symlink " + entry);
     }
-    if (l.second.empty() && !qzbin.rest.empty()) makeDirs(layer + "/" + qzbin.rest);
+    if (l.second.empty() && !qzbin.rest.empty())
+      makeDirs(layer + "/" + qzbin.rest);
     if (!submounts(l.first).empty()) {
       *error = "cannot overlay " + l.first + ": it has mounts below it";
       return false;
     }
-    if (!overlay(l.first, layer, scratch.dir, error)) return false;
+    if (!overlay(l.first, layer, scratch.dir, error))
+      return false;
     ns().hostMounts.push_back(l.first);
   }
   return true;
@@ -200,7 +219,8 @@ bool mountTools(const Host& h, const std::string& binary, std::string* error) {
 
 bool bindHostFolder(const std::string& from, const std::string& to, std::string* error) {
   makeDirs(from);
-  if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0) return sysFail(error, "bind " + to);
+  if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0)
+    return sysFail(error, "bind " + to);
   ns().hostMounts.push_back(to);
   return true;
 }
@@ -224,12 +244,16 @@ bool syncFiles(const std::string& root, const std::string& host, std::string* er
 
 }  // namespace
 
-std::string simBinary() { return QZSIM_BINARY; }
+std::string simBinary() {
+  return QZSIM_BINARY;
+}
 
 bool enterNamespace(std::string* error) {
-  if (ns().entered) return true;
+  if (ns().entered)
+    return true;
   if (getuid() != 0) {
-    if (!enterUserNamespace(error)) return false;
+    if (!enterUserNamespace(error))
+      return false;
   } else if (unshare(CLONE_NEWNS) != 0) {
     return sysFail(error, "unshare(mount namespace)");
   }
@@ -238,9 +262,11 @@ bool enterNamespace(std::string* error) {
   // /dev/qz must exist to be bound per host; an overlay adds it without
   // touching the machine's /dev.
   Scratch scratch;
-  if (!scratch.open(error)) return false;
+  if (!scratch.open(error))
+    return false;
   makeDirs(scratch.dir + "/devlayer/qz");
-  if (!overlay("/dev", scratch.dir + "/devlayer", scratch.dir, error)) return false;
+  if (!overlay("/dev", scratch.dir + "/devlayer", scratch.dir, error))
+    return false;
   ns().entered = true;
   return true;
 }
@@ -263,7 +289,8 @@ bool actAsHost(const std::string& root, const std::string& host, std::string* er
     *error = e.what();
     return false;
   }
-  if (!syncFiles(root, host, error)) return false;
+  if (!syncFiles(root, host, error))
+    return false;
   std::string dir = hostDir(root, host);
   if (!mountTools(h, binary, error) || !bindHostFolder(dir + "/dev_qz", "/dev/qz", error) ||
       !bindHostFolder(dir + "/sys_block", "/sys/block", error))
@@ -291,11 +318,13 @@ void drain(int outFd, int errFd, CommandResult* r) {
   char buf[8192];
   while (open > 0) {
     if (poll(fds, 2, -1) < 0) {
-      if (errno == EINTR) continue;
+      if (errno == EINTR)
+        continue;
       break;
     }
     for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
+      if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR)))
+        continue;
       ssize_t n = read(fds[i].fd, buf, sizeof buf);
       if (n > 0) {
         (i == 0 ? r->out : r->err).append(buf, static_cast<size_t>(n));
@@ -312,7 +341,8 @@ CommandResult runProgram(const std::string& program, const std::vector<std::stri
                          const std::vector<std::string>& env) {
   CommandResult r;
   int out[2], err[2];
-  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return r;
+  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
+    return r;
   pid_t pid = fork();
   if (pid == 0) {
     dup2(out[1], 1);
@@ -321,8 +351,10 @@ CommandResult runProgram(const std::string& program, const std::vector<std::stri
     std::vector<char*> args;
     for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
-    if (program.find('/') == std::string::npos) execvp(program.c_str(), args.data());
-    else execv(program.c_str(), args.data());
+    if (program.find('/') == std::string::npos)
+      execvp(program.c_str(), args.data());
+    else
+      execv(program.c_str(), args.data());
     _exit(127);
   }
   close(out[1]);
@@ -336,8 +368,10 @@ CommandResult runProgram(const std::string& program, const std::vector<std::stri
 
 }  // namespace
 
-CommandResult runCommand(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
-  if (argv.empty()) return CommandResult();
+CommandResult runCommand(const std::vector<std::string>& argv,
+                         const std::vector<std::string>& env) {
+  if (argv.empty())
+    return CommandResult();
   return runProgram(argv[0], argv, env);
 }
 
@@ -352,7 +386,8 @@ CommandResult simTool(const std::string& root, const std::string& host,
   return runProgram(simBinary(), toolAndArgs, {"QZSIM_ROOT=" + root, "QZSIM_HOST=" + host});
 }
 
-CommandResult simTool(const std::string& root, const std::string& host, const std::string& commandLine) {
+CommandResult simTool(const std::string& root, const std::string& host,
+                      const std::string& commandLine) {
   return simTool(root, host, splitBlanks(commandLine));
 }
 

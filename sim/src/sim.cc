@@ -23,23 +23,40 @@ struct ErrInfo {
 
 ErrInfo errInfo(Err kind) {
   switch (kind) {
-    case kUsage: return {1, 1};
-    case kNotInstalled: return {2, 2};
-    case kNoDisk: return {11, 101};
-    case kDiskNotInit: return {11, 102};
-    case kDiskInUse: return {13, 103};
-    case kBadGeometry: return {14, 104};
-    case kNoGroup: return {11, 201};
-    case kGroupExists: return {12, 202};
-    case kImportNoDisks: return {20, 203};
-    case kImportLocked: return {20, 204};
-    case kNoObject: return {11, 301};
-    case kObjectExists: return {12, 302};
-    case kNoSpace: return {14, 303};
-    case kVolBusy: return {31, 304};
-    case kVolCannotStart: return {15, 305};
-    case kUsageType: return {1, 306};
-    case kNoPath: return {11, 401};
+    case kUsage:
+      return {1, 1};
+    case kNotInstalled:
+      return {2, 2};
+    case kNoDisk:
+      return {11, 101};
+    case kDiskNotInit:
+      return {11, 102};
+    case kDiskInUse:
+      return {13, 103};
+    case kBadGeometry:
+      return {14, 104};
+    case kNoGroup:
+      return {11, 201};
+    case kGroupExists:
+      return {12, 202};
+    case kImportNoDisks:
+      return {20, 203};
+    case kImportLocked:
+      return {20, 204};
+    case kNoObject:
+      return {11, 301};
+    case kObjectExists:
+      return {12, 302};
+    case kNoSpace:
+      return {14, 303};
+    case kVolBusy:
+      return {31, 304};
+    case kVolCannotStart:
+      return {15, 305};
+    case kUsageType:
+      return {1, 306};
+    case kNoPath:
+      return {11, 401};
   }
   return {1, 1};
 }
@@ -59,8 +76,8 @@ Disk diskFromRow(const Row& r) {
   d.image = r[5].s;
   d.ptype = r[6].s;
   d.pformat = r[7].s;
-  int64_t* nums[] = {&d.privslice, &d.pubslice, &d.privoffset, &d.privlen, &d.puboffset,
-                     &d.publen,    &d.configlen, &d.loglen,    &d.nconfig, &d.nlog};
+  int64_t* nums[] = {&d.privslice, &d.pubslice,  &d.privoffset, &d.privlen, &d.puboffset,
+                     &d.publen,    &d.configlen, &d.loglen,     &d.nconfig, &d.nlog};
   for (int i = 0; i < 10; ++i) *nums[i] = r[8 + i].i;
   d.diskid = r[18].s;
   d.dmname = r[19].s;
@@ -79,7 +96,9 @@ void fail(Err kind, const std::string& text) {
   throw ToolError{e.status, e.code, text};
 }
 
-std::string dbPath(const std::string& root) { return root + "/qzsim.db"; }
+std::string dbPath(const std::string& root) {
+  return root + "/qzsim.db";
+}
 std::string hostDir(const std::string& root, const std::string& host) {
   return root + "/hosts/" + host;
 }
@@ -92,7 +111,8 @@ Host Sim::loadHost(Db& db, const std::string& name) {
   auto rows = db.query(
       "SELECT name, installed, version, dmp, vset, cds, hide_scans FROM hosts WHERE name=?",
       {name});
-  if (rows.empty()) throw ToolError{2, 2, "host " + name + " is not part of the simulation"};
+  if (rows.empty())
+    throw ToolError{2, 2, "host " + name + " is not part of the simulation"};
   Host h;
   h.name = rows[0][0].s;
   h.installed = rows[0][1].i != 0;
@@ -106,7 +126,8 @@ Host Sim::loadHost(Db& db, const std::string& name) {
 
 Disk Sim::loadDisk(Db& db, int64_t id) {
   auto rows = db.query(std::string("SELECT ") + kDiskCols + " FROM disks WHERE id=?", {id});
-  if (rows.empty()) fail(kNoDisk, "disk " + std::to_string(id) + " does not exist");
+  if (rows.empty())
+    fail(kNoDisk, "disk " + std::to_string(id) + " does not exist");
   return diskFromRow(rows[0]);
 }
 
@@ -115,30 +136,32 @@ void Sim::saveDisk(Db& db, const Disk& d) {
       "UPDATE disks SET ptype=?, pformat=?, privslice=?, pubslice=?, privoffset=?, privlen=?, "
       "puboffset=?, publen=?, configlen=?, loglen=?, nconfig=?, nlog=?, diskid=?, dmname=?, "
       "dgname=?, dgid=?, hostlock=?, seqno=?, config=? WHERE id=?",
-      {d.ptype, d.pformat, d.privslice, d.pubslice, d.privoffset, d.privlen, d.puboffset,
-       d.publen, d.configlen, d.loglen, d.nconfig, d.nlog, d.diskid, d.dmname, d.dgname, d.dgid,
-       d.hostlock, d.seqno, d.config, d.id});
+      {d.ptype,  d.pformat,   d.privslice, d.pubslice, d.privoffset, d.privlen, d.puboffset,
+       d.publen, d.configlen, d.loglen,    d.nconfig,  d.nlog,       d.diskid,  d.dmname,
+       d.dgname, d.dgid,      d.hostlock,  d.seqno,    d.config,     d.id});
 }
 
 std::vector<OsPath> Sim::paths(int64_t disk) {
   std::vector<OsPath> out;
-  for (const auto& r : db.query(
-           "SELECT osname, enabled FROM paths WHERE host=? AND disk=? ORDER BY ord",
-           {host.name, disk})) {
+  for (const auto& r :
+       db.query("SELECT osname, enabled FROM paths WHERE host=? AND disk=? ORDER BY ord",
+                {host.name, disk})) {
     out.push_back({r[0].s, disk, r[1].i != 0});
   }
   return out;
 }
 
 std::string Sim::daName(const Disk& d) {
-  if (host.dmp) return d.node();
+  if (host.dmp)
+    return d.node();
   auto p = paths(d.id);
   return p.empty() ? d.node() : p[0].osname;
 }
 
 std::string Sim::dmpPath(const Disk& d) {
   std::string path = "/dev/qz/dmp/" + daName(d);
-  if (d.pubslice != 9999) path += "s" + std::to_string(d.pubslice);
+  if (d.pubslice != 9999)
+    path += "s" + std::to_string(d.pubslice);
   return path;
 }
 
@@ -160,20 +183,24 @@ int64_t Sim::findDisk(const std::string& rawName, bool requireView) {
   std::string cond = requireView ? "inview=1" : "discovered=1";
   int64_t byOs = db.queryInt(
       "SELECT p.disk FROM paths p JOIN hostdisks h ON h.host=p.host AND h.disk=p.disk "
-      "WHERE p.host=? AND p.osname=? AND h." + cond,
+      "WHERE p.host=? AND p.osname=? AND h." +
+          cond,
       {host.name, name}, 0);
-  if (byOs) return byOs;
-  for (const auto& r : db.query("SELECT disk FROM hostdisks WHERE host=? AND " + cond,
-                                {host.name})) {
+  if (byOs)
+    return byOs;
+  for (const auto& r :
+       db.query("SELECT disk FROM hostdisks WHERE host=? AND " + cond, {host.name})) {
     Disk d = loadDisk(db, r[0].i);
-    if (daName(d) == name) return d.id;
+    if (daName(d) == name)
+      return d.id;
   }
   return 0;
 }
 
 int64_t Sim::requireViewDisk(const std::string& name) {
   int64_t id = findDisk(name, true);
-  if (!id) fail(kNoDisk, "Disk " + name + ": Device not in configuration or not seen yet");
+  if (!id)
+    fail(kNoDisk, "Disk " + name + ": Device not in configuration or not seen yet");
   return id;
 }
 
@@ -199,18 +226,23 @@ bool Sim::loadGroupById(const std::string& dgid, Group* g) {
   Disk best;
   std::vector<Disk> carriers;
   for (const Disk& d : viewDisks()) {
-    if (d.dgid != dgid || d.config.empty()) continue;
+    if (d.dgid != dgid || d.config.empty())
+      continue;
     carriers.push_back(d);
-    if (best.id == 0 || d.seqno > best.seqno) best = d;
+    if (best.id == 0 || d.seqno > best.seqno)
+      best = d;
   }
-  if (best.id == 0) return false;
+  if (best.id == 0)
+    return false;
   std::string error;
   g->dgid = dgid;
   g->dmDisk.clear();
-  if (!configFromDump(best.config, &g->cfg, &error)) return false;
+  if (!configFromDump(best.config, &g->cfg, &error))
+    return false;
   for (const auto& dm : g->cfg.dms)
     for (const Disk& d : carriers)
-      if (d.diskid == dm.diskid) g->dmDisk[dm.name] = d.id;
+      if (d.diskid == dm.diskid)
+        g->dmDisk[dm.name] = d.id;
   return true;
 }
 
@@ -222,7 +254,8 @@ bool Sim::findGroup(const std::string& name, Group* g) {
 
 Sim::Group Sim::requireGroup(const std::string& name) {
   Group g;
-  if (!findGroup(name, &g)) fail(kNoGroup, "Disk group " + name + ": not found");
+  if (!findGroup(name, &g))
+    fail(kNoGroup, "Disk group " + name + ": not found");
   return g;
 }
 
@@ -247,7 +280,8 @@ void Sim::saveGroup(Group& g) {
   std::string text = writeDump(g.cfg, view, DumpSelect());
   for (const auto& dm : g.cfg.dms) {
     auto it = g.dmDisk.find(dm.name);
-    if (it == g.dmDisk.end()) continue;
+    if (it == g.dmDisk.end())
+      continue;
     Disk d = loadDisk(db, it->second);
     d.dgid = g.dgid;
     d.dgname = g.cfg.dg.name;
@@ -261,7 +295,8 @@ void Sim::saveGroup(Group& g) {
 
 std::string Sim::groupOfDisk(int64_t disk) {
   Disk d = loadDisk(db, disk);
-  if (d.dgid.empty()) return "";
+  if (d.dgid.empty())
+    return "";
   return db.queryText("SELECT dgname FROM imports WHERE host=? AND dgid=?", {host.name, d.dgid},
                       "");
 }
@@ -302,9 +337,10 @@ void Sim::applyDeletes() {
   std::string sys = hostDir(root, host.name) + "/sys_block";
   for (const std::string& name : listDir(sys)) {
     std::string text;
-    if (!readFile(sys + "/" + name + "/device/delete", &text) || trim(text) != "1") continue;
-    int64_t disk = db.queryInt("SELECT disk FROM paths WHERE host=? AND osname=?",
-                               {host.name, name}, 0);
+    if (!readFile(sys + "/" + name + "/device/delete", &text) || trim(text) != "1")
+      continue;
+    int64_t disk =
+        db.queryInt("SELECT disk FROM paths WHERE host=? AND osname=?", {host.name, name}, 0);
     db.exec("DELETE FROM paths WHERE host=? AND osname=?", {host.name, name});
     if (disk && paths(disk).empty())
       db.exec("DELETE FROM hostdisks WHERE host=? AND disk=?", {host.name, disk});
@@ -320,7 +356,8 @@ void Sim::syncHostFiles() {
     osnames.insert(r[0].s);
   std::string sys = dir + "/sys_block";
   for (const std::string& n : listDir(sys))
-    if (!osnames.count(n)) removeTree(sys + "/" + n);
+    if (!osnames.count(n))
+      removeTree(sys + "/" + n);
   for (const std::string& n : osnames) {
     std::string del = sys + "/" + n + "/device/delete";
     if (access(del.c_str(), F_OK) != 0) {
@@ -332,7 +369,8 @@ void Sim::syncHostFiles() {
   std::map<std::string, std::set<std::string>> wanted;
   for (const auto& imp : imports()) {
     Group g;
-    if (!loadGroupById(imp.first, &g)) continue;
+    if (!loadGroupById(imp.first, &g))
+      continue;
     auto& vols = wanted[imp.second];
     for (const auto& v : g.cfg.vols) vols.insert(v.name);
   }
@@ -346,13 +384,15 @@ void Sim::syncHostFiles() {
         continue;
       }
       for (const std::string& v : listDir(base + "/" + dg))
-        if (!it->second.count(v)) unlink((base + "/" + dg + "/" + v).c_str());
+        if (!it->second.count(v))
+          unlink((base + "/" + dg + "/" + v).c_str());
     }
     for (const auto& dg : wanted) {
       makeDirs(base + "/" + dg.first);
       for (const std::string& v : dg.second) {
         std::string node = base + "/" + dg.first + "/" + v;
-        if (access(node.c_str(), F_OK) != 0) writeFile(node, "", 0600);
+        if (access(node.c_str(), F_OK) != 0)
+          writeFile(node, "", 0600);
       }
     }
   }

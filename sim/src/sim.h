@@ -53,8 +53,8 @@ struct Disk {
   std::string lun, enclosure, image;
   int64_t enclIndex = 0, size = 0;
   std::string ptype = "auto", pformat = "none";
-  int64_t privslice = 9999, pubslice = 9999, privoffset = 0, privlen = 0, puboffset = 0,
-          publen = 0, configlen = 0, loglen = 0, nconfig = 0, nlog = 0;
+  int64_t privslice = 9999, pubslice = 9999, privoffset = 0, privlen = 0, puboffset = 0, publen = 0,
+          configlen = 0, loglen = 0, nconfig = 0, nlog = 0;
   std::string diskid, dmname, dgname, dgid, hostlock;
   int64_t seqno = 0;
   std::string config;

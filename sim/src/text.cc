@@ -6,7 +6,9 @@
 namespace qzsim {
 
 namespace {
-bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+bool isBlank(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
 }  // namespace
 
 std::vector<std::string> splitBlanks(const std::string& text) {
@@ -14,13 +16,15 @@ std::vector<std::string> splitBlanks(const std::string& text) {
   std::string word;
   for (char c : text) {
     if (isBlank(c)) {
-      if (!word.empty()) words.push_back(word);
+      if (!word.empty())
+        words.push_back(word);
       word.clear();
     } else {
       word += c;
     }
   }
-  if (!word.empty()) words.push_back(word);
+  if (!word.empty())
+    words.push_back(word);
   return words;
 }
 
@@ -42,7 +46,8 @@ std::vector<std::string> splitChar(const std::string& text, char sep) {
 std::string join(const std::vector<std::string>& parts, const std::string& sep) {
   std::string out;
   for (size_t i = 0; i < parts.size(); ++i) {
-    if (i) out += sep;
+    if (i)
+      out += sep;
     out += parts[i];
   }
   return out;
@@ -66,17 +71,20 @@ bool endsWith(const std::string& text, const std::string& suffix) {
 
 bool splitKeyValue(const std::string& word, std::string* key, std::string* value) {
   size_t eq = word.find('=');
-  if (eq == std::string::npos) return false;
+  if (eq == std::string::npos)
+    return false;
   *key = word.substr(0, eq);
   *value = word.substr(eq + 1);
   return true;
 }
 
 bool parseUint(const std::string& text, uint64_t* value) {
-  if (text.empty() || text.size() > 19) return false;
+  if (text.empty() || text.size() > 19)
+    return false;
   uint64_t v = 0;
   for (char c : text) {
-    if (!std::isdigit(static_cast<unsigned char>(c))) return false;
+    if (!std::isdigit(static_cast<unsigned char>(c)))
+      return false;
     v = v * 10 + static_cast<uint64_t>(c - '0');
   }
   *value = v;
@@ -84,23 +92,36 @@ bool parseUint(const std::string& text, uint64_t* value) {
 }
 
 bool parseLength(const std::string& text, uint64_t* sectors) {
-  if (text.empty()) return false;
+  if (text.empty())
+    return false;
   std::string digits = text;
   uint64_t scale = 1;
   char last = static_cast<char>(std::tolower(static_cast<unsigned char>(text.back())));
   if (!std::isdigit(static_cast<unsigned char>(last))) {
     digits.pop_back();
     switch (last) {
-      case 's': scale = 1; break;
-      case 'k': scale = 2; break;
-      case 'm': scale = 2048; break;
-      case 'g': scale = 2048ull * 1024; break;
-      case 't': scale = 2048ull * 1024 * 1024; break;
-      default: return false;
+      case 's':
+        scale = 1;
+        break;
+      case 'k':
+        scale = 2;
+        break;
+      case 'm':
+        scale = 2048;
+        break;
+      case 'g':
+        scale = 2048ull * 1024;
+        break;
+      case 't':
+        scale = 2048ull * 1024 * 1024;
+        break;
+      default:
+        return false;
     }
   }
   uint64_t v = 0;
-  if (!parseUint(digits, &v)) return false;
+  if (!parseUint(digits, &v))
+    return false;
   *sectors = v * scale;
   return true;
 }
@@ -108,7 +129,8 @@ bool parseLength(const std::string& text, uint64_t* sectors) {
 std::string formatTable(const std::vector<std::vector<std::string>>& rows) {
   std::vector<size_t> widths;
   for (const auto& row : rows) {
-    if (widths.size() < row.size()) widths.resize(row.size(), 0);
+    if (widths.size() < row.size())
+      widths.resize(row.size(), 0);
     for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
   }
   std::string out;
@@ -116,7 +138,8 @@ std::string formatTable(const std::vector<std::vector<std::string>>& rows) {
     std::string line;
     for (size_t i = 0; i < row.size(); ++i) {
       line += row[i];
-      if (i + 1 < row.size()) line += std::string(widths[i] - row[i].size() + 2, ' ');
+      if (i + 1 < row.size())
+        line += std::string(widths[i] - row[i].size() + 2, ' ');
     }
     out += line + "\n";
   }
@@ -125,8 +148,10 @@ std::string formatTable(const std::vector<std::vector<std::string>>& rows) {
 
 std::string keyLine(const std::string& key, const std::string& value) {
   std::string head = key + ":";
-  if (head.size() < 11) head += std::string(11 - head.size(), ' ');
-  else head += " ";
+  if (head.size() < 11)
+    head += std::string(11 - head.size(), ' ');
+  else
+    head += " ";
   return head + value + "\n";
 }
 

@@ -63,7 +63,8 @@ const ToolEntry kTools[] = {
 
 ToolFn findTool(const std::string& name) {
   for (const auto& t : kTools)
-    if (name == t.name) return t.fn;
+    if (name == t.name)
+      return t.fn;
   return nullptr;
 }
 

@@ -13,7 +13,8 @@ void listGroups(Sim& s) {
   for (const auto& imp : s.imports()) {
     Sim::Group g;
     std::string state = "enabled";
-    if (s.loadGroupById(imp.first, &g) && g.cfg.dg.cds) state += ",cds";
+    if (s.loadGroupById(imp.first, &g) && g.cfg.dg.cds)
+      state += ",cds";
     rows.push_back({imp.second, state, imp.first});
   }
   s.out += formatTable(rows);
@@ -30,14 +31,17 @@ void showGroup(Sim& s, const std::string& name) {
   for (const auto& dm : g.cfg.dms) {
     auto it = g.dmDisk.find(dm.name);
     std::string da = it == g.dmDisk.end() ? "-" : s.daName(Sim::loadDisk(s.db, it->second));
-    o += "config disk " + da + " copy 1 state=" + (it == g.dmDisk.end() ? "failed" : "clean online") + "\n";
+    o += "config disk " + da +
+         " copy 1 state=" + (it == g.dmDisk.end() ? "failed" : "clean online") + "\n";
   }
 }
 
 // A disk argument is "da" or "dm=da".
 void parseDiskArg(const std::string& word, std::string* dm, std::string* da) {
-  if (!splitKeyValue(word, dm, da)) *dm = *da = word;
-  if (dm->empty() || da->empty()) fail(kUsage, "invalid disk argument " + word);
+  if (!splitKeyValue(word, dm, da))
+    *dm = *da = word;
+  if (dm->empty() || da->empty())
+    fail(kUsage, "invalid disk argument " + word);
 }
 
 void addDiskToGroup(Sim& s, Sim::Group& g, const std::string& word) {
@@ -52,29 +56,37 @@ void addDiskToGroup(Sim& s, Sim::Group& g, const std::string& word) {
     fail(kDiskInUse, "Disk " + da + " belongs to disk group " +
                          (other.empty() ? d.dgname + " (deported)" : other));
   }
-  if (g.cfg.hasName(dm)) fail(kObjectExists, "Disk media name " + dm + " is already in use");
+  if (g.cfg.hasName(dm))
+    fail(kObjectExists, "Disk media name " + dm + " is already in use");
   if (g.cfg.dg.cds && d.pformat != "cdsdisk")
-    fail(kUsage, "Disk " + da + " is not a cdsdisk and cannot join cds disk group " + g.cfg.dg.name);
+    fail(kUsage,
+         "Disk " + da + " is not a cdsdisk and cannot join cds disk group " + g.cfg.dg.name);
   g.cfg.dms.push_back({dm, d.diskid, s.newGuid()});
   g.dmDisk[dm] = id;
 }
 
 void initGroup(Sim& s, const std::vector<std::string>& words) {
-  if (words.size() < 3) fail(kUsage, "Usage: qzdg init DG [dm=]disk ... [cds=on|off]");
+  if (words.size() < 3)
+    fail(kUsage, "Usage: qzdg init DG [dm=]disk ... [cds=on|off]");
   const std::string& name = words[1];
   Sim::Group g;
-  if (s.findGroup(name, &g)) fail(kGroupExists, "Disk group " + name + " exists and is imported");
+  if (s.findGroup(name, &g))
+    fail(kGroupExists, "Disk group " + name + " exists and is imported");
   g = Sim::Group();
   g.cfg.dg.name = name;
   std::vector<std::string> disks;
   std::string cds;
   for (size_t i = 2; i < words.size(); ++i) {
     std::string key, value;
-    if (splitKeyValue(words[i], &key, &value) && key == "cds") cds = value;
-    else disks.push_back(words[i]);
+    if (splitKeyValue(words[i], &key, &value) && key == "cds")
+      cds = value;
+    else
+      disks.push_back(words[i]);
   }
-  if (disks.empty()) fail(kUsage, "init: no disk given");
-  if (!cds.empty() && cds != "on" && cds != "off") fail(kUsage, "cds must be on or off");
+  if (disks.empty())
+    fail(kUsage, "init: no disk given");
+  if (!cds.empty() && cds != "on" && cds != "off")
+    fail(kUsage, "cds must be on or off");
   bool allCds = true;
   for (const auto& w : disks) {
     std::string dm, da;
@@ -100,14 +112,19 @@ struct ImportArgs {
 std::string findDeportedGroup(Sim& s, const std::string& target) {
   std::set<std::string> byName;
   for (const Disk& d : s.viewDisks()) {
-    if (d.dgid.empty()) continue;
-    if (d.dgid == target) return d.dgid;
-    if (d.dgname == target) byName.insert(d.dgid);
+    if (d.dgid.empty())
+      continue;
+    if (d.dgid == target)
+      return d.dgid;
+    if (d.dgname == target)
+      byName.insert(d.dgid);
   }
   if (byName.empty())
-    fail(kImportNoDisks, "Disk group " + target + ": import failed: No valid disk found containing disk group");
+    fail(kImportNoDisks,
+         "Disk group " + target + ": import failed: No valid disk found containing disk group");
   if (byName.size() > 1)
-    fail(kGroupExists, "Disk group " + target + ": import failed: several disk groups have this name; import by id");
+    fail(kGroupExists, "Disk group " + target +
+                           ": import failed: several disk groups have this name; import by id");
   return *byName.begin();
 }
 
@@ -115,7 +132,8 @@ void checkLocks(Sim& s, const Sim::Group& g, const ImportArgs& ia) {
   for (const auto& dm : g.cfg.dms) {
     auto it = g.dmDisk.find(dm.name);
     if (it == g.dmDisk.end())
-      fail(kImportNoDisks, "Disk group " + ia.target + ": import failed: Disk for media " + dm.name + " not found");
+      fail(kImportNoDisks,
+           "Disk group " + ia.target + ": import failed: Disk for media " + dm.name + " not found");
     Disk d = Sim::loadDisk(s.db, it->second);
     if (!d.hostlock.empty() && d.hostlock != s.host.name && !ia.clearLocks)
       fail(kImportLocked, "Disk group " + ia.target + ": import failed: Disk " + s.daName(d) +
@@ -126,14 +144,17 @@ void checkLocks(Sim& s, const Sim::Group& g, const ImportArgs& ia) {
 void importGroup(Sim& s, const ImportArgs& ia) {
   std::string dgid = findDeportedGroup(s, ia.target);
   if (s.db.queryInt("SELECT count(*) FROM imports WHERE host=? AND dgid=?", {s.host.name, dgid}, 0))
-    fail(kGroupExists, "Disk group " + ia.target + ": import failed: Disk group is already imported");
+    fail(kGroupExists,
+         "Disk group " + ia.target + ": import failed: Disk group is already imported");
   Sim::Group g;
   if (!s.loadGroupById(dgid, &g))
-    fail(kImportNoDisks, "Disk group " + ia.target + ": import failed: No valid configuration copy found");
+    fail(kImportNoDisks,
+         "Disk group " + ia.target + ": import failed: No valid configuration copy found");
   checkLocks(s, g, ia);
   std::string name = ia.newName.empty() ? g.cfg.dg.name : ia.newName;
   Sim::Group other;
-  if (s.findGroup(name, &other)) fail(kGroupExists, "Disk group " + name + " exists and is imported");
+  if (s.findGroup(name, &other))
+    fail(kGroupExists, "Disk group " + name + " exists and is imported");
   g.cfg.dg.name = name;
   s.db.exec("INSERT INTO imports(host, dgid, dgname) VALUES(?,?,?)", {s.host.name, dgid, name});
   s.saveGroup(g);
@@ -142,12 +163,14 @@ void importGroup(Sim& s, const ImportArgs& ia) {
 void checkNotBusy(Sim& s, const Sim::Group& g, const std::string& op) {
   for (const auto& v : g.cfg.vols)
     if (s.isHeld(g.dgid, v.name))
-      fail(kDiskInUse, "Disk group " + g.cfg.dg.name + ": " + op + " failed: Volume " + v.name + " is open");
+      fail(kDiskInUse,
+           "Disk group " + g.cfg.dg.name + ": " + op + " failed: Volume " + v.name + " is open");
 }
 
 void forgetImport(Sim& s, const Sim::Group& g) {
   for (const char* table : {"imports", "started", "holds"})
-    s.db.exec(std::string("DELETE FROM ") + table + " WHERE host=? AND dgid=?", {s.host.name, g.dgid});
+    s.db.exec(std::string("DELETE FROM ") + table + " WHERE host=? AND dgid=?",
+              {s.host.name, g.dgid});
 }
 
 void deportGroup(Sim& s, const std::string& name) {
@@ -179,7 +202,8 @@ void destroyGroup(Sim& s, const std::string& name) {
 }
 
 std::string oneGroupArg(const Opts& o, const std::string& cmd) {
-  if (o.words.size() != 2) fail(kUsage, "Usage: qzdg " + cmd + " DG");
+  if (o.words.size() != 2)
+    fail(kUsage, "Usage: qzdg " + cmd + " DG");
   return o.words[1];
 }
 
@@ -187,23 +211,31 @@ std::string oneGroupArg(const Opts& o, const std::string& cmd) {
 
 void toolQzdg(Sim& s, const Args& a) {
   Opts o = parseOpts(a, "gno");
-  if (o.words.empty()) fail(kUsage, "Usage: qzdg list|init|adddisk|import|deport|destroy|flush ...");
+  if (o.words.empty())
+    fail(kUsage, "Usage: qzdg list|init|adddisk|import|deport|destroy|flush ...");
   const std::string& cmd = o.words[0];
   if (cmd == "list") {
-    if (o.words.size() > 1) return showGroup(s, o.words[1]);
-    if (o.has('g')) return showGroup(s, o.get('g'));
+    if (o.words.size() > 1)
+      return showGroup(s, o.words[1]);
+    if (o.has('g'))
+      return showGroup(s, o.get('g'));
     return listGroups(s);
   }
-  if (cmd == "init") return initGroup(s, o.words);
+  if (cmd == "init")
+    return initGroup(s, o.words);
   if (cmd == "adddisk") {
-    if (!o.has('g') || o.words.size() < 2) fail(kUsage, "Usage: qzdg -g DG adddisk [dm=]disk ...");
+    if (!o.has('g') || o.words.size() < 2)
+      fail(kUsage, "Usage: qzdg -g DG adddisk [dm=]disk ...");
     Sim::Group g = s.requireGroup(o.get('g'));
     for (size_t i = 1; i < o.words.size(); ++i) addDiskToGroup(s, g, o.words[i]);
     return s.saveGroup(g);
   }
-  if (cmd == "import") return importGroup(s, {oneGroupArg(o, cmd), o.get('n'), o.has('C')});
-  if (cmd == "deport") return deportGroup(s, oneGroupArg(o, cmd));
-  if (cmd == "destroy") return destroyGroup(s, oneGroupArg(o, cmd));
+  if (cmd == "import")
+    return importGroup(s, {oneGroupArg(o, cmd), o.get('n'), o.has('C')});
+  if (cmd == "deport")
+    return deportGroup(s, oneGroupArg(o, cmd));
+  if (cmd == "destroy")
+    return destroyGroup(s, oneGroupArg(o, cmd));
   if (cmd == "flush") {
     Sim::Group g = s.requireGroup(oneGroupArg(o, cmd));
     return s.saveGroup(g);

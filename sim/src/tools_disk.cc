@@ -9,34 +9,40 @@ namespace qzsim {
 
 namespace {
 
-const std::set<std::string> kGeometryKeys = {"type",      "format",  "privoffset", "privlen",
-                                             "puboffset", "publen",  "configlen",  "loglen",
-                                             "nconfig",   "nlog",    "privslice",  "pubslice"};
+const std::set<std::string> kGeometryKeys = {"type",      "format", "privoffset", "privlen",
+                                             "puboffset", "publen", "configlen",  "loglen",
+                                             "nconfig",   "nlog",   "privslice",  "pubslice"};
 
 int64_t geometryValue(const std::map<std::string, std::string>& attrs, const std::string& key,
                       int64_t fallback) {
   auto it = attrs.find(key);
-  if (it == attrs.end()) return fallback;
+  if (it == attrs.end())
+    return fallback;
   uint64_t v = 0;
-  if (!parseUint(it->second, &v)) fail(kBadGeometry, "invalid value for " + key + ": " + it->second);
+  if (!parseUint(it->second, &v))
+    fail(kBadGeometry, "invalid value for " + key + ": " + it->second);
   return static_cast<int64_t>(v);
 }
 
 std::string formatFor(const std::string& type, const std::map<std::string, std::string>& attrs) {
   auto it = attrs.find("format");
-  if (type != "auto") return type;
+  if (type != "auto")
+    return type;
   std::string f = it == attrs.end() ? "cdsdisk" : it->second;
-  if (f != "cdsdisk" && f != "sliced" && f != "simple") fail(kUsage, "unknown disk format " + f);
+  if (f != "cdsdisk" && f != "sliced" && f != "simple")
+    fail(kUsage, "unknown disk format " + f);
   return f;
 }
 
 void checkGeometry(const Disk& d) {
   bool overlap = d.privlen > 0 && d.privoffset < d.puboffset + d.publen &&
                  d.puboffset < d.privoffset + d.privlen;
-  if (overlap) fail(kBadGeometry, "private and public regions overlap");
+  if (overlap)
+    fail(kBadGeometry, "private and public regions overlap");
   if (d.publen <= 0 || d.puboffset + d.publen > d.size)
     fail(kBadGeometry, "public region does not fit on the disk");
-  if (d.privoffset + d.privlen > d.size) fail(kBadGeometry, "private region does not fit on the disk");
+  if (d.privoffset + d.privlen > d.size)
+    fail(kBadGeometry, "private region does not fit on the disk");
   if (d.privlen > 0 && d.configlen * d.nconfig + d.loglen * d.nlog > d.privlen)
     fail(kBadGeometry, "configuration copies and logs do not fit in the private region");
 }
@@ -67,7 +73,8 @@ void applyGeometry(Disk& d, const std::map<std::string, std::string>& attrs) {
 std::string statusText(Sim& s, const Disk& d) {
   bool anyPath = false;
   for (const auto& p : s.paths(d.id)) anyPath = anyPath || p.enabled;
-  if (!anyPath) return "error";
+  if (!anyPath)
+    return "error";
   return d.initialized() ? "online" : "online invalid";
 }
 
@@ -76,16 +83,19 @@ std::vector<std::string> listRow(Sim& s, const Disk& d) {
   if (!d.dgid.empty()) {
     std::string imported = s.groupOfDisk(d.id);
     group = imported.empty() ? "(" + d.dgname + ")" : imported;
-    if (!imported.empty()) dm = d.dmname;
+    if (!imported.empty())
+      dm = d.dmname;
   }
   return {s.daName(d), d.ptype + ":" + d.pformat, dm, group, statusText(s, d)};
 }
 
 void printTable(Sim& s, const std::string& dg) {
   std::vector<std::vector<std::string>> rows = {{"DEVICE", "TYPE", "DISK", "GROUP", "STATUS"}};
-  if (!dg.empty()) s.requireGroup(dg);
+  if (!dg.empty())
+    s.requireGroup(dg);
   for (const Disk& d : s.viewDisks()) {
-    if (!dg.empty() && s.groupOfDisk(d.id) != dg) continue;
+    if (!dg.empty() && s.groupOfDisk(d.id) != dg)
+      continue;
     rows.push_back(listRow(s, d));
   }
   s.out += formatTable(rows);
@@ -93,18 +103,24 @@ void printTable(Sim& s, const std::string& dg) {
 
 std::string flagsOf(Sim& s, const Disk& d) {
   std::string flags = "online ready";
-  if (!d.initialized()) return "online invalid";
-  if (d.privlen > 0) flags += " private";
+  if (!d.initialized())
+    return "online invalid";
+  if (d.privlen > 0)
+    flags += " private";
   flags += " autoconfig";
-  if (!d.dgid.empty()) flags += s.groupOfDisk(d.id).empty() ? " autoimport" : " autoimport imported";
-  if (statusText(s, d) == "error") flags += " error";
+  if (!d.dgid.empty())
+    flags += s.groupOfDisk(d.id).empty() ? " autoimport" : " autoimport imported";
+  if (statusText(s, d) == "error")
+    flags += " error";
   return flags;
 }
 
 std::string infoOf(const Disk& d) {
   std::string info = "format=" + d.pformat + ",privoffset=" + std::to_string(d.privoffset);
-  if (d.pubslice != 9999) info += ",pubslice=" + std::to_string(d.pubslice);
-  if (d.privslice != 9999) info += ",privslice=" + std::to_string(d.privslice);
+  if (d.pubslice != 9999)
+    info += ",pubslice=" + std::to_string(d.pubslice);
+  if (d.privslice != 9999)
+    info += ",privslice=" + std::to_string(d.privslice);
   return info;
 }
 
@@ -115,8 +131,8 @@ void printDetail(Sim& s, const Disk& d) {
   o += keyLine("devicetag", da);
   o += keyLine("type", d.ptype);
   o += keyLine("hostid", d.hostlock.empty() ? "-" : d.hostlock);
-  o += keyLine("disk", (d.dmname.empty() ? "" : "name=" + d.dmname + " ") + "id=" +
-                           (d.diskid.empty() ? "-" : d.diskid));
+  o += keyLine("disk", (d.dmname.empty() ? "" : "name=" + d.dmname + " ") +
+                           "id=" + (d.diskid.empty() ? "-" : d.diskid));
   o += keyLine("group", d.dgid.empty() ? "-" : "name=" + d.dgname + " id=" + d.dgid);
   o += keyLine("info", d.initialized() ? infoOf(d) : "format=none");
   o += keyLine("flags", flagsOf(s, d));
@@ -153,12 +169,15 @@ void printShort(Sim& s, const Disk& d) {
 
 void list(Sim& s, const Opts& o, const std::vector<std::string>& names) {
   std::string dg = o.get('g');
-  if (names.empty() && !o.has('s')) return printTable(s, dg);
+  if (names.empty() && !o.has('s'))
+    return printTable(s, dg);
   std::vector<Disk> disks;
   if (names.empty()) {
     for (const Disk& d : s.viewDisks())
-      if (dg.empty() || s.groupOfDisk(d.id) == dg) disks.push_back(d);
-    if (!dg.empty()) s.requireGroup(dg);
+      if (dg.empty() || s.groupOfDisk(d.id) == dg)
+        disks.push_back(d);
+    if (!dg.empty())
+      s.requireGroup(dg);
   }
   for (const auto& n : names) disks.push_back(Sim::loadDisk(s.db, s.requireViewDisk(n)));
   for (const Disk& d : disks) o.has('s') ? printShort(s, d) : printDetail(s, d);
@@ -167,20 +186,24 @@ void list(Sim& s, const Opts& o, const std::vector<std::string>& names) {
 void scan(Sim& s, const std::vector<std::string>& devices, bool newOnly) {
   std::set<std::string> wanted(devices.begin(), devices.end());
   bool hide = s.host.hideScans > 0;
-  for (const auto& r : s.db.query("SELECT disk, discovered FROM hostdisks WHERE host=?",
-                                  {s.host.name})) {
+  for (const auto& r :
+       s.db.query("SELECT disk, discovered FROM hostdisks WHERE host=?", {s.host.name})) {
     int64_t id = r[0].i;
     bool discovered = r[1].i != 0;
     if (!wanted.empty()) {
       bool match = wanted.count(s.daName(Sim::loadDisk(s.db, id))) > 0;
       for (const auto& p : s.paths(id)) match = match || wanted.count(p.osname) > 0;
-      if (!match) continue;
+      if (!match)
+        continue;
     }
-    if (!discovered && hide) continue;
-    if (discovered && newOnly) continue;
+    if (!discovered && hide)
+      continue;
+    if (discovered && newOnly)
+      continue;
     s.setView(id, true, true);
   }
-  if (hide) s.db.exec("UPDATE hosts SET hide_scans=hide_scans-1 WHERE name=?", {s.host.name});
+  if (hide)
+    s.db.exec("UPDATE hosts SET hide_scans=hide_scans-1 WHERE name=?", {s.host.name});
 }
 
 void scanCommand(Sim& s, const Opts& o) {
@@ -188,11 +211,14 @@ void scanCommand(Sim& s, const Opts& o) {
   bool newOnly = false;
   for (size_t i = 1; i < o.words.size(); ++i) {
     std::string key, value;
-    if (o.words[i] == "new") newOnly = true;
+    if (o.words[i] == "new")
+      newOnly = true;
     else if (splitKeyValue(o.words[i], &key, &value) && key == "device") {
       for (const auto& dev : splitChar(value, ','))
-        if (!dev.empty()) devices.push_back(startsWith(dev, "/dev/") ? dev.substr(5) : dev);
-    } else fail(kUsage, "scandisks: unexpected argument " + o.words[i]);
+        if (!dev.empty())
+          devices.push_back(startsWith(dev, "/dev/") ? dev.substr(5) : dev);
+    } else
+      fail(kUsage, "scandisks: unexpected argument " + o.words[i]);
   }
   scan(s, devices, newOnly);
 }
@@ -200,14 +226,16 @@ void scanCommand(Sim& s, const Opts& o) {
 void removeFromView(Sim& s, const std::string& name) {
   int64_t id = s.requireViewDisk(name);
   std::string dg = s.groupOfDisk(id);
-  if (!dg.empty()) fail(kDiskInUse, "Disk " + name + " is in use by disk group " + dg);
+  if (!dg.empty())
+    fail(kDiskInUse, "Disk " + name + " is in use by disk group " + dg);
   s.setView(id, true, false);
 }
 
 void clearImport(Sim& s, const std::string& name) {
   int64_t id = s.requireViewDisk(name);
   std::string dg = s.groupOfDisk(id);
-  if (!dg.empty()) fail(kDiskInUse, "Disk " + name + " is in use by imported disk group " + dg);
+  if (!dg.empty())
+    fail(kDiskInUse, "Disk " + name + " is in use by imported disk group " + dg);
   Disk d = Sim::loadDisk(s.db, id);
   d.hostlock.clear();
   Sim::saveDisk(s.db, d);
@@ -225,9 +253,11 @@ std::map<std::string, std::string> geometryAttrs(const std::vector<std::string>&
 }
 
 void initCommand(Sim& s, const Opts& o) {
-  if (o.words.size() < 2) fail(kUsage, "init: no disk given");
+  if (o.words.size() < 2)
+    fail(kUsage, "init: no disk given");
   int64_t id = s.findDisk(o.words[1], false);
-  if (!id) fail(kNoDisk, "Disk " + o.words[1] + ": Device not found or not seen yet");
+  if (!id)
+    fail(kNoDisk, "Disk " + o.words[1] + ": Device not found or not seen yet");
   std::vector<std::string> rest(o.words.begin() + 2, o.words.end());
   initDisk(s, id, geometryAttrs(rest), o.has('f'));
 }
@@ -238,7 +268,8 @@ void initDisk(Sim& s, int64_t id, const std::map<std::string, std::string>& attr
   Disk d = Sim::loadDisk(s.db, id);
   std::string da = s.daName(d);
   std::string dg = s.groupOfDisk(id);
-  if (!dg.empty()) fail(kDiskInUse, "Disk " + da + " is in use by disk group " + dg);
+  if (!dg.empty())
+    fail(kDiskInUse, "Disk " + da + " is in use by disk group " + dg);
   if (d.initialized() && !force)
     fail(kDiskInUse, "Disk " + da + " is already initialized; use -f to initialize it again");
   applyGeometry(d, attrs);
@@ -255,13 +286,18 @@ void initDisk(Sim& s, int64_t id, const std::map<std::string, std::string>& attr
 
 void toolQzdisk(Sim& s, const Args& a) {
   Opts o = parseOpts(a, "g");
-  if (o.words.empty()) fail(kUsage, "Usage: qzdisk [-f] [-s] [-g DG] list|scandisks|rm|clearimport|init ...");
+  if (o.words.empty())
+    fail(kUsage, "Usage: qzdisk [-f] [-s] [-g DG] list|scandisks|rm|clearimport|init ...");
   const std::string& cmd = o.words[0];
   std::vector<std::string> names(o.words.begin() + 1, o.words.end());
-  if (cmd == "list") return list(s, o, names);
-  if (cmd == "scandisks") return scanCommand(s, o);
-  if (cmd == "init") return initCommand(s, o);
-  if (names.empty()) fail(kUsage, cmd + ": no disk given");
+  if (cmd == "list")
+    return list(s, o, names);
+  if (cmd == "scandisks")
+    return scanCommand(s, o);
+  if (cmd == "init")
+    return initCommand(s, o);
+  if (names.empty())
+    fail(kUsage, cmd + ": no disk given");
   if (cmd == "rm") {
     for (const auto& n : names) removeFromView(s, n);
   } else if (cmd == "clearimport") {
@@ -273,18 +309,22 @@ void toolQzdisk(Sim& s, const Args& a) {
 
 void toolQzdisksetup(Sim& s, const Args& a) {
   Opts o = parseOpts(a, "");
-  if (!o.has('i') || o.words.empty()) fail(kUsage, "Usage: qzdisksetup [-f] -i DISK [attr=value ...]");
+  if (!o.has('i') || o.words.empty())
+    fail(kUsage, "Usage: qzdisksetup [-f] -i DISK [attr=value ...]");
   int64_t id = s.findDisk(o.words[0], false);
-  if (!id) fail(kNoDisk, "Disk " + o.words[0] + ": Device not found or not seen yet");
+  if (!id)
+    fail(kNoDisk, "Disk " + o.words[0] + ": Device not found or not seen yet");
   initDisk(s, id, geometryAttrs({o.words.begin() + 1, o.words.end()}), o.has('f'));
 }
 
 void toolQzdiskunsetup(Sim& s, const Args& a) {
   Opts o = parseOpts(a, "");
-  if (o.words.size() != 1) fail(kUsage, "Usage: qzdiskunsetup [-C] DISK");
+  if (o.words.size() != 1)
+    fail(kUsage, "Usage: qzdiskunsetup [-C] DISK");
   int64_t id = s.requireViewDisk(o.words[0]);
   std::string dg = s.groupOfDisk(id);
-  if (!dg.empty()) fail(kDiskInUse, "Disk " + o.words[0] + " is in use by disk group " + dg);
+  if (!dg.empty())
+    fail(kDiskInUse, "Disk " + o.words[0] + " is in use by disk group " + dg);
   Disk d = Sim::loadDisk(s.db, id);
   if (!d.hostlock.empty() && d.hostlock != s.host.name && !o.has('C'))
     fail(kImportLocked, "Disk " + o.words[0] + " is locked by host " + d.hostlock + "; use -C");
@@ -295,10 +335,14 @@ void toolQzdiskunsetup(Sim& s, const Args& a) {
 
 void toolParted(Sim& s, const Args& a) {
   Opts o = parseOpts(a, "");
-  if (o.words.size() != 3 || o.words[1] != "mklabel") fail(kUsage, "Usage: parted -s DEVICE mklabel LABEL");
+  if (o.words.size() != 3 || o.words[1] != "mklabel")
+    fail(kUsage, "Usage: parted -s DEVICE mklabel LABEL");
   std::string os = startsWith(o.words[0], "/dev/") ? o.words[0].substr(5) : o.words[0];
-  int64_t id = s.db.queryInt("SELECT disk FROM paths WHERE host=? AND osname=?", {s.host.name, os}, 0);
-  if (!id) throw ToolError{1, 0, "Error: Could not stat device " + o.words[0] + " - No such file or directory."};
+  int64_t id =
+      s.db.queryInt("SELECT disk FROM paths WHERE host=? AND osname=?", {s.host.name, os}, 0);
+  if (!id)
+    throw ToolError{1, 0,
+                    "Error: Could not stat device " + o.words[0] + " - No such file or directory."};
   if (!s.groupOfDisk(id).empty())
     throw ToolError{1, 0, "Error: Partition(s) on " + o.words[0] + " are being used."};
   // A new label overwrites the private region.
@@ -308,9 +352,11 @@ void toolParted(Sim& s, const Args& a) {
 }
 
 void toolRpm(Sim& s, const Args& a) {
-  if (a.empty() || a[0] != "-qa") fail(kUsage, "Usage: rpm -qa");
+  if (a.empty() || a[0] != "-qa")
+    fail(kUsage, "Usage: rpm -qa");
   s.out += "glibc-2.36-9.x86_64\nbash-5.2.15-2.x86_64\nparted-3.5-3.x86_64\n";
-  if (s.host.installed) s.out += "ZOLKqzvm-" + s.host.version + "\n";
+  if (s.host.installed)
+    s.out += "ZOLKqzvm-" + s.host.version + "\n";
 }
 
 }  // namespace qzsim

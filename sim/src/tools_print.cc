@@ -29,7 +29,8 @@ void dmRow(Sim& s, const Sim::Group& g, const DmRec& dm, Rows& rows) {
 void sdRow(Sim& s, const Sim::Group& g, const SdRec& sd, Rows& rows) {
   std::string vol;
   for (const auto& p : g.cfg.plexes)
-    if (p.name == sd.plex) vol = p.vol;
+    if (p.name == sd.plex)
+      vol = p.vol;
   rows.push_back({"sd", sd.name, sd.plex, kstate(s, g, vol), std::to_string(sd.len),
                   std::to_string(sd.plOffset), "-", "-", "-"});
 }
@@ -53,7 +54,8 @@ void dcoRow(Sim& s, const Sim::Group& g, const DcoRec& d, Rows& rows) {
 void vsetRow(Sim& s, const Sim::Group& g, const VsetRec& v, Rows& rows) {
   uint64_t len = 0;
   for (const auto& m : v.vols)
-    if (const VolRec* vol = g.cfg.findVol(m)) len += vol->len;
+    if (const VolRec* vol = g.cfg.findVol(m))
+      len += vol->len;
   rows.push_back({"vt", v.name, "-", kstate(s, g, v.name), std::to_string(len), "-",
                   state(s, g, v.name), "-", "-"});
 }
@@ -63,7 +65,8 @@ void volumeTree(Sim& s, const Sim::Group& g, const VolRec& v, Rows& rows) {
   volRow(s, g, v, rows);
   for (const PlexRec* p : g.cfg.plexesOf(v.name)) plexRows(s, g, *p, true, rows);
   const DcoRec* dco = g.cfg.dcoOf(v.name);
-  if (!dco) return;
+  if (!dco)
+    return;
   dcoRow(s, g, *dco, rows);
   if (const VolRec* log = g.cfg.findVol(dco->logVol)) {
     volRow(s, g, *log, rows);
@@ -79,16 +82,21 @@ bool objectRows(Sim& s, const Sim::Group& g, const std::string& name, Rows& rows
   if (const VsetRec* vs = g.cfg.findVset(name)) {
     vsetRow(s, g, *vs, rows);
     for (const auto& m : vs->vols)
-      if (const VolRec* v = g.cfg.findVol(m)) volumeTree(s, g, *v, rows);
+      if (const VolRec* v = g.cfg.findVol(m))
+        volumeTree(s, g, *v, rows);
     return true;
   }
   for (const auto& p : g.cfg.plexes)
-    if (p.name == name) return plexRows(s, g, p, true, rows), true;
+    if (p.name == name)
+      return plexRows(s, g, p, true, rows), true;
   for (const auto& sd : g.cfg.sds)
-    if (sd.name == name) return sdRow(s, g, sd, rows), true;
+    if (sd.name == name)
+      return sdRow(s, g, sd, rows), true;
   for (const auto& d : g.cfg.dcos)
-    if (d.name == name) return dcoRow(s, g, d, rows), true;
-  if (const DmRec* dm = g.cfg.findDm(name)) return dmRow(s, g, *dm, rows), true;
+    if (d.name == name)
+      return dcoRow(s, g, d, rows), true;
+  if (const DmRec* dm = g.cfg.findDm(name))
+    return dmRow(s, g, *dm, rows), true;
   return false;
 }
 
@@ -103,7 +111,8 @@ Kinds kindsOf(const Opts& o) {
 }
 
 void groupRows(Sim& s, const Sim::Group& g, const Kinds& k, Rows& rows) {
-  if (!k.any) rows.push_back({"dg", g.cfg.dg.name, g.cfg.dg.name, "-", "-", "-", "-", "-", "-"});
+  if (!k.any)
+    rows.push_back({"dg", g.cfg.dg.name, g.cfg.dg.name, "-", "-", "-", "-", "-", "-"});
   if (!k.any || k.d)
     for (const auto& dm : g.cfg.dms) dmRow(s, g, dm, rows);
   if (!k.any || k.x)
@@ -120,7 +129,8 @@ void groupRows(Sim& s, const Sim::Group& g, const Kinds& k, Rows& rows) {
 
 void dump(Sim& s, const Sim::Group& g, const Kinds& k) {
   DumpSelect sel;
-  if (k.any) sel = {k.v, k.p, k.s, k.c, k.x};
+  if (k.any)
+    sel = {k.v, k.p, k.s, k.c, k.x};
   s.out += writeDump(g.cfg, s.dumpView(g), sel);
 }
 
@@ -132,7 +142,8 @@ std::vector<Sim::Group> selectedGroups(Sim& s, const Opts& o) {
   }
   for (const auto& imp : s.imports()) {
     Sim::Group g;
-    if (s.loadGroupById(imp.first, &g)) groups.push_back(g);
+    if (s.loadGroupById(imp.first, &g))
+      groups.push_back(g);
   }
   return groups;
 }

@@ -13,28 +13,34 @@ namespace {
 
 const VolRec& requireVol(const Sim::Group& g, const std::string& vol) {
   const VolRec* v = g.cfg.findVol(vol);
-  if (!v) fail(kNoObject, "Volume " + vol + " not found in disk group " + g.cfg.dg.name);
+  if (!v)
+    fail(kNoObject, "Volume " + vol + " not found in disk group " + g.cfg.dg.name);
   return *v;
 }
 
 bool diskUsable(Sim& s, const Sim::Group& g, const std::string& dm) {
   auto it = g.dmDisk.find(dm);
-  if (it == g.dmDisk.end() || !s.inView(it->second)) return false;
+  if (it == g.dmDisk.end() || !s.inView(it->second))
+    return false;
   for (const auto& p : s.paths(it->second))
-    if (p.enabled) return true;
+    if (p.enabled)
+      return true;
   return false;
 }
 
 bool plexComplete(Sim& s, const Sim::Group& g, const PlexRec& p) {
   auto sds = g.cfg.sdsOf(p.name);
-  if (sds.empty()) return false;
+  if (sds.empty())
+    return false;
   for (const SdRec* sd : sds)
-    if (!diskUsable(s, g, sd->dm)) return false;
+    if (!diskUsable(s, g, sd->dm))
+      return false;
   return true;
 }
 
 Sim::Group groupArg(Sim& s, const Opts& o, const std::string& tool) {
-  if (!o.has('g')) fail(kUsage, tool + ": no disk group given (-g DG)");
+  if (!o.has('g'))
+    fail(kUsage, tool + ": no disk group given (-g DG)");
   return s.requireGroup(o.get('g'));
 }
 
@@ -46,7 +52,8 @@ void startVolume(Sim& s, Sim::Group& g, const std::string& vol, const std::strin
     fail(kUsageType, "Volume " + vol + " has usage type " + v.usetype + ", not " + useType);
   bool complete = false;
   for (const PlexRec* p : g.cfg.plexesOf(vol)) complete = complete || plexComplete(s, g, *p);
-  if (!complete) fail(kVolCannotStart, "Volume " + vol + " has no complete plex; cannot start");
+  if (!complete)
+    fail(kVolCannotStart, "Volume " + vol + " has no complete plex; cannot start");
   s.setStarted(g.dgid, vol, true);
 }
 
@@ -59,13 +66,16 @@ void stopVolume(Sim& s, Sim::Group& g, const std::string& vol) {
 
 void toolQzvol(Sim& s, const Args& a) {
   Opts o = parseOpts(a, "gU");
-  if (o.words.empty()) fail(kUsage, "Usage: qzvol -g DG [-U TYPE] start|stop VOL ... | startall | stopall");
+  if (o.words.empty())
+    fail(kUsage, "Usage: qzvol -g DG [-U TYPE] start|stop VOL ... | startall | stopall");
   const std::string& cmd = o.words[0];
   std::vector<std::string> vols(o.words.begin() + 1, o.words.end());
   if (cmd == "startall" || cmd == "stopall") {
     std::vector<std::string> names;
-    if (o.has('g')) names.push_back(o.get('g'));
-    else for (const auto& imp : s.imports()) names.push_back(imp.second);
+    if (o.has('g'))
+      names.push_back(o.get('g'));
+    else
+      for (const auto& imp : s.imports()) names.push_back(imp.second);
     for (const auto& n : names) {
       Sim::Group g = s.requireGroup(n);
       for (const auto& v : g.cfg.vols)
@@ -74,11 +84,15 @@ void toolQzvol(Sim& s, const Args& a) {
     return;
   }
   Sim::Group g = groupArg(s, o, "qzvol");
-  if (vols.empty()) fail(kUsage, cmd + ": no volume given");
+  if (vols.empty())
+    fail(kUsage, cmd + ": no volume given");
   for (const auto& v : vols) {
-    if (cmd == "start") startVolume(s, g, v, o.get('U'));
-    else if (cmd == "stop") stopVolume(s, g, v);
-    else fail(kUsage, "unknown operation " + cmd);
+    if (cmd == "start")
+      startVolume(s, g, v, o.get('U'));
+    else if (cmd == "stop")
+      stopVolume(s, g, v);
+    else
+      fail(kUsage, "unknown operation " + cmd);
   }
 }
 
@@ -113,15 +127,19 @@ uint64_t publicLength(Sim& s, const Sim::Group& g, const std::string& dm) {
 std::vector<Extent> freeExtents(Sim& s, const Sim::Group& g, const std::string& dm) {
   std::vector<Extent> used;
   for (const auto& sd : g.cfg.sds)
-    if (sd.dm == dm) used.push_back({sd.dmOffset, sd.len});
-  std::sort(used.begin(), used.end(), [](const Extent& x, const Extent& y) { return x.offset < y.offset; });
+    if (sd.dm == dm)
+      used.push_back({sd.dmOffset, sd.len});
+  std::sort(used.begin(), used.end(),
+            [](const Extent& x, const Extent& y) { return x.offset < y.offset; });
   std::vector<Extent> gaps;
   uint64_t pos = 0, end = publicLength(s, g, dm);
   for (const auto& u : used) {
-    if (u.offset > pos) gaps.push_back({pos, u.offset - pos});
+    if (u.offset > pos)
+      gaps.push_back({pos, u.offset - pos});
     pos = std::max(pos, u.offset + u.len);
   }
-  if (end > pos) gaps.push_back({pos, end - pos});
+  if (end > pos)
+    gaps.push_back({pos, end - pos});
   return gaps;
 }
 
@@ -135,7 +153,8 @@ uint64_t freeSpace(Sim& s, const Sim::Group& g, const std::vector<std::string>& 
 std::string newSdName(const Sim::Group& g, const std::string& dm) {
   for (int n = 1;; ++n) {
     std::string name = dm + "-" + (n < 10 ? "0" : "") + std::to_string(n);
-    if (!g.cfg.hasName(name)) return name;
+    if (!g.cfg.hasName(name))
+      return name;
   }
 }
 
@@ -145,13 +164,15 @@ void allocatePlex(Sim& s, Sim::Group& g, const std::string& plex, uint64_t len,
   uint64_t placed = 0;
   for (const auto& dm : dms) {
     for (const auto& e : freeExtents(s, g, dm)) {
-      if (placed == len) return;
+      if (placed == len)
+        return;
       uint64_t take = std::min(e.len, len - placed);
       g.cfg.sds.push_back({newSdName(g, dm), plex, dm, s.newGuid(), e.offset, placed, take});
       placed += take;
     }
   }
-  if (placed < len) fail(kNoSpace, "Cannot allocate space for " + std::to_string(len) + " block volume");
+  if (placed < len)
+    fail(kNoSpace, "Cannot allocate space for " + std::to_string(len) + " block volume");
 }
 
 struct MakeArgs {
@@ -163,25 +184,34 @@ struct MakeArgs {
 };
 
 MakeArgs parseMake(const Opts& o) {
-  if (o.words.size() < 3) fail(kUsage, "Usage: qzassist -g DG make VOL LENGTH [nmirror=N] [logtype=dco] [usetype=T] [disk ...]");
+  if (o.words.size() < 3)
+    fail(kUsage,
+         "Usage: qzassist -g DG make VOL LENGTH [nmirror=N] [logtype=dco] [usetype=T] [disk ...]");
   MakeArgs m;
   m.vol = o.words[1];
-  if (!parseLength(o.words[2], &m.len) || m.len == 0) fail(kUsage, "invalid length " + o.words[2]);
+  if (!parseLength(o.words[2], &m.len) || m.len == 0)
+    fail(kUsage, "invalid length " + o.words[2]);
   for (size_t i = 3; i < o.words.size(); ++i) {
     std::string key, value;
     uint64_t n = 0;
-    if (!splitKeyValue(o.words[i], &key, &value)) m.disks.push_back(o.words[i]);
-    else if (key == "nmirror" && parseUint(value, &n) && n >= 1) m.nmirror = static_cast<int>(n);
-    else if (key == "logtype" && value == "dco") m.dco = true;
-    else if (key == "usetype") m.usetype = value;
-    else if (key != "layout") fail(kUsage, "unexpected argument " + o.words[i]);
+    if (!splitKeyValue(o.words[i], &key, &value))
+      m.disks.push_back(o.words[i]);
+    else if (key == "nmirror" && parseUint(value, &n) && n >= 1)
+      m.nmirror = static_cast<int>(n);
+    else if (key == "logtype" && value == "dco")
+      m.dco = true;
+    else if (key == "usetype")
+      m.usetype = value;
+    else if (key != "layout")
+      fail(kUsage, "unexpected argument " + o.words[i]);
   }
   return m;
 }
 
 void makeVolume(Sim& s, Sim::Group& g, const std::string& vol, const std::string& usetype,
                 uint64_t len, int nmirror, std::vector<std::string> dms) {
-  if (g.cfg.hasName(vol)) fail(kObjectExists, "Volume " + vol + " already exists");
+  if (g.cfg.hasName(vol))
+    fail(kObjectExists, "Volume " + vol + " already exists");
   g.cfg.vols.push_back({vol, usetype, s.newGuid(), len});
   for (int m = 1; m <= nmirror; ++m) {
     std::string plex = vol + "-0" + std::to_string(m);
@@ -199,7 +229,8 @@ void assistMake(Sim& s, Sim::Group& g, const MakeArgs& m) {
   if (dms.empty())
     for (const auto& dm : g.cfg.dms) dms.push_back(dm.name);
   for (const auto& dm : dms)
-    if (!g.cfg.findDm(dm)) fail(kNoDisk, "Disk media " + dm + " not found in disk group " + g.cfg.dg.name);
+    if (!g.cfg.findDm(dm))
+      fail(kNoDisk, "Disk media " + dm + " not found in disk group " + g.cfg.dg.name);
   makeVolume(s, g, m.vol, m.usetype, m.len, m.nmirror, dms);
   if (m.dco) {
     std::string log = m.vol + "_dcl";
@@ -210,7 +241,8 @@ void assistMake(Sim& s, Sim::Group& g, const MakeArgs& m) {
   }
   s.saveGroup(g);
   startVolume(s, g, m.vol, "");
-  if (m.dco) startVolume(s, g, m.vol + "_dcl", "");
+  if (m.dco)
+    startVolume(s, g, m.vol + "_dcl", "");
 }
 
 }  // namespace
@@ -218,16 +250,19 @@ void assistMake(Sim& s, Sim::Group& g, const MakeArgs& m) {
 void toolQzassist(Sim& s, const Args& a) {
   Opts o = parseOpts(a, "g");
   Sim::Group g = groupArg(s, o, "qzassist");
-  if (o.words.empty()) fail(kUsage, "Usage: qzassist -g DG [-p] maxsize | make VOL LENGTH ...");
+  if (o.words.empty())
+    fail(kUsage, "Usage: qzassist -g DG [-p] maxsize | make VOL LENGTH ...");
   if (o.words[0] == "maxsize") {
     std::vector<std::string> dms;
     for (const auto& dm : g.cfg.dms) dms.push_back(dm.name);
     uint64_t free = freeSpace(s, g, dms);
-    if (free == 0) fail(kNoSpace, "No volume can be created within the given constraints");
+    if (free == 0)
+      fail(kNoSpace, "No volume can be created within the given constraints");
     s.out += std::to_string(free) + "\n";
     return;
   }
-  if (o.words[0] == "make") return assistMake(s, g, parseMake(o));
+  if (o.words[0] == "make")
+    return assistMake(s, g, parseMake(o));
   fail(kUsage, "unknown operation " + o.words[0]);
 }
 
@@ -235,7 +270,8 @@ namespace {
 
 void vsetStart(Sim& s, Sim::Group& g, const VsetRec& vs) {
   for (const auto& v : vs.vols)
-    if (!s.isStarted(g.dgid, v)) startVolume(s, g, v, "");
+    if (!s.isStarted(g.dgid, v))
+      startVolume(s, g, v, "");
   s.setStarted(g.dgid, vs.name, true);
 }
 
@@ -245,8 +281,10 @@ void vsetStop(Sim& s, Sim::Group& g, const VsetRec& vs) {
 }
 
 void vsetMake(Sim& s, Sim::Group& g, const std::vector<std::string>& words) {
-  if (words.size() < 3) fail(kUsage, "Usage: qzvset -g DG make SET VOL ...");
-  if (g.cfg.hasName(words[1])) fail(kObjectExists, "Volume set " + words[1] + " already exists");
+  if (words.size() < 3)
+    fail(kUsage, "Usage: qzvset -g DG make SET VOL ...");
+  if (g.cfg.hasName(words[1]))
+    fail(kObjectExists, "Volume set " + words[1] + " already exists");
   VsetRec vs{words[1], s.newGuid(), {}};
   for (size_t i = 2; i < words.size(); ++i) {
     requireVol(g, words[i]);
@@ -271,33 +309,43 @@ void vsetList(Sim& s, const Sim::Group& g) {
 }  // namespace
 
 void toolQzvset(Sim& s, const Args& a) {
-  if (!s.host.vset) fail(kNotInstalled, "volume sets are not available on this host");
+  if (!s.host.vset)
+    fail(kNotInstalled, "volume sets are not available on this host");
   Opts o = parseOpts(a, "g");
   Sim::Group g = groupArg(s, o, "qzvset");
-  if (o.words.empty()) fail(kUsage, "Usage: qzvset -g DG start|stop|make|list ...");
+  if (o.words.empty())
+    fail(kUsage, "Usage: qzvset -g DG start|stop|make|list ...");
   const std::string& cmd = o.words[0];
-  if (cmd == "make") return vsetMake(s, g, o.words);
-  if (cmd == "list") return vsetList(s, g);
-  if (o.words.size() != 2) fail(kUsage, "Usage: qzvset -g DG " + cmd + " SET");
+  if (cmd == "make")
+    return vsetMake(s, g, o.words);
+  if (cmd == "list")
+    return vsetList(s, g);
+  if (o.words.size() != 2)
+    fail(kUsage, "Usage: qzvset -g DG " + cmd + " SET");
   const VsetRec* vs = g.cfg.findVset(o.words[1]);
-  if (!vs) fail(kNoObject, "Volume set " + o.words[1] + " not found in disk group " + g.cfg.dg.name);
+  if (!vs)
+    fail(kNoObject, "Volume set " + o.words[1] + " not found in disk group " + g.cfg.dg.name);
   VsetRec copy = *vs;
-  if (cmd == "start") return vsetStart(s, g, copy);
-  if (cmd == "stop") return vsetStop(s, g, copy);
+  if (cmd == "start")
+    return vsetStart(s, g, copy);
+  if (cmd == "stop")
+    return vsetStop(s, g, copy);
   fail(kUsage, "unknown operation " + cmd);
 }
 
 namespace {
 
 void checkNew(const GroupConfig& cfg, std::set<std::string>& seen, const std::string& name) {
-  if (name.empty()) fail(kUsage, "record without a name");
+  if (name.empty())
+    fail(kUsage, "record without a name");
   if (cfg.hasName(name) || !seen.insert(name).second)
     fail(kObjectExists, "Record " + name + " already exists in disk group " + cfg.dg.name);
 }
 
 std::string sdDiskMedia(const Sim::Group& g, const DumpRecord& r) {
   std::string dm = r.get("dm_name");
-  if (dm.empty()) dm = r.get("da_name");
+  if (dm.empty())
+    dm = r.get("da_name");
   if (!g.cfg.findDm(dm))
     fail(kNoDisk, "Subdisk " + r.name + ": disk media " + (dm.empty() ? "(none)" : dm) +
                       " not found in disk group " + g.cfg.dg.name);
@@ -314,10 +362,12 @@ uint64_t num(const DumpRecord& r, const std::string& key) {
 void addRecords(Sim& s, Sim::Group& g, const std::vector<DumpRecord>& recs) {
   std::set<std::string> seen;
   for (const auto& r : recs)
-    if (r.kind != "dg" && r.kind != "dm") checkNew(g.cfg, seen, r.name);
+    if (r.kind != "dg" && r.kind != "dm")
+      checkNew(g.cfg, seen, r.name);
   for (const auto& r : recs) {
     if (r.kind == "vol")
-      g.cfg.vols.push_back({r.name, r.get("use_type").empty() ? "fsgen" : r.get("use_type"), s.newGuid(), num(r, "len")});
+      g.cfg.vols.push_back({r.name, r.get("use_type").empty() ? "fsgen" : r.get("use_type"),
+                            s.newGuid(), num(r, "len")});
     else if (r.kind != "dg" && r.kind != "dm" && r.kind != "plex" && r.kind != "sd" &&
              r.kind != "dco" && r.kind != "vset")
       fail(kUsage, "unknown record kind " + r.kind);
@@ -331,13 +381,17 @@ void addRecords(Sim& s, Sim::Group& g, const std::vector<DumpRecord>& recs) {
     if (r.kind == "sd") {
       bool plexFound = false;
       for (const auto& p : g.cfg.plexes) plexFound = plexFound || p.name == r.get("plex");
-      if (!plexFound) fail(kNoObject, "Subdisk " + r.name + ": plex " + r.get("plex") + " not found");
+      if (!plexFound)
+        fail(kNoObject, "Subdisk " + r.name + ": plex " + r.get("plex") + " not found");
       std::string dm = sdDiskMedia(g, r);
-      SdRec sd{r.name, r.get("plex"), dm, s.newGuid(), num(r, "dm_offset"), num(r, "pl_offset"), num(r, "len")};
+      SdRec sd{r.name,       r.get("plex"),       dm,
+               s.newGuid(),  num(r, "dm_offset"), num(r, "pl_offset"),
+               num(r, "len")};
       bool fits = false;
       for (const auto& e : freeExtents(s, g, dm))
         fits = fits || (sd.dmOffset >= e.offset && sd.dmOffset + sd.len <= e.offset + e.len);
-      if (!fits || sd.len == 0) fail(kNoSpace, "Subdisk " + r.name + " does not fit on disk media " + dm);
+      if (!fits || sd.len == 0)
+        fail(kNoSpace, "Subdisk " + r.name + " does not fit on disk media " + dm);
       g.cfg.sds.push_back(sd);
     }
   for (const auto& r : recs) {
@@ -357,10 +411,12 @@ void addRecords(Sim& s, Sim::Group& g, const std::vector<DumpRecord>& recs) {
 
 void toolQzmake(Sim& s, const Args& a) {
   Opts o = parseOpts(a, "gd");
-  if (!o.has('d') || !o.words.empty()) fail(kUsage, "Usage: qzmake -g DG -d FILE");
+  if (!o.has('d') || !o.words.empty())
+    fail(kUsage, "Usage: qzmake -g DG -d FILE");
   Sim::Group g = groupArg(s, o, "qzmake");
   std::string text;
-  if (!readFile(o.get('d'), &text)) fail(kUsage, "cannot read description file " + o.get('d'));
+  if (!readFile(o.get('d'), &text))
+    fail(kUsage, "cannot read description file " + o.get('d'));
   addRecords(s, g, parseDump(text));
   s.saveGroup(g);
 }

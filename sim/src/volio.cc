@@ -22,8 +22,10 @@ struct Piece {
 
 const VolRec& startedVolume(Sim& s, const Sim::Group& g, const std::string& vol) {
   const VolRec* v = g.cfg.findVol(vol);
-  if (!v) fail(kNoObject, "Volume " + vol + " not found in disk group " + g.cfg.dg.name);
-  if (!s.isStarted(g.dgid, vol)) fail(kVolCannotStart, "Volume " + vol + " is not started");
+  if (!v)
+    fail(kNoObject, "Volume " + vol + " not found in disk group " + g.cfg.dg.name);
+  if (!s.isStarted(g.dgid, vol))
+    fail(kVolCannotStart, "Volume " + vol + " is not started");
   return *v;
 }
 
@@ -31,7 +33,8 @@ std::vector<Piece> plexPieces(Sim& s, const Sim::Group& g, const PlexRec& p) {
   std::vector<Piece> pieces;
   for (const SdRec* sd : g.cfg.sdsOf(p.name)) {
     auto it = g.dmDisk.find(sd->dm);
-    if (it == g.dmDisk.end()) return {};
+    if (it == g.dmDisk.end())
+      return {};
     Disk d = Sim::loadDisk(s.db, it->second);
     uint64_t byteOffset = (static_cast<uint64_t>(d.puboffset) + sd->dmOffset) * kSector;
     pieces.push_back({d.image, byteOffset, sd->plOffset, sd->len});
@@ -44,9 +47,11 @@ void forRange(const std::vector<Piece>& pieces, uint64_t first, uint64_t count, 
               const std::function<void(int, uint64_t, uint64_t, uint64_t)>& fn) {
   for (const auto& p : pieces) {
     uint64_t b = std::max(first, p.volSector), e = std::min(first + count, p.volSector + p.sectors);
-    if (b >= e) continue;
+    if (b >= e)
+      continue;
     int fd = open(p.image.c_str(), flags | O_CLOEXEC);
-    if (fd < 0) fail(kNoDisk, "cannot open disk image " + p.image);
+    if (fd < 0)
+      fail(kNoDisk, "cannot open disk image " + p.image);
     fn(fd, p.byteOffset + (b - p.volSector) * kSector, b * kSector, (e - b) * kSector);
     close(fd);
   }
@@ -69,14 +74,16 @@ std::string pattern(uint64_t seed, uint64_t volByte, uint64_t bytes) {
 }
 
 uint64_t clampLen(const VolRec& v, uint64_t offset, uint64_t len) {
-  if (offset > v.len) fail(kUsage, "offset beyond the end of the volume");
+  if (offset > v.len)
+    fail(kUsage, "offset beyond the end of the volume");
   return len == 0 || offset + len > v.len ? v.len - offset : len;
 }
 
 std::vector<Piece> readPieces(Sim& s, const Sim::Group& g, const std::string& vol) {
   for (const PlexRec* p : g.cfg.plexesOf(vol)) {
     auto pieces = plexPieces(s, g, *p);
-    if (!pieces.empty()) return pieces;
+    if (!pieces.empty())
+      return pieces;
   }
   fail(kVolCannotStart, "Volume " + vol + " has no readable plex");
 }
@@ -89,16 +96,17 @@ void writeVolume(Sim& s, const std::string& dg, const std::string& vol, uint64_t
   const VolRec& v = startedVolume(s, g, vol);
   len = clampLen(v, offset, len);
   for (const PlexRec* p : g.cfg.plexesOf(vol)) {
-    forRange(plexPieces(s, g, *p), offset, len, O_WRONLY,
-             [&](int fd, uint64_t at, uint64_t volByte, uint64_t bytes) {
-               for (uint64_t done = 0; done < bytes;) {
-                 uint64_t n = std::min<uint64_t>(bytes - done, 1 << 20);
-                 std::string buf = pattern(seed, volByte + done, n);
-                 if (pwrite(fd, buf.data(), n, static_cast<off_t>(at + done)) != static_cast<ssize_t>(n))
-                   fail(kNoDisk, "write to disk image failed");
-                 done += n;
-               }
-             });
+    forRange(
+        plexPieces(s, g, *p), offset, len, O_WRONLY,
+        [&](int fd, uint64_t at, uint64_t volByte, uint64_t bytes) {
+          for (uint64_t done = 0; done < bytes;) {
+            uint64_t n = std::min<uint64_t>(bytes - done, 1 << 20);
+            std::string buf = pattern(seed, volByte + done, n);
+            if (pwrite(fd, buf.data(), n, static_cast<off_t>(at + done)) != static_cast<ssize_t>(n))
+              fail(kNoDisk, "write to disk image failed");
+            done += n;
+          }
+        });
   }
 }
 
@@ -110,8 +118,10 @@ std::string readVolume(Sim& s, const std::string& dg, const std::string& vol, ui
   std::string data(len * kSector, '\0');
   forRange(readPieces(s, g, vol), offset, len, O_RDONLY,
            [&](int fd, uint64_t at, uint64_t volByte, uint64_t bytes) {
-             ssize_t n = pread(fd, &data[volByte - offset * kSector], bytes, static_cast<off_t>(at));
-             if (n < 0) fail(kNoDisk, "read from disk image failed");
+             ssize_t n =
+                 pread(fd, &data[volByte - offset * kSector], bytes, static_cast<off_t>(at));
+             if (n < 0)
+               fail(kNoDisk, "read from disk image failed");
            });
   return data;
 }

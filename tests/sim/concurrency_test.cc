@@ -16,15 +16,23 @@ TEST_F(ConcurrencyTest, TwoHostsRunning200CommandsEachLeaveAConsistentDatabase) 
   makeGroup("A", "dga", {"qzarr0_0", "qzarr0_1"});
   makeGroup("B", "dgb", {"qzarr0_2", "qzarr0_3"});
   auto work = [this](const std::string& host, const std::string& dg, int* failures) {
-    const std::vector<std::string> cycle = {
-        "qzdg list", "qzdisk list", "qzprint -vpsc -g " + dg + " -m", "qzassist -g " + dg + " make v%d 64",
-        "qzvol -g " + dg + " stop v%d", "qzinfo -g " + dg + " v%d", "qzvol -g " + dg + " start v%d",
-        "qzdg flush " + dg, "qzdisk -s -g " + dg + " list", "qzassist -g " + dg + " -p maxsize"};
+    const std::vector<std::string> cycle = {"qzdg list",
+                                            "qzdisk list",
+                                            "qzprint -vpsc -g " + dg + " -m",
+                                            "qzassist -g " + dg + " make v%d 64",
+                                            "qzvol -g " + dg + " stop v%d",
+                                            "qzinfo -g " + dg + " v%d",
+                                            "qzvol -g " + dg + " start v%d",
+                                            "qzdg flush " + dg,
+                                            "qzdisk -s -g " + dg + " list",
+                                            "qzassist -g " + dg + " -p maxsize"};
     for (int i = 0; i < 200; ++i) {
       std::string cmd = cycle[static_cast<size_t>(i) % cycle.size()];
       size_t at = cmd.find("%d");
-      if (at != std::string::npos) cmd.replace(at, 2, std::to_string(i / static_cast<int>(cycle.size())));
-      if (simTool(root, host, cmd).status != 0) ++*failures;
+      if (at != std::string::npos)
+        cmd.replace(at, 2, std::to_string(i / static_cast<int>(cycle.size())));
+      if (simTool(root, host, cmd).status != 0)
+        ++*failures;
     }
   };
   int failA = 0, failB = 0;

@@ -12,7 +12,8 @@ GroupConfig sample() {
   c.dms = {{"d1", "170.2.A", "{m1}"}};
   c.vols = {{"vol1", "fsgen", "{v}", 100}, {"vol1_dcl", "gen", "{l}", 10}};
   c.plexes = {{"vol1-01", "vol1", "{p}", 100}, {"vol1_dcl-01", "vol1_dcl", "{q}", 10}};
-  c.sds = {{"d1-01", "vol1-01", "d1", "{s}", 0, 0, 100}, {"d1-02", "vol1_dcl-01", "d1", "{t}", 100, 0, 10}};
+  c.sds = {{"d1-01", "vol1-01", "d1", "{s}", 0, 0, 100},
+           {"d1-02", "vol1_dcl-01", "d1", "{t}", 100, 0, 10}};
   c.dcos = {{"vol1_dco", "vol1", "vol1_dcl", "{d}"}};
   c.vsets = {{"set1", "{x}", {"vol1"}}};
   return c;

@@ -13,9 +13,12 @@ class DataTest : public SimTest {
     adminOk({"volume", "write", "--host", "A", "dg1", "vol1", "--seed", "5"});
     atSplit = checksum("A", "dg1");
     dump = ok("A", "qzprint  -vpsc  -g dg1  -m ");
-    for (const char* d : {"qzarr0_0", "qzarr0_1"}) listings.push_back(ok("A", std::string("qzdisk list ") + d));
-    for (const auto& line : splitChar(trim(adminOk({"array", "split", "--disks", "qzarr0_0,qzarr0_1",
-                                                     "--from-host", "A", "--to-host", "B"})), '\n'))
+    for (const char* d : {"qzarr0_0", "qzarr0_1"})
+      listings.push_back(ok("A", std::string("qzdisk list ") + d));
+    for (const auto& line :
+         splitChar(trim(adminOk({"array", "split", "--disks", "qzarr0_0,qzarr0_1", "--from-host",
+                                 "A", "--to-host", "B"})),
+                   '\n'))
       copies.push_back(splitBlanks(line)[1]);
     adminOk({"volume", "write", "--host", "A", "dg1", "vol1", "--seed", "6"});
   }
@@ -24,21 +27,24 @@ class DataTest : public SimTest {
     return trim(adminOk({"volume", "checksum", "--host", host, dg, "vol1"}));
   }
 
-  // qzdisk init arguments that repeat a listing's geometry.
+  // qzdisk init arguments that repeat a listing's geometry; a shift moves the
+  // public region down into a shorter private region.
   static std::string geometry(const std::string& listing, int64_t pubShift) {
     auto sub = [&](const std::string& key, const std::string& name) {
       for (const auto& w : splitBlanks(keyValue(listing, key))) {
         std::string k, v;
-        if (splitKeyValue(w, &k, &v) && k == name) return v;
+        if (splitKeyValue(w, &k, &v) && k == name)
+          return v;
       }
       return std::string();
     };
     int64_t puboffset = std::stoll(sub("public:", "offset")) + pubShift;
-    return " type=" + keyValue(listing, "type:") + " format=cdsdisk privoffset=" + sub("private:", "offset") +
-           " privlen=" + sub("private:", "len") + " puboffset=" + std::to_string(puboffset) +
-           " publen=" + std::to_string(std::stoll(sub("public:", "len")) - pubShift) + " configlen=" + sub("configs:", "len") +
-           " loglen=" + sub("logs:", "len") + " nconfig=" + sub("configs:", "count") +
-           " nlog=" + sub("logs:", "count");
+    return " type=" + keyValue(listing, "type:") +
+           " format=cdsdisk privoffset=" + sub("private:", "offset") +
+           " privlen=" + std::to_string(std::stoll(sub("private:", "len")) + pubShift) +
+           " puboffset=" + std::to_string(puboffset) + " publen=" + sub("public:", "len") +
+           " configlen=" + sub("configs:", "len") + " loglen=" + sub("logs:", "len") +
+           " nconfig=" + sub("configs:", "count") + " nlog=" + sub("logs:", "count");
   }
 
   // The dump without dg and dm records and guids, naming the copies.
@@ -46,9 +52,12 @@ class DataTest : public SimTest {
     std::string out;
     bool skip = false;
     for (const auto& l : splitChar(dump, '\n')) {
-      if (startsWith(l, "dg ") || startsWith(l, "dm ")) skip = true;
-      else if (!l.empty() && l[0] != '\t') skip = false;
-      if (skip || l.empty() || startsWith(trim(l), "guid=")) continue;
+      if (startsWith(l, "dg ") || startsWith(l, "dm "))
+        skip = true;
+      else if (!l.empty() && l[0] != '\t')
+        skip = false;
+      if (skip || l.empty() || startsWith(trim(l), "guid="))
+        continue;
       std::string line = l;
       if (startsWith(trim(l), "da_name=") || startsWith(trim(l), "path="))
         for (int i = 0; i < 2; ++i) {
@@ -83,7 +92,9 @@ class DataTest : public SimTest {
   std::vector<std::string> listings, copies;
 };
 
-TEST_F(DataTest, SourceChangedAfterTheSplit) { EXPECT_NE(checksum("A", "dg1"), atSplit); }
+TEST_F(DataTest, SourceChangedAfterTheSplit) {
+  EXPECT_NE(checksum("A", "dg1"), atSplit);
+}
 
 TEST_F(DataTest, CopiesAreInvisibleUntilAScan) {
   EXPECT_EQ(lines(ok("B", "qzdisk list")).size(), 1u);
@@ -93,9 +104,13 @@ TEST_F(DataTest, CopiesAreInvisibleUntilAScan) {
   EXPECT_EQ(splitBlanks(rows[1])[3], "(dg1)");
 }
 
-TEST_F(DataTest, RebuiltGroupHoldsTheDataOfTheSplit) { EXPECT_EQ(rebuild(0), atSplit); }
+TEST_F(DataTest, RebuiltGroupHoldsTheDataOfTheSplit) {
+  EXPECT_EQ(rebuild(0), atSplit);
+}
 
-TEST_F(DataTest, WrongPublicOffsetShowsOtherData) { EXPECT_NE(rebuild(2048), atSplit); }
+TEST_F(DataTest, WrongPublicOffsetShowsOtherData) {
+  EXPECT_NE(rebuild(-4096), atSplit);
+}
 
 TEST_F(DataTest, ImportOfTheCopyHoldsTheDataToo) {
   ok("B", "qzdisk scandisks");
@@ -109,11 +124,16 @@ TEST_F(DataTest, ImportOfTheCopyHoldsTheDataToo) {
 }
 
 TEST_F(DataTest, ReadReturnsWhatWasWritten) {
-  adminOk({"volume", "write", "--host", "A", "dg1", "vol1", "--seed", "9", "--offset", "65000", "--length", "500"});
-  std::string a = adminOk({"volume", "read", "--host", "A", "dg1", "vol1", "--offset", "65000", "--length", "500"});
+  adminOk({"volume", "write", "--host", "A", "dg1", "vol1", "--seed", "9", "--offset", "65000",
+           "--length", "500"});
+  std::string a = adminOk(
+      {"volume", "read", "--host", "A", "dg1", "vol1", "--offset", "65000", "--length", "500"});
   EXPECT_EQ(a.size(), 500u * 512);
-  adminOk({"volume", "write", "--host", "A", "dg1", "vol1", "--seed", "9", "--offset", "65000", "--length", "500"});
-  EXPECT_EQ(adminOk({"volume", "read", "--host", "A", "dg1", "vol1", "--offset", "65000", "--length", "500"}), a);
+  adminOk({"volume", "write", "--host", "A", "dg1", "vol1", "--seed", "9", "--offset", "65000",
+           "--length", "500"});
+  EXPECT_EQ(adminOk({"volume", "read", "--host", "A", "dg1", "vol1", "--offset", "65000",
+                     "--length", "500"}),
+            a);
 }
 
 }  // namespace qzsim

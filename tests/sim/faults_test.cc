@@ -11,8 +11,9 @@ class FaultsTest : public SimTest {
 };
 
 TEST_F(FaultsTest, NthMatchingCommandFails) {
-  adminOk({"fault", "add", "--host", "A", "--tool", "qzdg", "--match", "list", "--nth", "2", "--status", "7",
-           "--stdout", "partial\n", "--stderr", "QZVM qzdg ERROR Q-5-1-10128 Configuration daemon error 441\n"});
+  adminOk({"fault", "add", "--host", "A", "--tool", "qzdg", "--match", "list", "--nth", "2",
+           "--status", "7", "--stdout", "partial\n", "--stderr",
+           "QZVM qzdg ERROR Q-5-1-10128 Configuration daemon error 441\n"});
   ok("A", "qzdg list");
   ok("A", "qzdg flush dg1");  // does not match
   CommandResult r = tool("A", "qzdg  list");
@@ -49,7 +50,8 @@ TEST_F(FaultsTest, LogListsEveryRun) {
   std::string log = adminOk({"log", "--host", "A", "--tool", "qzdg"});
   auto rows = lines(log);
   ASSERT_GE(rows.size(), 3u);
-  EXPECT_EQ(splitBlanks(rows[0]), (std::vector<std::string>{"ID", "HOST", "STATUS", "USEC", "COMMAND"}));
+  EXPECT_EQ(splitBlanks(rows[0]),
+            (std::vector<std::string>{"ID", "HOST", "STATUS", "USEC", "COMMAND"}));
   auto last = splitBlanks(rows.back());
   EXPECT_EQ(last[1], "A");
   EXPECT_EQ(last[2], "11");

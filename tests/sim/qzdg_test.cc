@@ -50,7 +50,8 @@ TEST_F(QzdgTest, ImportByIdUnderANewName) {
   EXPECT_EQ(splitBlanks(rows[1])[0], "newdg");
   EXPECT_EQ(splitBlanks(rows[1])[2], dgid);
   EXPECT_NE(ok("B", "qzinfo -g newdg vol1").find("vol1"), std::string::npos);
-  EXPECT_NE(keyValue(ok("B", "qzdisk list qzarr0_1"), "group:").find("name=newdg"), std::string::npos);
+  EXPECT_NE(keyValue(ok("B", "qzdisk list qzarr0_1"), "group:").find("name=newdg"),
+            std::string::npos);
 }
 
 TEST_F(QzdgTest, ImportErrors) {

@@ -17,7 +17,8 @@ TEST_F(QzdiskTest, NewDisksAreInvisibleUntilAScan) {
   ok("A", "qzdisk  scandisks ");
   auto rows = lines(ok("A", "qzdisk list"));
   ASSERT_EQ(rows.size(), 3u);
-  EXPECT_EQ(splitBlanks(rows[0]), (std::vector<std::string>{"DEVICE", "TYPE", "DISK", "GROUP", "STATUS"}));
+  EXPECT_EQ(splitBlanks(rows[0]),
+            (std::vector<std::string>{"DEVICE", "TYPE", "DISK", "GROUP", "STATUS"}));
   EXPECT_EQ(splitBlanks(rows[1])[0], "qzarr0_0");
   EXPECT_EQ(splitBlanks(rows[1])[1], "auto:none");
 }
@@ -31,8 +32,9 @@ TEST_F(QzdiskTest, ScanOfNamedDevicesSeesOnlyThem) {
 
 TEST_F(QzdiskTest, InitWithGeometryIsShownInTheListing) {
   ok("A", "qzdisk -f scandisks new");
-  ok("A", "qzdisk  -f  init qzarr0_0 type=auto format=cdsdisk privoffset=256 privlen=4096 "
-          "puboffset=8192 publen=100000 configlen=2048 loglen=1024 nconfig=1 nlog=1");
+  ok("A",
+     "qzdisk  -f  init qzarr0_0 type=auto format=cdsdisk privoffset=256 privlen=4096 "
+     "puboffset=8192 publen=100000 configlen=2048 loglen=1024 nconfig=1 nlog=1");
   std::string out = ok("A", "qzdisk   list qzarr0_0");
   EXPECT_EQ(keyValue(out, "Device:"), "qzarr0_0");
   EXPECT_EQ(keyValue(out, "type:"), "auto");
@@ -55,7 +57,8 @@ TEST_F(QzdiskTest, SlicedDisksHaveTwoSlices) {
 
 TEST_F(QzdiskTest, BadGeometryIsRefused) {
   ok("A", "qzdisk scandisks");
-  CommandResult r = tool("A", "qzdisk -f init qzarr0_0 type=auto privoffset=0 privlen=4096 puboffset=1000");
+  CommandResult r =
+      tool("A", "qzdisk -f init qzarr0_0 type=auto privoffset=0 privlen=4096 puboffset=1000");
   EXPECT_EQ(r.status, 14);
   EXPECT_TRUE(startsWith(r.err, "QZVM qzdisk ERROR Q-5-1-104 ")) << r.err;
   EXPECT_EQ(r.out, "");

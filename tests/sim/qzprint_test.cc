@@ -22,7 +22,8 @@ TEST_F(QzprintTest, VolumeListingStartsWithTheHeader) {
   std::vector<std::string> kinds;
   for (size_t i = 1; i < rows.size(); ++i) kinds.push_back(splitBlanks(rows[i])[0]);
   EXPECT_EQ(kinds, (std::vector<std::string>{"v", "pl", "sd", "sd", "dc", "v", "pl", "sd"}));
-  EXPECT_EQ(splitBlanks(rows[1]), (std::vector<std::string>{"v", "vol1", "fsgen", "ENABLED", "81920", "-", "ACTIVE", "-", "-"}));
+  EXPECT_EQ(splitBlanks(rows[1]), (std::vector<std::string>{"v", "vol1", "fsgen", "ENABLED",
+                                                            "81920", "-", "ACTIVE", "-", "-"}));
   EXPECT_EQ(splitBlanks(rows[6])[2], "gen");
 }
 
@@ -32,7 +33,8 @@ TEST_F(QzprintTest, TypeOptionsSelectRecords) {
   for (size_t i = 1; i < vols.size(); ++i) EXPECT_EQ(splitBlanks(vols[i])[0], "v");
   auto sets = lines(ok("A", "qzprint  -g dg1  -x "));
   ASSERT_EQ(sets.size(), 2u);
-  EXPECT_EQ(splitBlanks(sets[1]), (std::vector<std::string>{"vt", "set1", "-", "ENABLED", "4096", "-", "ACTIVE", "-", "-"}));
+  EXPECT_EQ(splitBlanks(sets[1]), (std::vector<std::string>{"vt", "set1", "-", "ENABLED", "4096",
+                                                            "-", "ACTIVE", "-", "-"}));
   auto set = lines(ok("A", "qzprint  -g dg1 set1"));
   EXPECT_EQ(splitBlanks(set[1])[0], "vt");
   ok("A", "qzvset  -g dg1  stop set1");
@@ -67,9 +69,12 @@ std::string replayOf(const std::string& dump) {
   std::string out;
   bool skip = false;
   for (const auto& l : splitChar(dump, '\n')) {
-    if (startsWith(l, "dg ") || startsWith(l, "dm ")) skip = true;
-    else if (!l.empty() && l[0] != '\t') skip = false;
-    if (skip || trim(l).rfind("guid=", 0) == 0 || l.empty()) continue;
+    if (startsWith(l, "dg ") || startsWith(l, "dm "))
+      skip = true;
+    else if (!l.empty() && l[0] != '\t')
+      skip = false;
+    if (skip || trim(l).rfind("guid=", 0) == 0 || l.empty())
+      continue;
     out += l + "\n";
   }
   return out;

@@ -11,7 +11,8 @@ class QzvolTest : public SimTest {
 };
 
 TEST_F(QzvolTest, StartStopAndInfo) {
-  EXPECT_EQ(splitBlanks(ok("A", "qzinfo  -g dg1 vol1")), (std::vector<std::string>{"vol1", "fsgen", "Started"}));
+  EXPECT_EQ(splitBlanks(ok("A", "qzinfo  -g dg1 vol1")),
+            (std::vector<std::string>{"vol1", "fsgen", "Started"}));
   ok("A", "qzvol  -g dg1 stop vol1");
   EXPECT_EQ(splitBlanks(ok("A", "qzinfo  -g dg1 vol1"))[2], "Startable");
   ok("A", "qzvol  -g dg1 start vol1");

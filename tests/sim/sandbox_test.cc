@@ -43,26 +43,31 @@ class SandboxTest : public SimTest {
 };
 
 TEST_F(SandboxTest, HostSeesItsToolsDevicesAndFolders) {
-  CommandResult r = inHost("A",
-                           "ls /usr/sbin/qzdg /usr/sbin/qzdmpadm /usr/sbin/qzvset /bin/rpm /sbin/parted "
-                           "/usr/lib/qzvm/bin/qzdisksetup /usr/lib/qzvm/bin/qzcdsconvert /dev/qz/dsk/dg1/vol1 "
-                           "/dev/qz/rdsk/dg1/vol1 /sys/block/sdb/device/delete && "
-                           "echo host=$QZSIM_HOST cfg=$QZFI_CONFIG_DIR log=$QZFI_LOG_DIR && "
-                           "/usr/sbin/qzdg  list && /bin/rpm -qa");
+  CommandResult r =
+      inHost("A",
+             "ls /usr/sbin/qzdg /usr/sbin/qzdmpadm /usr/sbin/qzvset /bin/rpm /sbin/parted "
+             "/usr/lib/qzvm/bin/qzdisksetup /usr/lib/qzvm/bin/qzcdsconvert /dev/qz/dsk/dg1/vol1 "
+             "/dev/qz/rdsk/dg1/vol1 /sys/block/sdb/device/delete && "
+             "echo host=$QZSIM_HOST cfg=$QZFI_CONFIG_DIR log=$QZFI_LOG_DIR && "
+             "/usr/sbin/qzdg  list && /bin/rpm -qa");
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.out.find("host=A cfg=" + root + "/hosts/A/qzfi_config log=" + root + "/hosts/A/qzfi_log"),
-            std::string::npos);
+  EXPECT_NE(
+      r.out.find("host=A cfg=" + root + "/hosts/A/qzfi_config log=" + root + "/hosts/A/qzfi_log"),
+      std::string::npos);
   EXPECT_NE(r.out.find("dg1"), std::string::npos);
   EXPECT_NE(r.out.find("ZOLKqzvm-"), std::string::npos);
 }
 
 TEST_F(SandboxTest, OptionalToolsFollowTheHost) {
-  CommandResult r = inHost("B", "test -x /usr/sbin/qzdg && test ! -e /usr/sbin/qzdmpadm && "
-                                "test ! -e /usr/sbin/qzvset && test ! -e /usr/lib/qzvm/bin/qzcdsconvert && "
-                                "test -x /usr/lib/qzvm/bin/qzdisksetup && test ! -e /dev/qz/dsk/dg1");
+  CommandResult r =
+      inHost("B",
+             "test -x /usr/sbin/qzdg && test ! -e /usr/sbin/qzdmpadm && "
+             "test ! -e /usr/sbin/qzvset && test ! -e /usr/lib/qzvm/bin/qzcdsconvert && "
+             "test -x /usr/lib/qzvm/bin/qzdisksetup && test ! -e /dev/qz/dsk/dg1");
   EXPECT_EQ(r.status, 0) << r.out << r.err;
-  r = inHost("X", "test ! -e /usr/sbin/qzdg && test -x /bin/rpm && test -x /sbin/parted && "
-                  "! /bin/rpm -qa | grep ZOLKqzvm");
+  r = inHost("X",
+             "test ! -e /usr/sbin/qzdg && test -x /bin/rpm && test -x /sbin/parted && "
+             "! /bin/rpm -qa | grep ZOLKqzvm");
   EXPECT_EQ(r.status, 0) << r.out << r.err;
 }
 
@@ -90,18 +95,29 @@ TEST_F(SandboxTest, LibrarySwitchesHostsInOneProcess) {
   if (pid == 0) {
     std::string err;
     int code = 0;
-    if (!enterNamespace(&err) || !actAsHost(root, "A", &err)) code = 10;
-    else if (access("/usr/sbin/qzdmpadm", X_OK) != 0) code = 11;
-    else if (runCommand({"/usr/sbin/qzdg", "list"}).out.find("dg1") == std::string::npos) code = 12;
-    else if (access("/dev/qz/dsk/dg1/vol1", F_OK) != 0) code = 13;
-    else if (!actAsHost(root, "B", &err)) code = 14;
-    else if (access("/usr/sbin/qzdmpadm", F_OK) == 0) code = 15;
-    else if (std::string(getenv("QZSIM_HOST")) != "B") code = 16;
-    else if (runCommand({"/usr/sbin/qzdg", "list"}).out.find("dg1") != std::string::npos) code = 17;
-    else if (access("/dev/qz/dsk/dg1", F_OK) == 0) code = 18;
+    if (!enterNamespace(&err) || !actAsHost(root, "A", &err))
+      code = 10;
+    else if (access("/usr/sbin/qzdmpadm", X_OK) != 0)
+      code = 11;
+    else if (runCommand({"/usr/sbin/qzdg", "list"}).out.find("dg1") == std::string::npos)
+      code = 12;
+    else if (access("/dev/qz/dsk/dg1/vol1", F_OK) != 0)
+      code = 13;
+    else if (!actAsHost(root, "B", &err))
+      code = 14;
+    else if (access("/usr/sbin/qzdmpadm", F_OK) == 0)
+      code = 15;
+    else if (std::string(getenv("QZSIM_HOST")) != "B")
+      code = 16;
+    else if (runCommand({"/usr/sbin/qzdg", "list"}).out.find("dg1") != std::string::npos)
+      code = 17;
+    else if (access("/dev/qz/dsk/dg1", F_OK) == 0)
+      code = 18;
     leaveHost();
-    if (code == 0 && access("/usr/sbin/qzdg", F_OK) == 0) code = 19;
-    if (code) fprintf(stderr, "sandbox step %d: %s\n", code, err.c_str());
+    if (code == 0 && access("/usr/sbin/qzdg", F_OK) == 0)
+      code = 19;
+    if (code)
+      fprintf(stderr, "sandbox step %d: %s\n", code, err.c_str());
     _exit(code);
   }
   int status = 0;

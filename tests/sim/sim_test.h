@@ -64,11 +64,14 @@ class SimTest : public ::testing::Test {
     makeGroup("A", "dg1", {"qzarr0_0", "qzarr0_1"});
     ok("A", "qzassist -g dg1 make vol1 40m logtype=dco");
   }
-  static std::vector<std::string> lines(const std::string& out) { return splitChar(trim(out), '\n'); }
+  static std::vector<std::string> lines(const std::string& out) {
+    return splitChar(trim(out), '\n');
+  }
   // The value of "key:" in a key listing.
   static std::string keyValue(const std::string& out, const std::string& key) {
     for (const auto& l : lines(out))
-      if (startsWith(l, key)) return trim(l.substr(key.size()));
+      if (startsWith(l, key))
+        return trim(l.substr(key.size()));
     return "<missing>";
   }
 
