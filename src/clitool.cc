@@ -10,18 +10,7 @@ using qzfi_pdk_4_4::CFiExecPipePosix;
 using qzfi_pdk_4_4::CFiTraceLogFunction;
 using qzfi_pdk_4_4::EFiExecPipe;
 using qzfi_pdk_4_4::tstring;
-
-namespace {
-
-std::string joinLines(const std::vector<std::string>& lines) {
-  std::string joined;
-  for (const std::string& line : lines) {
-    joined += line;
-  }
-  return joined;
-}
-
-}  // namespace
+using qzvmfi_report::joinLines;
 
 CQzVMCliTool::CQzVMCliTool() {
   registerTraceLog(qzvmfi_report::pluginTraceLog());

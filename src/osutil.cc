@@ -16,15 +16,8 @@ using qzfi_pdk_4_4::CFiTraceLogPtr;
 
 namespace {
 
+using qzvmfi_report::joinLines;
 using qzvmfi_report::pluginTraceLog;
-
-std::string joinLines(const std::vector<std::string>& lines) {
-  std::string joined;
-  for (const std::string& line : lines) {
-    joined += line;
-  }
-  return joined;
-}
 
 bool isDigit(char c) {
   return std::isdigit(static_cast<unsigned char>(c)) != 0;

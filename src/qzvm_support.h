@@ -5,6 +5,7 @@
 
 #include <stdio.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,7 @@
 
 #include "clitool.h"
 #include "configuration.h"
+#include "node.h"
 
 // The token at a 0-based position, tokens being runs of non-white characters;
 // empty when the line has fewer.
@@ -43,6 +45,20 @@ void MAKE_NAME_RFIT(std::string& name);
 void multiLinesToVector(const std::string& text, std::vector<std::string>& lines);
 void printList4(const std::vector<std::string>& lines);
 
+// Cache entry of one disk group.
+struct SDGInfo {
+  std::string name;
+  std::vector<std::string> disks;   // as getDisksForDG listed them
+  std::vector<std::string> config;  // the "qzprint -m" dump
+};
+
+// Cache entry of one disk (or, in the node-to-path cache, one DMP node).
+struct SDisksInfo {
+  std::string name;
+  std::vector<std::string> listing;  // "qzdisk list" output
+  std::string osName;                // OS path found for the node
+};
+
 class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
  public:
   // Reads the tool directories, writing the default configuration file when
@@ -63,9 +79,171 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
 
   const SQzVMCliPath& cliPath() const { return m_cliPath; }
 
+  // --- installation probes and device names ---
+  bool isInstalled();
+  bool isCommandAvailable(const std::string& directory, const std::string& tool);
+  bool isQzDMPInstalled();
+  bool isVSetAvailable();
+  bool isCDSSupported();
+  int cleanupOtherLVMOnDisk(const std::vector<std::string>& disks);
+  int removePartitionSuffix(std::vector<std::string>& devices);
+  bool isValidZOLKPath(const std::string& path);
+  bool isVolumeRaw(const std::string& path);
+  bool isGuid(const std::string& line);
+  bool isRegion(const std::string& line, const std::string& tag);
+  bool isDM(const std::string& line);
+  bool isDG(const std::string& line);
+  void removeDevicesFromOSDeviceTree(const std::vector<std::string>& devices);
+
+  // --- disk groups ---
+  bool isDGPresent(const std::string& dg);
+  bool isDGExist(const std::string& dg);
+  bool isDGEnabled(const std::string& dg);
+  int getAllDGNames(std::vector<std::string>& names);
+  void getNewDGName(const std::string& base, std::string& name);
+  int getNewDGName(std::string& name);
+  int createDG(const std::string& dg, const std::vector<std::string>& disks, bool cds);
+  int createDG(const std::string& dg, const std::vector<std::string>& disks,
+               const std::vector<std::string>& dms, bool cds);
+  bool importDG(const std::string& newName, const std::string& dg);
+  // The flag is unused: every caller deports the same way whatever it passes.
+  bool deportDG(const std::string& dg, bool flag = false);
+  // checkFirst by value so that callers may pass literals.
+  int destroyDG(const std::string& dg, bool checkFirst);
+  bool flushDGConfig(const std::string& dg);
+  bool onlineDG(const std::string& dg, bool start);
+  int enableDG(const std::string& dg);
+  bool diskClearImport(const std::vector<std::string>& disks);
+  int getDGID(const std::string& volumePath, std::string& dgid);
+  int getDGSize(const std::string& dg, unsigned long long& size);
+  int getDisksForDG(const char* dg, std::vector<std::string>& disks);
+  // dms[i] is the disk-media name of disks[i]: the engine and buildAltTree
+  // need the names in the order of their own disk lists.
+  int getDMsFromDG(const std::string& dg, const std::vector<std::string>& disks,
+                   std::vector<std::string>& dms);
+  // removeDisks: also drop the group's disks from the volume manager's view
+  // (callers pass true); disableDmp: disable their paths as well (callers
+  // pass false).
+  int deportDGAndRemoveDisks(const std::string& object, bool removeDisks, bool disableDmp);
+
+  // --- disks and multipath nodes ---
+  int qzvmScanDisks(bool newOnly);
+  int qzvmScanDisks(const std::vector<std::string>& devices);
+  int getQzVMDiskForOSDiskHandler(const std::vector<std::string>& osDisks,
+                                  std::vector<std::string>& dmpNodes);
+  int getQzVMDiskForOSDiskHandler_Waited(const std::vector<std::string>& osDisks,
+                                         std::vector<std::string>& dmpNodes);
+  int getOSDiskHandleForQzVMDisk(const std::vector<std::string>& dmpNodes,
+                                 std::vector<std::string>& osDisks, bool allPaths, bool skipCache);
+  int enableOSDisk(const std::string& osDisk);
+  int disableOSDisk(const std::string& osDisk);
+  int enableDMP(const std::string& node);
+  int disableDMP(const std::string& node);
+  int getDMPPathIfValid(const std::string& osDisk, std::string& dmpPath);
+  int qzDiskSetup(const std::vector<std::string>& disks);
+  bool qzDiskUnsetup(const std::string& disk);
+  bool isCDSDisk(const std::vector<vol_pvt_info>& records);
+  int createSUNLabel(const std::vector<std::string>& osDisks);
+  // disableDmp by value so that callers may pass literals.
+  int removeDisksFromQzVM(const std::vector<std::string>& disks, bool disableDmp = false);
+  int refreshDisks(const std::vector<std::string>& disks);
+  int isDisksInQzVMDB(const std::vector<std::string>& disks, bool optimized);
+  bool isDiskShared(const std::vector<std::string>& lines);
+  int checkQzVMDiskAgainstDG(const std::vector<std::string>& dgs,
+                             const std::vector<std::string>& disks, bool& belongs);
+  int deleteQzVMDisk(const std::string& disk);
+  // cleanFirst: the volume manager's view may be stale (a newly presented
+  // disk), so deport and re-import the group found on the disk before the
+  // final answer.
+  int isQzVMDisk(const std::string& osDisk, const std::string& node, bool& answer, bool cleanFirst);
+
+  // --- volumes and volume sets ---
+  int onlineVolume(const std::string& dg, const std::string& volume, const std::string& useType);
+  int onOffVolume(const std::string& dg, const std::string& volume, const std::string& operation);
+  int createVolume(const std::string& volume, const std::string& dg, unsigned long long size);
+  int offlineVolume(const std::string& dg, const std::string& volume, void* unused = nullptr);
+  bool isVolStarted(const std::string& dg, const std::string& volume);
+  bool isVolume(const std::string& path);
+  bool isVSet(const std::string& path);
+  int isVsetOn(const std::string& dg, const std::string& vset, bool& on);
+  int getVolumesFromDG(const std::string& dg, std::vector<std::string>& names, bool vsets);
+  int checkVolumeInDG(const std::string& dg, const std::string& name, bool& found, bool vsets);
+  int getQzVMObjects(std::vector<std::string>& vsets, std::vector<std::string>& volumes,
+                     std::vector<std::string>& dcoVolumes, const std::string& dg,
+                     const std::string& volume);
+  int getDisksForVolume(const std::string& path, std::vector<std::string>& disks);
+  void extractDGAndVol(const std::string& path, std::string& dg, std::string& volume);
+  bool isVolOrPlexOrSubdiskOrDCO(const std::string& line);
+  int stopDCOVols(const std::string& dg, const std::vector<std::string>& volumes);
+  int startDCOVols(const std::string& dg, const std::vector<std::string>& volumes,
+                   const std::string& useType);
+  int verifySubObjects(const std::string& dg, const std::string& volume,
+                       const std::vector<std::string>& osDisks, bool unused, bool& same);
+  int ssodOnlineVolume(const std::string& dg, const std::string& volume,
+                       const std::vector<std::string>& osDisks);
+  int createNewVolumeOnOSDisks(const std::string& dg, const std::string& volume,
+                               const std::vector<std::string>& osDisks);
+  int removeSnapshot(const std::string& path, bool destroy);
+
+  // --- private regions and configuration rewriting ---
+  int getVolPrivInfoPerAltDisk(const std::string& disk, std::vector<std::string>& lines);
+  int getVolPrivInfoPerDisk(const std::string& disk, std::vector<std::string>& lines);
+  int getVolPrivInfo(const std::vector<std::string>& disks, std::vector<vol_pvt_info>& records);
+  int getVolPrivInfoUnformatted(const std::vector<std::string>& disks,
+                                std::vector<std::vector<std::string>>& listings);
+  int parseVolPrivInfo(const std::vector<std::string>& lines, vol_pvt_info& record);
+  int dgIdNameOnDisk(const std::string& disk, std::string& dgid, std::string& dgName);
+  int defineDisksInQzVM(const std::vector<std::string>& disks,
+                        const std::vector<vol_pvt_info>& records);
+  int initDisks(const std::vector<std::string>& disks, const std::vector<vol_pvt_info>& records,
+                bool removeFirst);
+  int getDGConfigInVector(const std::string& dg, std::vector<std::string>& lines);
+  int getDGConfig(const std::string& dg, const std::string& filePath);
+  void replacePattern(const std::string& line, const std::string& oldDG, const std::string& newDG,
+                      const std::vector<std::string>& vecPriDisks,
+                      const std::vector<std::string>& vecAltDisks,
+                      const std::vector<std::string>& vecPriDMs,
+                      const std::vector<std::string>& vecAltDMs, std::string& out);
+  int reconfig(const std::string& inFile, const std::string& oldDG, const std::string& newDG,
+               const std::vector<std::string>& vecPriDisks,
+               const std::vector<std::string>& vecAltDisks,
+               const std::vector<std::string>& vecPriDMs, const std::vector<std::string>& vecAltDMs,
+               const std::string& outFile);
+  int applyVolConfig(const std::string& dg, const std::string& file);
+  int regenerateDGFromDisk(const std::vector<std::string>& disks, std::string& dgName);
+  int regenerateQzVMFromDisk(const std::vector<std::string>& disks, std::string& dgName,
+                             std::string& volume);
+  int getDGFromQzVMDiskIfRecreated(const std::vector<std::string>& disks, bool& created,
+                                   std::string& dgName);
+  int checkForVolFromQzVMDiskIfRecreatedAndGetDG(const std::vector<std::string>& disks,
+                                                 const std::string& volume, std::string& dgName,
+                                                 bool& found, bool vsets);
+  int checkForVolPathFromQzVMDiskIfRecreated(const std::vector<std::string>& disks,
+                                             const std::string& dg, const std::string& volume,
+                                             bool& found, bool vsets);
+
  protected:
   CQzVMCliTool m_cliTool;
   SQzVMCliPath m_cliPath;
+
+ private:
+  // Command directory and support-tool directory of the path record.
+  const std::string& commandDir() const;
+  const std::string& supportToolDir() const;
+  int run(const std::string& command, std::vector<std::string>& output);
+  void trace(int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
+  int dmpAdmRows(const std::string& command, std::vector<std::string>& output);
+  int pathsOfNode(const std::string& node, std::vector<std::string>& osDisks, bool allPaths);
+  int setDMPPaths(const std::string& node, bool enable);
+  int runOnce(const std::vector<std::string>& commands);
+  int printRecordsOf(const std::string& command, std::vector<std::string>& output);
+  int stopVolumeCommand(const std::string& dg, const std::string& volume);
+
+  std::map<std::string, SDGInfo> m_dgInfo;
+  std::map<std::string, SDisksInfo> m_disksInfo;
+  // Node-to-path cache: DMP node name to the record holding its OS path.
+  std::map<std::string, SDisksInfo> m_dmpPathInfo;
+  std::map<std::string, std::string> m_scannedDevices;
 };
 
 #endif  // QZVMFI_QZVM_SUPPORT_H

@@ -20,6 +20,14 @@ void pushError(const char* identifier, std::initializer_list<std::string> args,
   qzvmfi_ctx::ErrorManager::instance()->pushError(message);
 }
 
+std::string joinLines(const std::vector<std::string>& lines) {
+  std::string joined;
+  for (const std::string& line : lines) {
+    joined += line;
+  }
+  return joined;
+}
+
 void assertFailed(const char* text, const char* file, unsigned line, const char* function) {
   fprintf(stderr, "%s: %s:%u: %s: Assertion `%s' failed.\n", program_invocation_short_name, file,
           line, function, text);

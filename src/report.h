@@ -22,6 +22,10 @@ inline qzfi_pdk_4_4::CFiTraceLogPtr pluginTraceLog() {
 void pushError(const char* identifier, std::initializer_list<std::string> args,
                const char* sourceFile, int line);
 
+// The lines one after the other, as the tools printed them (each keeps its
+// own line feed).
+std::string joinLines(const std::vector<std::string>& lines);
+
 // Prints "<program>: <file>:<line>: <function>: Assertion `<text>' failed."
 // as the C library's assert does, and aborts; kept in every build type.
 [[noreturn]] void assertFailed(const char* text, const char* file, unsigned line,
