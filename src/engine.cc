@@ -1,0 +1,586 @@
+#include "engine.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include <stdexcept>
+
+#include "report.h"
+
+using qzfi_pdk_4_4::CFiError;
+using qzfi_pdk_4_4::CFiUdidException;
+using qzvmfi_report::pushError;
+using Names = std::vector<std::string>;
+
+namespace {
+
+const char kSource[] = "engine";
+
+// The engine's operations announce themselves with one line, without the
+// closing line of a framework scope.
+#define QZ_ENGINE_ENTER(name) \
+  QZ_TRACE(m_traceLog, 6, "Entering Function %s [%d, %s]", name, __LINE__, kSource)
+
+std::string joinNames(const Names& names) {
+  std::string joined;
+  for (const std::string& name : names) {
+    joined += (joined.empty() ? "" : " ") + name;
+  }
+  return joined;
+}
+
+// Runs body and turns what it throws into failure, reporting all but the
+// command layer's own exception, which has been reported where it arose.
+template <class Body>
+int reportingExceptions(const char* operation, int failure, Body body) {
+  try {
+    return body();
+  } catch (const CQzVMCliException&) {
+    return failure;
+  } catch (const CFiError& error) {
+    pushError(
+        "MSG_ERROR_UNHANDLED_FIERROR_EXCEPTION",
+        {error.getMessageId(), error.getText(), error.getWhere(), std::to_string(error.getLine())},
+        kSource, __LINE__);
+  } catch (const CFiUdidException& error) {
+    pushError("MSG_ERROR_UDID_PARSING_EXCEPTION",
+              {error.getText(), std::to_string(error.getCode())}, kSource, __LINE__);
+  } catch (const std::runtime_error& error) {
+    pushError("MSG_ERROR_UNHANDLED_RUNTIME_EXCEPTION",
+              {"std::runtime_error", error.what(), operation, std::to_string(__LINE__)}, kSource,
+              __LINE__);
+  } catch (int value) {
+    pushError("MSG_ERROR_UNHANDLED_INT_EXCEPTION",
+              {std::to_string(value), kSource, std::to_string(__LINE__)}, kSource, __LINE__);
+  }
+  return failure;
+}
+
+}  // namespace
+
+// The trace texts of one way of building a group on split disks.
+struct CQzVMEngine::RebuildTexts {
+  const char* records;
+  const char* config;
+  const char* nopriv;
+  const char* unseen;
+  const char* init;
+  const char* reconfig;  // original file, modified file
+  const char* create;    // group
+  const char* apply;     // group, file
+};
+
+const CQzVMEngine::RebuildTexts CQzVMEngine::kBuildTexts = {
+    "could not get volume private on disk from private data(pd).",
+    "dg configuration is not found in private data.",
+    "defining snapshotted disk as nopriv failed.",
+    "snapshotted disks not yet seen by QzVM.",
+    "initialization of snapshotted disk with primary disks priv data failed.",
+    "unable to modify configuration in orginial config file and store it in new config file. "
+    "original config file='%s' modified config file='%s'",
+    "creation of dg failed. dg=%s",
+    "configuration new dg with modified configuration failed. dg=%s config file='%s'",
+};
+
+const CQzVMEngine::RebuildTexts CQzVMEngine::kRecreateTexts = {
+    "CQzVMEngine::recreateDG - could not get volume private on disk from private data(pd).",
+    "CQzVMEngine::recreateDG - dg configuration is not found in private data.",
+    "CQzVMEngine::recreateDG - defining snapshotted disk as nopriv failed.",
+    "CQzVMEngine::recreateDG - snapshotted disks not yet seen by QzVM.",
+    "CQzVMEngine::recreateDG - initialization of alt disk with primary disks priv data failed.",
+    "CQzVMEngine::recreateDG - unable to modify configuration in orginial config file and store "
+    "it in new config file. original config file='%s' modified config file='%s'",
+    "CQzVMEngine::recreateDG - creation of dg failed. dg=%s",
+    "CQzVMEngine::recreateDG dg with modified configuration failed. dg=%s config file='%s'",
+};
+
+// What a new group on split disks is made of: the primary disks' recorded
+// private regions and configuration, replayed onto the split disks.
+struct CQzVMEngine::SourceRecords {
+  Names primaryDisks;
+  Names splitDisks;
+  Names dms;  // disk-media names, kept by the new group; empty: as recorded
+  std::string newDG;
+};
+
+CQzVMEngine* CQzVMEngine::getInstance() {
+  static CQzVMEngine engine;
+  return &engine;
+}
+
+CQzVMEngine::CQzVMEngine() {
+  registerTraceLog(qzvmfi_report::pluginTraceLog());
+}
+
+CQzVMEngine::~CQzVMEngine() = default;
+
+void CQzVMEngine::registerTraceLog(const qzfi_pdk_4_4::CFiTraceLogPtr& log) {
+  CFiTraceable::registerTraceLog(log);
+  m_cliTool.registerTraceLog(log);
+  m_support.registerTraceLog(log);
+}
+
+int CQzVMEngine::initEngine() {
+  QZ_ENGINE_ENTER("initEngine");
+  return reportingExceptions("initEngine", 6, [this] {
+    CQzVMConfiguration configuration;
+    configuration.checkConfigFile(1);
+    SQzVMCliPath read;
+    configuration.importCliPathInfo(read);
+    m_cliPath.supportDir = read.supportDir;
+    m_cliPath.commandDir = read.commandDir;
+    m_cliPath.otherDir = read.otherDir;
+    return 0;
+  });
+}
+
+// ===== volume activation =====
+
+int CQzVMEngine::getQzVMObjects(const std::string& path, CQzVMData* data) {
+  QZ_ENGINE_ENTER("getQzVMObjects");
+  if (data == nullptr) {
+    QZ_TRACE(m_traceLog, 1, "No QzVM data");
+    return 6;
+  }
+  std::string dg;
+  std::string volume;
+  m_support.extractDGAndVol(path, dg, volume);
+  QZ_TRACE(m_traceLog, 3,
+           "CQzVMEngine::getQzVMObjects - Checking for volume and/or dco volume for object= %s",
+           path.c_str());
+  Names vsets;
+  Names volumes;
+  Names dcoVolumes;
+  if (m_support.getQzVMObjects(vsets, volumes, dcoVolumes, dg, volume) != 0) {
+    // The command runner has reported the command and its output already.
+    pushError("MSG_ERROR_COMMAND_FAILED", {"getQzVMObjects", path}, kSource, __LINE__);
+    return 5;
+  }
+  Names& vsetList = data->vtList();
+  Names& volumeList = data->vList();
+  vsetList.insert(vsetList.end(), vsets.begin(), vsets.end());
+  volumeList.insert(volumeList.end(), volumes.begin(), volumes.end());
+  volumeList.insert(volumeList.end(), dcoVolumes.begin(), dcoVolumes.end());
+  return 0;
+}
+
+int CQzVMEngine::activeVol(const std::string& dg, const std::string& volume, CQzVMData* data) {
+  QZ_ENGINE_ENTER("activeVol");
+  if (data == nullptr) {
+    QZ_TRACE(m_traceLog, 1, "CQzVMEngine::activeVol - no private data.");
+    return 6;
+  }
+  // A set that will not start must not keep the volume from starting.
+  for (const std::string& vset : data->vtList()) {
+    onlineVSet(dg, vset, data);
+  }
+  Names vsets;
+  Names volumes;
+  Names dcoVolumes;
+  int status = m_support.getQzVMObjects(vsets, volumes, dcoVolumes, dg, volume);
+  if (status == 0) {
+    if (!dcoVolumes.empty()) {
+      m_support.startDCOVols(dg, dcoVolumes, "gen");
+    }
+    status = m_support.startDCOVols(dg, volumes, "");
+  }
+  if (status != 0) {
+    QZ_TRACE(m_traceLog, 1, "CQzVMEngine::activeVol - start of valume failed dg=%s volume=%s",
+             dg.c_str(), volume.c_str());
+    pushError("MSG_ERROR_UNABLE_TO_ACTIVATE_DISKGROUP", {dg, volume}, kSource, __LINE__);
+  }
+  return status;
+}
+
+// What is stopped is what the private data lists, whatever the volume.
+int CQzVMEngine::deactiveVol(const std::string& dg, const std::string& /*volume*/,
+                             CQzVMData* data) {
+  QZ_ENGINE_ENTER("deactiveVol");
+  if (data == nullptr) {
+    QZ_TRACE(m_traceLog, 1, "CQzVMEngine::deactiveVol - no private data.");
+    return 6;
+  }
+  for (const std::string& vset : data->vtList()) {
+    offlineVSet(dg, vset, data);
+  }
+  return m_support.stopDCOVols(dg, data->vList());
+}
+
+int CQzVMEngine::runVSetCommand(const std::string& dg, const std::string& vset,
+                                const char* action) {
+  Names output;
+  return m_cliTool.executeCommand(
+      (m_cliPath.commandDir + "qzvset " + " -g " + dg + action + vset).c_str(), output);
+}
+
+int CQzVMEngine::onlineVSet(const std::string& dg, const std::string& vset, CQzVMData* /*data*/) {
+  QZ_ENGINE_ENTER("onlineVSet");
+  bool on = false;
+  if (int status = m_support.isVsetOn(dg, vset, on)) {
+    return status;
+  }
+  if (!on && runVSetCommand(dg, vset, " start ") != 0) {
+    QZ_TRACE(m_traceLog, 1, "Error in taking VSet online");
+    return 5;
+  }
+  return 0;
+}
+
+int CQzVMEngine::offlineVSet(const std::string& dg, const std::string& vset, CQzVMData* /*data*/) {
+  QZ_ENGINE_ENTER("offlineVSet");
+  bool on = false;
+  if (int status = m_support.isVsetOn(dg, vset, on)) {
+    return status;
+  }
+  if (on && runVSetCommand(dg, vset, " stop ") != 0) {
+    QZ_TRACE(m_traceLog, 1, "Error in offlining VSet");
+    return 5;
+  }
+  return 0;
+}
+
+int CQzVMEngine::activeVolAndCreateObjid(const std::string& dg, const std::string& volume,
+                                         CQzVMData* data, qzfi_objid** objid, bool raw) {
+  QZ_ENGINE_ENTER("activeVolAndCreateObjid");
+  if (activeVol(dg, volume, data) != 0) {
+    return 6;
+  }
+  if (objid != nullptr) {
+    *objid = nullptr;
+    init_internal_objid(objid, dg, volume, raw);
+  }
+  if (objid == nullptr || *objid == nullptr) {
+    QZ_TRACE(m_traceLog, 1,
+             "CQzVMEngine::activeVolAndCreateObjid - unable to create internal object");
+    return 1024;
+  }
+  return 0;
+}
+
+void CQzVMEngine::init_internal_objid(qzfi_objid** objid, const std::string& dg,
+                                      const std::string& volume, bool raw) {
+  QZ_ENGINE_ENTER("init_internal_objid");
+  // A volume given as a path has no name of its own under the group.
+  if (objid == nullptr || dg.empty() || volume.empty() || volume[0] == '/') {
+    return;
+  }
+  char name[1024];
+  snprintf(name, sizeof name, "%s/%s/%s", raw ? "/dev/qz/rdsk" : "/dev/qz/dsk", dg.c_str(),
+           volume.c_str());
+  *objid = qzfi_get_objid(name, static_cast<int>(strlen(name) + 1), 2);
+}
+
+// ===== recording at the source =====
+
+int CQzVMEngine::setQzVMConfigInPD(const std::string& path, CQzVMData* data) {
+  QZ_ENGINE_ENTER("setQzVMConfigInPD");
+  if (data == nullptr) {
+    QZ_TRACE(m_traceLog, 1, "CQzVMEngine::setQzVMConfigInPD - no private data.");
+    return 6;
+  }
+  std::string dg;
+  std::string volume;
+  m_support.extractDGAndVol(path, dg, volume);
+  Names disks;
+  if (m_support.getDisksForVolume(path, disks) != 0) {
+    QZ_TRACE(m_traceLog, 1,
+             "CQzVMEngine::setQzVMConfigInPD -  unable to get disk access (dmp) from object. "
+             "object=%s",
+             path.c_str());
+    return 6;
+  }
+  Names dms;
+  if (m_support.getDMsFromDG(dg, disks, dms) != 0) {
+    QZ_TRACE(m_traceLog, 1, "CQzVMEngine::setQzVMConfigInPD - unable to get dm for disk name.");
+    pushError("MSG_ERROR_UNABLE_TO_GET_DMNAME_FROM_DG", {}, kSource, __LINE__);
+    return 6;
+  }
+  std::vector<Names> listings;
+  if (m_support.getVolPrivInfoUnformatted(disks, listings) != 0) {
+    QZ_TRACE(m_traceLog, 1,
+             "CQzVMEngine::setQzVMConfigInPD - unable to get volumes private information.");
+    return 6;
+  }
+  data->setVolPrivInfoInPD(disks, dms, listings);
+  Names config;
+  if (m_support.getDGConfigInVector(dg, config) != 0) {
+    pushError("MSG_ERROR_UNABLE_TO_GET_CONFIGURATION_OF_DISKGROUP", {}, kSource, __LINE__);
+    return 6;
+  }
+  data->setDGConfgiInPD(dg, config);
+  return 0;
+}
+
+// ===== import and rebuild on the split disks =====
+
+void CQzVMEngine::cleanUp(const std::string& importedDG, const SplitDisks& disks) {
+  QZ_TRACE(m_traceLog, 2, "Cleaning the new dg created and dmp nodes.");
+  if (!importedDG.empty()) {
+    m_support.deportDG(importedDG);
+  }
+  m_support.removeDisksFromQzVM(disks.dmpNodes);
+  m_support.removeDevicesFromOSDeviceTree(disks.osHandles);
+}
+
+int CQzVMEngine::startExisting(const std::string& dg, const std::string& volume, CQzVMData* data,
+                               qzfi_objid** objid, bool raw, const char* failure) {
+  const std::string& tmpDG = dg;
+  // clang-format off
+  QZ_ASSERT(! tmpDG.empty(), kSource);
+  // clang-format on
+  if (activeVolAndCreateObjid(tmpDG, volume, data, objid, raw) != 0) {
+    QZ_TRACE(m_traceLog, 1, "%s", failure);
+    return 6;
+  }
+  return 0;
+}
+
+int CQzVMEngine::importQzVM(qzfi_objid** objid, const std::string& newDG, const Names& primaryDisks,
+                            const Names& osDisks, const std::string& path, CQzVMData* data) {
+  QZ_ENGINE_ENTER("importQzVM");
+  if (data == nullptr) {
+    QZ_TRACE(m_traceLog, 1, "CQzVMEngine::importQzVM - no private data.");
+    return 6;
+  }
+  const bool raw = m_support.isVolumeRaw(path);
+  std::string dg;
+  std::string volume;
+  m_support.extractDGAndVol(path, dg, volume);
+  m_support.qzvmScanDisks(osDisks);
+  QZ_TRACE(m_traceLog, 6, "deviceList  = [%s]", joinNames(osDisks).c_str());
+  SplitDisks disks;
+  m_support.getQzVMDiskForOSDiskHandler_Waited(osDisks, disks.dmpNodes);
+  QZ_TRACE(m_traceLog, 6, "QzVM disks for device list  = [%s]", joinNames(disks.dmpNodes).c_str());
+  QZ_TRACE(m_traceLog, 6, "vecPriDisks = [%s]", joinNames(primaryDisks).c_str());
+  if (m_support.isDisksInQzVMDB(disks.dmpNodes, false) != 0) {
+    QZ_TRACE(m_traceLog, 1, "CQzVMEngine::importQzVM - snapshotted disks not yet seen by QzVM.");
+    return 6;
+  }
+  if (m_support.getOSDiskHandleForQzVMDisk(disks.dmpNodes, disks.osHandles, true, true) != 0) {
+    QZ_TRACE(m_traceLog, 1, "CQzVMEngine::importQzVM -  getOSDiskHandleForQzVMDisk failed");
+    return 6;
+  }
+  std::string foundDG;
+  bool found = false;
+  if (m_support.checkForVolFromQzVMDiskIfRecreatedAndGetDG(disks.dmpNodes, volume, foundDG, found,
+                                                           !data->vtList().empty()) != 0) {
+    return 6;
+  }
+  if (found) {
+    if (startExisting(foundDG, volume, data, objid, raw, "active vol failed.") != 0) {
+      cleanUp("", disks);
+      return 6;
+    }
+    return 0;
+  }
+  return importById(objid, newDG, volume, data, raw, disks);
+}
+
+int CQzVMEngine::importById(qzfi_objid** objid, const std::string& newDG, const std::string& volume,
+                            CQzVMData* data, bool raw, const SplitDisks& disks) {
+  if (m_support.diskClearImport(disks.dmpNodes)) {
+    QZ_TRACE(m_traceLog, 1, "CQzVMEngine::importQzVM - unable to clear import flag on the disk");
+    pushError("MSG_ERROR_UNABLE_TO_CLEAR_IMPORT_FLAG_ON_DISKS", {}, kSource, __LINE__);
+    cleanUp("", disks);
+    return 6;
+  }
+  if (m_support.importDG(newDG, data->getDGId())) {
+    cleanUp("", disks);
+    return 6;
+  }
+  if (activeVolAndCreateObjid(newDG, volume, data, objid, raw) != 0) {
+    cleanUp(newDG, disks);
+    return 6;
+  }
+  return 0;
+}
+
+int CQzVMEngine::buildAltTree(qzfi_objid** objid, const std::string& newDG, const Names& osDisks,
+                              const std::string& path, CQzVMData* data, const Names& primaryDisks,
+                              const Names& primaryDMs) {
+  QZ_ENGINE_ENTER("buildAltTree");
+  if (data == nullptr) {
+    QZ_TRACE(m_traceLog, 1, "CQzVMEngine::buildAltTree - no private data.");
+    return 6;
+  }
+  const bool raw = m_support.isVolumeRaw(path);
+  std::string dg;
+  std::string volume;
+  m_support.extractDGAndVol(path, dg, volume);
+  if (m_support.qzvmScanDisks(osDisks) != 0) {
+    QZ_TRACE(m_traceLog, 1, "scanning disks failed.");
+    pushError("MSG_ERROR_QZVM_DISK_SCAN_FAILED", {}, kSource, __LINE__);
+    return 6;
+  }
+  SplitDisks disks;
+  if (m_support.getQzVMDiskForOSDiskHandler_Waited(osDisks, disks.dmpNodes) != 0) {
+    QZ_TRACE(m_traceLog, 1, "getQzVMDiskForOSDiskHandler_Waited failed");
+    return 6;
+  }
+  if (m_support.getOSDiskHandleForQzVMDisk(disks.dmpNodes, disks.osHandles, true, true) != 0) {
+    QZ_TRACE(m_traceLog, 1, "getOSDiskHandleForQzVMDisk failed");
+    return 6;
+  }
+  std::string foundDG;
+  bool found = false;
+  if (m_support.checkForVolFromQzVMDiskIfRecreatedAndGetDG(disks.dmpNodes, volume, foundDG, found,
+                                                           !data->vtList().empty()) != 0) {
+    QZ_TRACE(m_traceLog, 1, "checkForVolFromQzVMDiskIfRecreatedAndGetDG failed");
+    return 6;
+  }
+  if (found) {
+    if (startExisting(foundDG, volume, data, objid, raw, "activeVolAndCreateObjid failed") != 0) {
+      cleanUp("", disks);
+      return 6;
+    }
+  } else if (buildQzVM(objid, newDG, disks.dmpNodes, path, data, primaryDisks, primaryDMs) != 0) {
+    QZ_TRACE(m_traceLog, 1, "buildQzVM failed");
+    cleanUp(newDG, disks);
+    return 6;
+  }
+  return takeNewGroupId(*objid, data, path);
+}
+
+// The group that now holds the copy is the one a later import goes by.
+int CQzVMEngine::takeNewGroupId(const qzfi_objid* objid, CQzVMData* data, const std::string& path) {
+  std::string dgid;
+  if (m_support.getDGID(objid->name, dgid) != 0) {
+    QZ_TRACE(m_traceLog, 1, "getDGID failed");
+    QZ_TRACE(m_traceLog, 2, "Cleaning the new dg created and dmp nodes.");
+    m_support.deportDGAndRemoveDisks(objid->name, true, false);
+    return 6;
+  }
+  data->setDGId(dgid);
+  std::string dg;
+  std::string volume;
+  m_support.extractDGAndVol(objid->name, dg, volume);
+  m_builtGroups[dg] = path;
+  return 0;
+}
+
+int CQzVMEngine::buildQzVM(qzfi_objid** objid, const std::string& newDG, const Names& splitDisks,
+                           const std::string& path, CQzVMData* data, const Names& primaryDisks,
+                           const Names& primaryDMs) {
+  QZ_ENGINE_ENTER("buildQzVM");
+  if (data == nullptr) {
+    QZ_TRACE(m_traceLog, 1, "CQzVMEngine::buildQzVM - no private data.");
+    return 6;
+  }
+  std::string dg;
+  std::string volume;
+  m_support.extractDGAndVol(path, dg, volume);
+  const SourceRecords source{primaryDisks, splitDisks, primaryDMs, newDG};
+  if (buildGroup(source, data, kBuildTexts) != 0) {
+    return 6;
+  }
+  if (activeVolAndCreateObjid(newDG, volume, data, objid, m_support.isVolumeRaw(path)) != 0) {
+    QZ_TRACE(m_traceLog, 1, "activeVolAndCreateObjid() failed");
+    return 6;
+  }
+  return 0;
+}
+
+// Earlier steps are not undone when a later one fails: every entry first
+// looks for what an earlier call left behind.
+int CQzVMEngine::buildGroup(const SourceRecords& source, CQzVMData* data,
+                            const RebuildTexts& texts) {
+  Names recordedDisks = source.primaryDisks;
+  Names recordedDMs;
+  std::vector<Names> listings;
+  if (data->getVolPrivInfoFromPD(recordedDisks, recordedDMs, listings) != 0) {
+    QZ_TRACE(m_traceLog, 1, "%s", texts.records);
+    return 6;
+  }
+  std::vector<vol_pvt_info> records(listings.size());
+  for (size_t i = 0; i < listings.size(); ++i) {
+    m_support.parseVolPrivInfo(listings[i], records[i]);
+  }
+  CFiMyTempFile files;
+  const std::string sourceFile = files.getTmpFile();
+  std::string sourceDG;
+  Names config;
+  if (data->getDGConfigFromPD(sourceDG, config) != 0 ||
+      CQzVMSupport::putVectorInFile(config, sourceFile) != 0) {
+    QZ_TRACE(m_traceLog, 1, "%s", texts.config);
+    return 6;
+  }
+  const std::string replayFile = files.getTmpFile();
+  const Names& dms = source.dms.empty() ? recordedDMs : source.dms;
+  const std::string& newDG = source.newDG;
+  if (m_support.defineDisksInQzVM(source.splitDisks, records) != 0) {
+    QZ_TRACE(m_traceLog, 1, "%s", texts.nopriv);
+    return 6;
+  }
+  if (m_support.isDisksInQzVMDB(source.splitDisks, false) != 0) {
+    QZ_TRACE(m_traceLog, 1, "%s", texts.unseen);
+    return 6;
+  }
+  if (m_support.initDisks(source.splitDisks, records, true) != 0) {
+    QZ_TRACE(m_traceLog, 1, "%s", texts.init);
+    pushError("MSG_ERROR_UNABLE_TO_INITIALIZE_SPLITTED_DISK_WITH_PRIMARY_DISK_QZVM_PRIVDATA", {},
+              kSource, __LINE__);
+    return 6;
+  }
+  // The new group keeps the primary disk-media names.
+  if (m_support.reconfig(sourceFile, sourceDG, newDG, source.primaryDisks, source.splitDisks, dms,
+                         dms, replayFile) != 0) {
+    QZ_TRACE(m_traceLog, 1, texts.reconfig, sourceFile.c_str(), replayFile.c_str());
+    return 6;
+  }
+  if (m_support.createDG(newDG, source.splitDisks, dms, m_support.isCDSDisk(records)) != 0) {
+    QZ_TRACE(m_traceLog, 1, texts.create, newDG.c_str());
+    pushError("MSG_ERROR_UNABLE_TO_CREATE_DISKGROUP", {}, kSource, __LINE__);
+    return 6;
+  }
+  if (m_support.applyVolConfig(newDG, replayFile) != 0) {
+    QZ_TRACE(m_traceLog, 1, texts.apply, newDG.c_str(), replayFile.c_str());
+    pushError("MSG_ERROR_UNABLE_TO_APPLY_CONFIGURATION_TO_DISKGROUP", {}, kSource, __LINE__);
+    return 6;
+  }
+  return 0;
+}
+
+int CQzVMEngine::recreateDG(const std::string& path, const Names& osDisks, CQzVMData* data) {
+  QZ_ENGINE_ENTER("recreateDG");
+  if (data == nullptr) {
+    QZ_TRACE(m_traceLog, 1, "CQzVMEngine::recreateDG - no private data.");
+    return 6;
+  }
+  std::string dg;
+  std::string volume;
+  m_support.extractDGAndVol(path, dg, volume);
+  if (m_support.qzvmScanDisks(osDisks) != 0) {
+    QZ_TRACE(m_traceLog, 1, "Error in scanning disks");
+    return 6;
+  }
+  QZ_TRACE(m_traceLog, 6, "CQzVMEngine::recreateDG - Getting primary DMP information for [%s]",
+           joinNames(osDisks).c_str());
+  Names dmpDisks(osDisks.size());
+  for (size_t i = 0; i < osDisks.size(); ++i) {
+    data->getDiskDMPMap(osDisks[i], dmpDisks[i]);
+  }
+  QZ_TRACE(m_traceLog, 6, "CQzVMEngine::recreateDG - Got primary DMP information as [%s]",
+           joinNames(dmpDisks).c_str());
+  bool found = false;
+  if (m_support.checkForVolPathFromQzVMDiskIfRecreated(dmpDisks, dg, volume, found,
+                                                       !data->vtList().empty()) != 0) {
+    QZ_TRACE(m_traceLog, 1, "checkForVolPathFromQzVMDiskIfRecreated() failed");
+    return 6;
+  }
+  if (found) {
+    if (activeVol(dg, volume, data) != 0) {
+      QZ_TRACE(m_traceLog, 1, "Failed to activate volume");
+      return 6;
+    }
+    return 0;
+  }
+  // Same name, same disk-media names, same disks: only the group is new.
+  if (buildGroup(SourceRecords{dmpDisks, dmpDisks, Names(), dg}, data, kRecreateTexts) != 0) {
+    return 6;
+  }
+  if (activeVol(dg, volume, data) != 0) {
+    QZ_TRACE(m_traceLog, 1, "Error in activating volume");
+    return 6;
+  }
+  return 0;
+}

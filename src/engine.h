@@ -1,0 +1,107 @@
+// The split-image engine: records a disk group at the source, and imports or
+// rebuilds the split copy of it where the split disks appear, then starts
+// the copied volume.
+#ifndef QZVMFI_ENGINE_H
+#define QZVMFI_ENGINE_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <qzfi/pdk.h>
+
+#include "clitool.h"
+#include "configuration.h"
+#include "node.h"
+#include "qzvm_support.h"
+
+class CQzVMEngine : public virtual qzfi_pdk_4_4::CFiTraceable {
+ public:
+  // The one engine of the process, alive until the library is unloaded.
+  static CQzVMEngine* getInstance();
+
+  // The engine, its command runner and its support object trace into log.
+  void registerTraceLog(const qzfi_pdk_4_4::CFiTraceLogPtr& log) override;
+  ~CQzVMEngine() override;
+
+  // Reads the tool directories (writing the default file when missing).
+  // 0, or 6 after reporting what was thrown.
+  int initEngine();
+
+  // Appends the volume sets, volumes and DCO volumes of the volume at path
+  // to the private data. 0; 5 when they cannot be listed; 6 without data.
+  int getQzVMObjects(const std::string& path, CQzVMData* data);
+  // Starts, or stops, the volume sets, DCO volumes and volumes of a volume.
+  int activeVol(const std::string& dg, const std::string& volume, CQzVMData* data);
+  int deactiveVol(const std::string& dg, const std::string& volume, CQzVMData* data);
+  // 0; 5 when the set will not change state; else the status of the check.
+  int onlineVSet(const std::string& dg, const std::string& vset, CQzVMData* data);
+  int offlineVSet(const std::string& dg, const std::string& vset, CQzVMData* data);
+  // activeVol, then the object id of the volume's device path: 0, 6 when the
+  // volume will not start, 1024 when no id could be made.
+  int activeVolAndCreateObjid(const std::string& dg, const std::string& volume, CQzVMData* data,
+                              qzfi_objid** objid, bool raw);
+  // A kind-2 object id of "/dev/qz/[r]dsk/<dg>/<volume>"; nothing is stored
+  // when dg or volume is empty or the volume is already a path.
+  void init_internal_objid(qzfi_objid** objid, const std::string& dg, const std::string& volume,
+                           bool raw);
+
+  // The operations below return 0 or 6.
+
+  // Source host: the group's disks, their disk-media names and private
+  // regions, and the group's configuration dump, into the private data.
+  int setQzVMConfigInPD(const std::string& path, CQzVMData* data);
+  // Imports an intact split group by its recorded id under newDG.
+  int importQzVM(qzfi_objid** objid, const std::string& newDG,
+                 const std::vector<std::string>& primaryDisks,
+                 const std::vector<std::string>& osDisks, const std::string& path, CQzVMData* data);
+  // Builds newDG on the split disks unless they already carry the volume;
+  // the private data's group id becomes the new group's.
+  int buildAltTree(qzfi_objid** objid, const std::string& newDG,
+                   const std::vector<std::string>& osDisks, const std::string& path,
+                   CQzVMData* data, const std::vector<std::string>& primaryDisks,
+                   const std::vector<std::string>& primaryDMs);
+  int buildQzVM(qzfi_objid** objid, const std::string& newDG,
+                const std::vector<std::string>& splitDisks, const std::string& path,
+                CQzVMData* data, const std::vector<std::string>& primaryDisks,
+                const std::vector<std::string>& primaryDMs);
+  // Same host: re-creates a group taken away earlier, under its own name and
+  // disk-media names.
+  int recreateDG(const std::string& path, const std::vector<std::string>& osDisks, CQzVMData* data);
+
+  const SQzVMCliPath& cliPath() const { return m_cliPath; }
+  // Groups that buildAltTree left holding a copy, with the path it copies.
+  const std::map<std::string, std::string>& builtGroups() const { return m_builtGroups; }
+
+ protected:
+  // Tests build engines of their own; the plug-in uses getInstance.
+  CQzVMEngine();
+
+ private:
+  // The split disks as the volume manager names them and as the operating
+  // system does.
+  struct SplitDisks {
+    std::vector<std::string> dmpNodes;
+    std::vector<std::string> osHandles;
+  };
+  struct SourceRecords;
+  struct RebuildTexts;
+  static const RebuildTexts kBuildTexts;
+  static const RebuildTexts kRecreateTexts;
+
+  int startExisting(const std::string& dg, const std::string& volume, CQzVMData* data,
+                    qzfi_objid** objid, bool raw, const char* failure);
+  void cleanUp(const std::string& importedDG, const SplitDisks& disks);
+  int importById(qzfi_objid** objid, const std::string& newDG, const std::string& volume,
+                 CQzVMData* data, bool raw, const SplitDisks& disks);
+  int takeNewGroupId(const qzfi_objid* objid, CQzVMData* data, const std::string& path);
+  int buildGroup(const SourceRecords& source, CQzVMData* data, const RebuildTexts& texts);
+  int runVSetCommand(const std::string& dg, const std::string& vset, const char* action);
+
+  CQzVMCliTool m_cliTool;
+  SQzVMCliPath m_cliPath;
+  CQzVMSupport m_support;
+  std::map<std::string, std::string> m_builtGroups;
+};
+
+#endif  // QZVMFI_ENGINE_H
