@@ -37,6 +37,15 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kTrimSet) - first + 1);
 }
 
+// Index of the first line holding word, -1 when none.
+int lineHolding(const std::vector<std::string>& lines, const std::string& word) {
+  return qzfi_pdk_4_4::CFiStringTool::find(lines, word, 0, false);
+}
+
+bool contains(const std::string& text, const char* part) {
+  return text.find(part) != std::string::npos;
+}
+
 }  // namespace
 
 std::string getToken(const std::string& line, int index) {
@@ -218,52 +227,6 @@ int CQzVMSupport::putVectorInFile(const std::vector<std::string>& lines, const s
   }
   fclose(file);
   return result;
-}
-
-// ===== helpers shared by the command operations =====
-
-namespace {
-
-// Index of the first line holding word, -1 when none.
-int lineHolding(const std::vector<std::string>& lines, const std::string& word) {
-  return qzfi_pdk_4_4::CFiStringTool::find(lines, word, 0, false);
-}
-
-bool contains(const std::string& text, const char* part) {
-  return text.find(part) != std::string::npos;
-}
-
-}  // namespace
-
-const std::string& CQzVMSupport::commandDir() const {
-  return m_cliPath.commandDir;
-}
-
-const std::string& CQzVMSupport::supportToolDir() const {
-  return m_cliPath.supportDir;
-}
-
-int CQzVMSupport::run(const std::string& command, std::vector<std::string>& output) {
-  return m_cliTool.executeCommand(command.c_str(), output);
-}
-
-void CQzVMSupport::trace(int level, const char* format, ...) {
-  if (!m_traceLog) {
-    return;
-  }
-  va_list args;
-  va_start(args, format);
-  std::vector<char> text(1024);
-  va_list again;
-  va_copy(again, args);
-  int needed = std::vsnprintf(text.data(), text.size(), format, args);
-  if (needed >= static_cast<int>(text.size())) {
-    text.resize(needed + 1);
-    std::vsnprintf(text.data(), text.size(), format, again);
-  }
-  va_end(again);
-  va_end(args);
-  m_traceLog->trace(level, "%s", text.data());
 }
 
 // ===== installation probes and device names =====
@@ -1919,4 +1882,37 @@ int CQzVMSupport::checkForVolPathFromQzVMDiskIfRecreated(const std::vector<std::
     found = false;
   }
   return 0;
+}
+
+// ===== running the tools =====
+
+const std::string& CQzVMSupport::commandDir() const {
+  return m_cliPath.commandDir;
+}
+
+const std::string& CQzVMSupport::supportToolDir() const {
+  return m_cliPath.supportDir;
+}
+
+int CQzVMSupport::run(const std::string& command, std::vector<std::string>& output) {
+  return m_cliTool.executeCommand(command.c_str(), output);
+}
+
+void CQzVMSupport::trace(int level, const char* format, ...) {
+  if (!m_traceLog) {
+    return;
+  }
+  va_list args;
+  va_start(args, format);
+  std::vector<char> text(1024);
+  va_list again;
+  va_copy(again, args);
+  int needed = std::vsnprintf(text.data(), text.size(), format, args);
+  if (needed >= static_cast<int>(text.size())) {
+    text.resize(needed + 1);
+    std::vsnprintf(text.data(), text.size(), format, again);
+  }
+  va_end(again);
+  va_end(args);
+  m_traceLog->trace(level, "%s", text.data());
 }

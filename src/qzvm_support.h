@@ -227,6 +227,7 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   SQzVMCliPath m_cliPath;
 
  private:
+  // --- running the tools ---
   // Command directory and support-tool directory of the path record.
   const std::string& commandDir() const;
   const std::string& supportToolDir() const;
