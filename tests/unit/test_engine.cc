@@ -175,6 +175,21 @@ class EngineTest : public PluginEnv {
     on("qzdisk   -s  -g dg1_1 list ", 0, out({"dgid: 200.dg1_1"}));
   }
 
+  // Multipathing is installed; the split disks are nodes of their own whose
+  // paths cannot be listed.
+  void multipathNodesWithoutPaths() {
+    installMultipathing();
+    for (const char* disk : {"sdx", "sdy"}) {
+      on(std::string("qzdmpadm   getdmpnode  nodename=") + disk, 0,
+         out({"NAME STATE ENCLR-TYPE PATHS", "=====", std::string(disk) + " ENABLED Disk 1"}));
+    }
+    on("qzdmpadm   getsubpaths  dmpnodename=sdx", 1);
+  }
+  void installMultipathing() {
+    writeFile(m_bin + "qzdmpadm", "#!/bin/sh\n");
+    ASSERT_EQ(0, chmod((m_bin + "qzdmpadm").c_str(), 0755));
+  }
+
   // The split disks carry dg1_1, imported and holding vol1.
   void groupAlreadyThere() {
     on("qzdisk   list sdx", 0, diskListing("sdx", "d01", "dg1_1", "200.dg1_1"));
@@ -547,8 +562,7 @@ TEST_F(EngineTest, BuildAltTreeScanFailureIsReported) {
 
 TEST_F(EngineTest, BuildAltTreeWaitsForMultipathNodesThenFails) {
   splitDisksSeen();
-  writeFile(m_bin + "qzdmpadm", "#!/bin/sh\n");
-  chmod((m_bin + "qzdmpadm").c_str(), 0755);
+  installMultipathing();
   CQzVMData data(nullptr, false);
   recordSource(data);
   EXPECT_EQ(6, build(data));
@@ -558,13 +572,7 @@ TEST_F(EngineTest, BuildAltTreeWaitsForMultipathNodesThenFails) {
 
 TEST_F(EngineTest, BuildAltTreeWithoutOSPathsFails) {
   splitDisksSeen();
-  writeFile(m_bin + "qzdmpadm", "#!/bin/sh\n");
-  chmod((m_bin + "qzdmpadm").c_str(), 0755);
-  for (const char* disk : {"sdx", "sdy"}) {
-    on(std::string("qzdmpadm   getdmpnode  nodename=") + disk, 0,
-       out({"NAME STATE ENCLR-TYPE PATHS", "=====", std::string(disk) + " ENABLED Disk 1"}));
-  }
-  on("qzdmpadm   getsubpaths  dmpnodename=sdx", 1);
+  multipathNodesWithoutPaths();
   CQzVMData data(nullptr, false);
   recordSource(data);
   EXPECT_EQ(6, build(data));
@@ -747,13 +755,7 @@ TEST_F(ImportTest, UnseenDisksFail) {
 }
 
 TEST_F(ImportTest, WithoutOSPathsFails) {
-  writeFile(m_bin + "qzdmpadm", "#!/bin/sh\n");
-  chmod((m_bin + "qzdmpadm").c_str(), 0755);
-  for (const char* disk : {"sdx", "sdy"}) {
-    on(std::string("qzdmpadm   getdmpnode  nodename=") + disk, 0,
-       out({"NAME STATE ENCLR-TYPE PATHS", "=====", std::string(disk) + " ENABLED Disk 1"}));
-  }
-  on("qzdmpadm   getsubpaths  dmpnodename=sdx", 1);
+  multipathNodesWithoutPaths();
   CQzVMData data(nullptr, false);
   recordSource(data);
   EXPECT_EQ(6, import(data));
