@@ -326,10 +326,10 @@ std::string Sim::newGuid() {
   return buf;
 }
 
-std::string Sim::newId(const std::string& kind) {
-  // Shaped like the volume manager's "time.sequence.host" ids.
-  int64_t n = db.nextSeq("id");  // one counter, so that no two ids look alike
-  (void)kind;
+std::string Sim::newId() {
+  // Shaped like the volume manager's "time.sequence.host" ids; one counter
+  // for disks and groups, so that no two ids look alike.
+  int64_t n = db.nextSeq("id");
   return std::to_string(1700000000 + n * 13) + "." + std::to_string(n) + "." + host.name;
 }
 

@@ -119,7 +119,7 @@ class Sim {
   bool isHeld(const std::string& dgid, const std::string& vol);
 
   std::string newGuid();
-  std::string newId(const std::string& kind);  // disk and group ids
+  std::string newId();  // disk and group ids
 
   // Applies writes of "1" to the host's /sys/block/NAME/device/delete files.
   void applyDeletes();

@@ -95,7 +95,7 @@ void initGroup(Sim& s, const std::vector<std::string>& words) {
     allCds = allCds && Sim::loadDisk(s.db, id).pformat == "cdsdisk";
   }
   g.cfg.dg.cds = cds.empty() ? (allCds && s.host.cds) : cds == "on";
-  g.dgid = s.newId("dgid");
+  g.dgid = s.newId();
   g.cfg.dg.dgid = g.dgid;
   g.cfg.dg.guid = s.newGuid();
   for (const auto& w : disks) addDiskToGroup(s, g, w);

@@ -273,7 +273,7 @@ void initDisk(Sim& s, int64_t id, const std::map<std::string, std::string>& attr
   if (d.initialized() && !force)
     fail(kDiskInUse, "Disk " + da + " is already initialized; use -f to initialize it again");
   applyGeometry(d, attrs);
-  d.diskid = d.ptype == "nopriv" ? "" : s.newId("diskid");
+  d.diskid = d.ptype == "nopriv" ? "" : s.newId();
   d.dmname.clear();
   d.dgname.clear();
   d.dgid.clear();
