@@ -1,0 +1,170 @@
+// Integration surroundings: a fresh simulation per test, the test process in
+// its own mount namespace acting as one simulated host after another, the
+// plug-in's support object made anew on each host, and the pauses of the
+// command layer counted instead of slept.
+#ifndef QZVMFI_TESTS_SIM_HOST_ENV_H
+#define QZVMFI_TESTS_SIM_HOST_ENV_H
+
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <qzsim/sandbox.h>
+
+#include "../host/tempdir.h"
+#include "context.h"
+#include "osutil.h"
+#include "qzvm_support.h"
+
+namespace qzvmfi_it {
+
+using Lines = std::vector<std::string>;
+
+// The words of text, split on blanks and line feeds.
+inline Lines words(const std::string& text) {
+  std::istringstream in(text);
+  Lines result;
+  for (std::string word; in >> word;) {
+    result.push_back(word);
+  }
+  return result;
+}
+
+// The lines of text without their line feeds.
+inline Lines linesOf(const std::string& text) {
+  std::istringstream in(text);
+  Lines result;
+  for (std::string line; std::getline(in, line);) {
+    result.push_back(line);
+  }
+  return result;
+}
+
+inline bool holds(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+// A disk as "qzsim disk add" and "qzsim array split" print it:
+// "LUN NODE HOST=os,os".
+struct SimDisk {
+  std::string lun;
+  std::string node;
+  Lines osNames;
+};
+
+inline std::vector<SimDisk> parseDisks(const std::string& text) {
+  std::vector<SimDisk> disks;
+  for (const std::string& line : linesOf(text)) {
+    const Lines parts = words(line);
+    if (parts.size() < 3) {
+      continue;
+    }
+    SimDisk disk{parts[0], parts[1], {}};
+    std::istringstream paths(parts[2].substr(parts[2].find('=') + 1));
+    for (std::string name; std::getline(paths, name, ',');) {
+      disk.osNames.push_back(name);
+    }
+    disks.push_back(disk);
+  }
+  return disks;
+}
+
+class SimHostTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string error;
+    if (!qzsim::enterNamespace(&error)) {
+      GTEST_SKIP() << "no private mount namespace: " << error;
+    }
+    m_root = std::make_unique<qztest::TempDir>();
+    admin({"init"});
+    setQzVMSleep([this](unsigned seconds) { m_pauses.push_back(seconds); });
+  }
+
+  void TearDown() override {
+    dropSupport();
+    qzsim::leaveHost();
+    setQzVMSleep(nullptr);
+    m_root.reset();
+  }
+
+  const std::string& root() const { return m_root->path(); }
+
+  // "qzsim ARGS..." that must succeed; its standard output.
+  std::string admin(const std::vector<std::string>& args) {
+    const qzsim::CommandResult result = qzsim::simAdmin(root(), args);
+    EXPECT_EQ(result.status, 0) << "qzsim " << args[0] << ": " << result.err;
+    return result.out;
+  }
+
+  // A tool run as host (outside the plug-in) that must succeed.
+  std::string tool(const std::string& host, const std::string& commandLine) {
+    const qzsim::CommandResult result = qzsim::simTool(root(), host, commandLine);
+    EXPECT_EQ(result.status, 0) << host << ": " << commandLine << ": " << result.err;
+    return result.out;
+  }
+
+  std::vector<SimDisk> addDisks(int count, const std::string& hosts, int paths,
+                                const std::string& size = "64m") {
+    return parseDisks(admin({"disk", "add", "--count", std::to_string(count), "--hosts", hosts,
+                             "--paths", std::to_string(paths), "--size", size}));
+  }
+
+  std::string checksum(const std::string& host, const std::string& dg, const std::string& vol) {
+    return admin({"volume", "checksum", "--host", host, dg, vol});
+  }
+
+  // The test process becomes host: its tools, /dev/qz, /sys/block and
+  // framework folders; the plug-in's singletons and support object are made
+  // anew there.
+  void actAs(const std::string& host) {
+    dropSupport();
+    std::string error;
+    ASSERT_TRUE(qzsim::actAsHost(root(), host, &error)) << error;
+    auto log = qzvmfi_ctx::TraceLog::instance();
+    log->setLevel(9);
+    auto* lines = &m_trace;
+    log->setSink([lines](int, const std::string& text) { lines->push_back(text); });
+    m_support = std::make_unique<CQzVMSupport>();
+  }
+
+  bool wasTraced(const std::string& text) const {
+    for (const std::string& line : m_trace) {
+      if (line == text) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  // Tool runs of host recorded by the simulator whose command line holds part.
+  size_t runsOf(const std::string& host, const std::string& part) {
+    size_t count = 0;
+    for (const std::string& line : linesOf(admin({"log", "--host", host}))) {
+      count += holds(line, part) ? 1 : 0;
+    }
+    return count;
+  }
+
+  CQzVMSupport& support() { return *m_support; }
+
+  std::vector<unsigned> m_pauses;
+  Lines m_trace;
+
+ private:
+  void dropSupport() {
+    m_support.reset();
+    qzvmfi_ctx::ErrorManager::instance(true);
+    qzvmfi_ctx::TraceLog::instance(true);
+  }
+
+  std::unique_ptr<qztest::TempDir> m_root;
+  std::unique_ptr<CQzVMSupport> m_support;
+};
+
+}  // namespace qzvmfi_it
+
+#endif  // QZVMFI_TESTS_SIM_HOST_ENV_H
