@@ -61,21 +61,25 @@ void BM_QzvolStart(benchmark::State& state) {
 
 BENCHMARK(BM_QzdgList)
     ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
     ->MinTime(0.3)
     ->Repetitions(5)
     ->ReportAggregatesOnly(true);
 BENCHMARK(BM_QzprintDump)
     ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
     ->MinTime(0.3)
     ->Repetitions(5)
     ->ReportAggregatesOnly(true);
 BENCHMARK(BM_QzdiskListDisk)
     ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
     ->MinTime(0.3)
     ->Repetitions(5)
     ->ReportAggregatesOnly(true);
 BENCHMARK(BM_QzvolStart)
     ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
     ->MinTime(0.3)
     ->Repetitions(5)
     ->ReportAggregatesOnly(true);
