@@ -68,9 +68,9 @@ TEST_F(SplitReplayTest, RebuiltGroupOnHostBHoldsTheSourceData) {
   const std::string vol2Sum = checksum("A", "dg1", "vol2");
 
   // The array's copies go to host B.
-  const std::vector<SimDisk> copies = parseDisks(
-      admin({"array", "split", "--disks", "qzarr0_0,qzarr0_1,qzarr0_2", "--from-host", "A",
-             "--to-host", "B"}));
+  const std::vector<SimDisk> copies =
+      parseDisks(admin({"array", "split", "--disks", "qzarr0_0,qzarr0_1,qzarr0_2", "--from-host",
+                        "A", "--to-host", "B"}));
   ASSERT_EQ(copies.size(), 3u);
   Lines copyOSDisks;
   for (const SimDisk& copy : copies) {
@@ -97,9 +97,9 @@ TEST_F(SplitReplayTest, RebuiltGroupOnHostBHoldsTheSourceData) {
   std::string newDG;
   ASSERT_EQ(support().getNewDGName(newDG), 0);
   const std::string replay = m_files.file("dg1.replay");
-  ASSERT_EQ(support().reconfig(dump, "dg1", newDG, sourceDisks, copyNodes, sourceDMs, sourceDMs,
-                               replay),
-            0);
+  ASSERT_EQ(
+      support().reconfig(dump, "dg1", newDG, sourceDisks, copyNodes, sourceDMs, sourceDMs, replay),
+      0);
   const std::string replayText = qztest::readFile(replay);
   EXPECT_FALSE(holds(replayText, "guid=")) << replayText;
   EXPECT_FALSE(holds(replayText, "dm_name=" + copyNodes[0])) << replayText;

@@ -1,0 +1,375 @@
+// The engine against the simulated volume manager: a source host A and a
+// host B that sees the array's copies of A's disks. The engine reaches the
+// simulated tools through the configured tool folder, which holds links to
+// qzsim, so no namespace is needed; the process's QZSIM_HOST says which host
+// runs them.
+#include "engine.h"
+#include "osutil.h"
+
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "../unit/plugin_env.h"
+#include "qzsim/sandbox.h"
+
+namespace {
+
+using qzfi_pdk_4_4::CFiExecSeam;
+using qzvmfi_test::PluginEnv;
+using qzvmfi_test::ScopedEnv;
+using qzvmfi_test::TempDir;
+using qzvmfi_test::writeFile;
+using Names = std::vector<std::string>;
+
+class HostEngine : public CQzVMEngine {};
+
+Names words(const std::string& text) {
+  std::istringstream in(text);
+  Names result;
+  for (std::string word; in >> word;) {
+    result.push_back(word);
+  }
+  return result;
+}
+
+Names lines(const std::string& text) {
+  std::istringstream in(text);
+  Names result;
+  for (std::string line; std::getline(in, line);) {
+    result.push_back(line);
+  }
+  return result;
+}
+
+class EngineOnSimulator : public PluginEnv {
+ protected:
+  void SetUp() override {
+    PluginEnv::SetUp();
+    CFiExecSeam::disable();
+    m_scratch = std::make_unique<TempDir>();
+    m_root = m_scratch->file("sim");
+    m_bin = m_scratch->file("bin") + "/";
+    std::filesystem::create_directories(m_bin);
+    for (const char* tool : {"qzdg", "qzdisk", "qzprint", "qzvol", "qzdmpadm", "qzmake", "qzassist",
+                             "qzdisksetup", "qzdiskunsetup", "qzinfo", "qzvset"}) {
+      std::filesystem::create_symlink(qzsim::simBinary(), m_bin + tool);
+    }
+    writeFile(configFile(), "[CLI_TOOL_INFO]\nFILEPATH_QzVM=" + m_bin + "\n");
+    m_rootEnv = std::make_unique<ScopedEnv>("QZSIM_ROOT", m_root);
+    admin({"init"});
+    admin({"host", "add", "A"});
+    admin({"host", "add", "B"});
+  }
+
+  void TearDown() override {
+    if (HasFailure()) {
+      for (const auto& line : m_trace) {
+        if (line.level <= 3) {
+          std::cerr << "trace " << line << "\n";
+        }
+      }
+    }
+    m_engine.reset();
+    setQzVMSysRoot("");
+    m_hostEnv.reset();
+    m_rootEnv.reset();
+    m_scratch.reset();
+    PluginEnv::TearDown();
+  }
+
+  std::string admin(const Names& args) {
+    qzsim::CommandResult result = qzsim::simAdmin(m_root, args);
+    EXPECT_EQ(0, result.status) << args[0] << ": " << result.err;
+    return result.out;
+  }
+  std::string tool(const std::string& host, const std::string& command) {
+    qzsim::CommandResult result = qzsim::simTool(m_root, host, command);
+    EXPECT_EQ(0, result.status) << command << ": " << result.err;
+    return result.out;
+  }
+
+  // The engine of a fresh process on host; /sys/block is the host's.
+  CQzVMEngine& actAs(const std::string& host) {
+    m_hostEnv.reset();  // restores the previous host before the next is set
+    m_hostEnv = std::make_unique<ScopedEnv>("QZSIM_HOST", host);
+    const std::string sysRoot = m_scratch->file("sysroot-" + host);
+    if (!std::filesystem::exists(sysRoot)) {
+      std::filesystem::create_directories(sysRoot + "/sys");
+      std::filesystem::create_symlink(m_root + "/hosts/" + host + "/sys_block",
+                                      sysRoot + "/sys/block");
+    }
+    setQzVMSysRoot(sysRoot);
+    m_engine = std::make_unique<HostEngine>();
+    EXPECT_EQ(0, m_engine->initEngine());
+    return *m_engine;
+  }
+
+  // Group dg1 on host A: count disks, a 16m volume vol<i> for each of
+  // volumes (the first with a DCO), data written into each. Returns the
+  // OS names of the disks on A.
+  Names sourceGroup(int disks = 2, int volumes = 1) {
+    Names osNames;
+    for (const std::string& line :
+         lines(admin({"disk", "add", "--count", std::to_string(disks), "--size", "64m", "--hosts",
+                      "A", "--paths", "1"}))) {
+      Names fields = words(line);
+      m_primary.push_back(fields[1]);
+      osNames.push_back(fields[2].substr(2));
+    }
+    tool("A", "qzdisk scandisks");
+    std::string init = "qzdg init dg1";
+    for (const std::string& disk : m_primary) {
+      tool("A", "qzdisk -f init " + disk + " type=auto format=cdsdisk");
+      init += " " + disk;
+    }
+    tool("A", init);
+    for (int i = 1; i <= volumes; ++i) {
+      const std::string volume = "vol" + std::to_string(i);
+      tool("A", "qzassist -g dg1 make " + volume + " 16m" + (i == 1 ? " logtype=dco" : ""));
+      admin({"volume", "write", "--host", "A", "dg1", volume, "--seed", std::to_string(i)});
+    }
+    m_osA = osNames;
+    return osNames;
+  }
+
+  std::string checksum(const std::string& host, const std::string& dg, const std::string& volume) {
+    return words(admin({"volume", "checksum", "--host", host, dg, volume}))[0];
+  }
+
+  // What initNode records on A, carried to another host as a blob.
+  void recordOnA(CQzVMData& carried, bool nopriv = false) {
+    m_sourceSum = checksum("A", "dg1", "vol1");
+    CQzVMEngine& engine = actAs("A");
+    CQzVMData data(nullptr, false);
+    ASSERT_EQ(0, engine.getQzVMObjects("/dev/qz/dsk/dg1/vol1", &data));
+    ASSERT_EQ(0, engine.setQzVMConfigInPD("/dev/qz/dsk/dg1/vol1", &data));
+    for (size_t i = 0; i < m_osA.size(); ++i) {
+      data.setDiskDMPMap(m_osA[i], m_primary[i]);
+    }
+    Names disks = m_primary;
+    Names dms;
+    std::vector<Names> listings;
+    ASSERT_EQ(0, data.getVolPrivInfoFromPD(disks, dms, listings));
+    m_dms = dms;
+    if (nopriv) {
+      for (std::string& line : listings[0]) {
+        if (line.compare(0, 5, "type:") == 0) {
+          line = "type:      nopriv\n";
+        }
+      }
+      data.setVolPrivInfoInPD(disks, dms, listings);
+    }
+    data.setDGId(words(lines(tool("A", "qzdg list")).at(1))[2]);
+    qfi_blob blob{};
+    ASSERT_EQ(0, data.createBlob(&blob));
+    ASSERT_EQ(0, carried.extractFromBlob(&blob));
+    qzfi_free_buf(blob.data, blob.len);
+  }
+
+  // The array's copies of A's disks on B; returns their OS names there.
+  Names splitToB() {
+    std::string disks;
+    for (const std::string& disk : m_primary) {
+      disks += (disks.empty() ? "" : ",") + disk;
+    }
+    Names osNames;
+    for (const std::string& line :
+         lines(admin({"array", "split", "--disks", disks, "--from-host", "A", "--to-host", "B"}))) {
+      osNames.push_back(words(line)[2].substr(2));
+    }
+    return osNames;
+  }
+
+  // The source recorded, its group deported on A, and the copies on B.
+  Names deportedCopyOnB() {
+    sourceGroup();
+    recordOnA(m_carried);
+    tool("A", "qzdg deport dg1");
+    return splitToB();
+  }
+
+  size_t logCount(const std::string& host, const std::string& text) {
+    size_t count = 0;
+    for (const std::string& line : lines(admin({"log", "--host", host}))) {
+      count += line.find(text) != std::string::npos ? 1 : 0;
+    }
+    return count;
+  }
+  size_t runsOn(const std::string& host) {
+    return std::stoul(words(admin({"log", "--host", host, "--total"}))[0]);
+  }
+
+  bool pushed(const std::string& id) const {
+    for (const auto& message : errors()) {
+      if (message->getIdentifier() == id) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  std::unique_ptr<TempDir> m_scratch;
+  std::string m_root;
+  std::string m_bin;
+  std::unique_ptr<ScopedEnv> m_rootEnv;
+  std::unique_ptr<ScopedEnv> m_hostEnv;
+  std::unique_ptr<HostEngine> m_engine;
+  Names m_primary;
+  Names m_osA;
+  Names m_dms;
+  std::string m_sourceSum;
+  CQzVMData m_carried{nullptr, true};  // the private data as the other host reads it
+};
+
+TEST_F(EngineOnSimulator, SourceRecordsTravelInTheBlob) {
+  sourceGroup();
+  recordOnA(m_carried);
+  EXPECT_EQ((Names{"vol1", "vol1_dcl"}), m_carried.vList());
+  std::string dg;
+  Names dump;
+  ASSERT_EQ(0, m_carried.getDGConfigFromPD(dg, dump));
+  EXPECT_EQ("dg1", dg);
+  EXPECT_EQ("dg dg1\n", dump.at(0));
+  Names disks = m_primary;
+  Names dms;
+  std::vector<Names> listings;
+  ASSERT_EQ(0, m_carried.getVolPrivInfoFromPD(disks, dms, listings));
+  EXPECT_EQ(m_primary, dms);
+  EXPECT_EQ("Device:    " + m_primary[1], listings[1].at(0));
+}
+
+TEST_F(EngineOnSimulator, RebuildOnTheOtherHost) {
+  sourceGroup();
+  recordOnA(m_carried);
+  Names split = splitToB();
+  CQzVMEngine& engine = actAs("B");
+  qzfi_objid* id = nullptr;
+  ASSERT_EQ(0, engine.buildAltTree(&id, "dg1_1", split, "/dev/qz/rdsk/dg1/vol1", &m_carried,
+                                   m_primary, m_dms));
+  ASSERT_NE(nullptr, id);
+  EXPECT_STREQ("/dev/qz/rdsk/dg1_1/vol1", id->name);
+  EXPECT_EQ(2, id->kind);
+  qzfi_free_objid(id);
+  Names groups = lines(tool("B", "qzdg list"));
+  ASSERT_EQ(2u, groups.size());
+  EXPECT_EQ("dg1_1", words(groups[1])[0]);
+  EXPECT_EQ(words(groups[1])[2], m_carried.getDGId());
+  EXPECT_EQ("Started", words(tool("B", "qzinfo -g dg1_1 vol1"))[2]);
+  EXPECT_EQ(m_sourceSum, checksum("B", "dg1_1", "vol1"));
+
+  tool("B", "qzvol -g dg1_1 stop vol1");
+  const size_t inits = logCount("B", " init ");
+  id = nullptr;
+  ASSERT_EQ(0, engine.buildAltTree(&id, "dg1_2", split, "/dev/qz/dsk/dg1/vol1", &m_carried,
+                                   m_primary, m_dms));
+  EXPECT_STREQ("/dev/qz/dsk/dg1_1/vol1", id->name);
+  qzfi_free_objid(id);
+  EXPECT_EQ(inits, logCount("B", " init "));
+  EXPECT_EQ("Started", words(tool("B", "qzinfo -g dg1_1 vol1"))[2]);
+  EXPECT_EQ(2u, lines(tool("B", "qzdg list")).size());
+}
+
+TEST_F(EngineOnSimulator, ImportOfAnIntactDeportedCopy) {
+  Names split = deportedCopyOnB();
+  CQzVMEngine& engine = actAs("B");
+  qzfi_objid* id = nullptr;
+  ASSERT_EQ(0,
+            engine.importQzVM(&id, "dg1_1", m_primary, split, "/dev/qz/dsk/dg1/vol1", &m_carried));
+  ASSERT_NE(nullptr, id);
+  EXPECT_STREQ("/dev/qz/dsk/dg1_1/vol1", id->name);
+  qzfi_free_objid(id);
+  EXPECT_EQ("Started", words(tool("B", "qzinfo -g dg1_1 vol1"))[2]);
+  EXPECT_EQ(m_sourceSum, checksum("B", "dg1_1", "vol1"));
+  EXPECT_EQ(1u, logCount("B", " import "));
+  id = nullptr;
+  ASSERT_EQ(0,
+            engine.importQzVM(&id, "dg1_2", m_primary, split, "/dev/qz/dsk/dg1/vol1", &m_carried));
+  EXPECT_STREQ("/dev/qz/dsk/dg1_1/vol1", id->name);
+  qzfi_free_objid(id);
+  EXPECT_EQ(1u, logCount("B", " import "));
+}
+
+TEST_F(EngineOnSimulator, RecreateOnTheSameHostKeepsNames) {
+  Names osDisks = sourceGroup();
+  recordOnA(m_carried);
+  const std::string sum = checksum("A", "dg1", "vol1");
+  tool("A", "qzdg destroy dg1");
+  CQzVMEngine& engine = actAs("A");
+  ASSERT_EQ(0, engine.recreateDG("/dev/qz/dsk/dg1/vol1", osDisks, &m_carried));
+  Names rows = lines(tool("A", "qzdisk -g dg1 list"));
+  ASSERT_EQ(m_primary.size() + 1, rows.size());
+  for (size_t i = 0; i < m_primary.size(); ++i) {
+    EXPECT_EQ(m_dms[i], words(rows[i + 1])[2]);
+  }
+  EXPECT_EQ("Started", words(tool("A", "qzinfo -g dg1 vol1"))[2]);
+  EXPECT_EQ(sum, checksum("A", "dg1", "vol1"));
+}
+
+TEST_F(EngineOnSimulator, NoprivDiskStopsTheBuildBeforeAnyDiskIsTouched) {
+  sourceGroup();
+  recordOnA(m_carried, true);
+  Names split = splitToB();
+  CQzVMEngine& engine = actAs("B");
+  qzfi_objid* id = nullptr;
+  EXPECT_EQ(6, engine.buildAltTree(&id, "dg1_1", split, "/dev/qz/dsk/dg1/vol1", &m_carried,
+                                   m_primary, m_dms));
+  EXPECT_EQ(nullptr, id);
+  EXPECT_TRUE(wasTraced(1, "defining snapshotted disk as nopriv failed."));
+  EXPECT_EQ(0u, logCount("B", " init "));
+}
+
+TEST_F(EngineOnSimulator, FaultAtStartAfterImportCleansUp) {
+  Names split = deportedCopyOnB();
+  admin({"fault", "add", "--host", "B", "--tool", "qzvol", "--match", "start", "--nth", "2",
+         "--status", "15"});  // the first start is the DCO log volume's
+  CQzVMEngine& engine = actAs("B");
+  qzfi_objid* id = nullptr;
+  EXPECT_EQ(6,
+            engine.importQzVM(&id, "dg1_1", m_primary, split, "/dev/qz/dsk/dg1/vol1", &m_carried));
+  EXPECT_TRUE(pushed("MSG_ERROR_UNABLE_TO_ACTIVATE_DISKGROUP"));
+  EXPECT_EQ(1u, logCount("B", " deport dg1_1"));
+  EXPECT_EQ(split.size(), logCount("B", "qzdisk rm "));
+  EXPECT_EQ(1u, lines(tool("B", "qzdg list")).size());
+  // Each written delete file detached its OS path at the next tool run.
+  for (const std::string& disk : split) {
+    EXPECT_FALSE(std::filesystem::exists(m_root + "/hosts/B/sys_block/" + disk)) << disk;
+  }
+}
+
+TEST_F(EngineOnSimulator, FaultAtClearImportCleansUpWithoutImport) {
+  Names split = deportedCopyOnB();
+  admin({"fault", "add", "--host", "B", "--tool", "qzdisk", "--match", "clearimport", "--status",
+         "11"});
+  CQzVMEngine& engine = actAs("B");
+  qzfi_objid* id = nullptr;
+  EXPECT_EQ(6,
+            engine.importQzVM(&id, "dg1_1", m_primary, split, "/dev/qz/dsk/dg1/vol1", &m_carried));
+  EXPECT_TRUE(pushed("MSG_ERROR_UNABLE_TO_CLEAR_IMPORT_FLAG_ON_DISKS"));
+  EXPECT_EQ(0u, logCount("B", " import "));
+  EXPECT_EQ(split.size(), logCount("B", "qzdisk rm "));
+}
+
+TEST_F(EngineOnSimulator, CommandsOfARebuildOfFourDisksAndThreeVolumes) {
+  sourceGroup(4, 3);
+  recordOnA(m_carried);
+  Names split = splitToB();
+  CQzVMEngine& engine = actAs("B");
+  const size_t before = runsOn("B");
+  qzfi_objid* id = nullptr;
+  ASSERT_EQ(0, engine.buildAltTree(&id, "dg1_1", split, "/dev/qz/dsk/dg1/vol1", &m_carried,
+                                   m_primary, m_dms));
+  qzfi_free_objid(id);
+  const size_t volumeManager = runsOn("B") - before;
+  std::cout << "rebuild of 4 disks and 3 volumes: " << volumeManager << " volume-manager commands"
+            << std::endl;
+  EXPECT_GT(volumeManager, 0u);
+}
+
+}  // namespace
