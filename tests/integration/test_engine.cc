@@ -1,111 +1,39 @@
 // The engine against the simulated volume manager: a source host A and a
-// host B that sees the array's copies of A's disks. The engine reaches the
-// simulated tools through the configured tool folder, which holds links to
-// qzsim, so no namespace is needed; the process's QZSIM_HOST says which host
-// runs them.
+// host B that sees the array's copies of A's disks.
 #include "engine.h"
-#include "osutil.h"
 
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <filesystem>
-#include <sstream>
 
-#include <gtest/gtest.h>
-
-#include "../unit/plugin_env.h"
-#include "qzsim/sandbox.h"
+#include "sim_host_env.h"
 
 namespace {
 
-using qzfi_pdk_4_4::CFiExecSeam;
-using qzvmfi_test::PluginEnv;
-using qzvmfi_test::ScopedEnv;
-using qzvmfi_test::TempDir;
-using qzvmfi_test::writeFile;
+using qzvmfi_it::linesOf;
+using qzvmfi_it::words;
 using Names = std::vector<std::string>;
 
 class HostEngine : public CQzVMEngine {};
 
-Names words(const std::string& text) {
-  std::istringstream in(text);
-  Names result;
-  for (std::string word; in >> word;) {
-    result.push_back(word);
-  }
-  return result;
-}
-
-Names lines(const std::string& text) {
-  std::istringstream in(text);
-  Names result;
-  for (std::string line; std::getline(in, line);) {
-    result.push_back(line);
-  }
-  return result;
-}
-
-class EngineOnSimulator : public PluginEnv {
+class EngineOnSimulator : public qzvmfi_it::SimHostTest {
  protected:
   void SetUp() override {
-    PluginEnv::SetUp();
-    CFiExecSeam::disable();
-    m_scratch = std::make_unique<TempDir>();
-    m_root = m_scratch->file("sim");
-    m_bin = m_scratch->file("bin") + "/";
-    std::filesystem::create_directories(m_bin);
-    for (const char* tool : {"qzdg", "qzdisk", "qzprint", "qzvol", "qzdmpadm", "qzmake", "qzassist",
-                             "qzdisksetup", "qzdiskunsetup", "qzinfo", "qzvset"}) {
-      std::filesystem::create_symlink(qzsim::simBinary(), m_bin + tool);
+    SimHostTest::SetUp();
+    if (IsSkipped()) {
+      return;
     }
-    writeFile(configFile(), "[CLI_TOOL_INFO]\nFILEPATH_QzVM=" + m_bin + "\n");
-    m_rootEnv = std::make_unique<ScopedEnv>("QZSIM_ROOT", m_root);
-    admin({"init"});
     admin({"host", "add", "A"});
     admin({"host", "add", "B"});
   }
 
   void TearDown() override {
-    if (HasFailure()) {
-      for (const auto& line : m_trace) {
-        if (line.level <= 3) {
-          std::cerr << "trace " << line << "\n";
-        }
-      }
-    }
     m_engine.reset();
-    setQzVMSysRoot("");
-    m_hostEnv.reset();
-    m_rootEnv.reset();
-    m_scratch.reset();
-    PluginEnv::TearDown();
+    SimHostTest::TearDown();
   }
 
-  std::string admin(const Names& args) {
-    qzsim::CommandResult result = qzsim::simAdmin(m_root, args);
-    EXPECT_EQ(0, result.status) << args[0] << ": " << result.err;
-    return result.out;
-  }
-  std::string tool(const std::string& host, const std::string& command) {
-    qzsim::CommandResult result = qzsim::simTool(m_root, host, command);
-    EXPECT_EQ(0, result.status) << command << ": " << result.err;
-    return result.out;
-  }
-
-  // The engine of a fresh process on host; /sys/block is the host's.
+  // The engine of a fresh plug-in process on host.
   CQzVMEngine& actAs(const std::string& host) {
-    m_hostEnv.reset();  // restores the previous host before the next is set
-    m_hostEnv = std::make_unique<ScopedEnv>("QZSIM_HOST", host);
-    const std::string sysRoot = m_scratch->file("sysroot-" + host);
-    if (!std::filesystem::exists(sysRoot)) {
-      std::filesystem::create_directories(sysRoot + "/sys");
-      std::filesystem::create_symlink(m_root + "/hosts/" + host + "/sys_block",
-                                      sysRoot + "/sys/block");
-    }
-    setQzVMSysRoot(sysRoot);
+    m_engine.reset();
+    SimHostTest::actAs(host);
     m_engine = std::make_unique<HostEngine>();
     EXPECT_EQ(0, m_engine->initEngine());
     return *m_engine;
@@ -116,12 +44,9 @@ class EngineOnSimulator : public PluginEnv {
   // OS names of the disks on A.
   Names sourceGroup(int disks = 2, int volumes = 1) {
     Names osNames;
-    for (const std::string& line :
-         lines(admin({"disk", "add", "--count", std::to_string(disks), "--size", "64m", "--hosts",
-                      "A", "--paths", "1"}))) {
-      Names fields = words(line);
-      m_primary.push_back(fields[1]);
-      osNames.push_back(fields[2].substr(2));
+    for (const qzvmfi_it::SimDisk& disk : addDisks(disks, "A", 1)) {
+      m_primary.push_back(disk.node);
+      osNames.push_back(disk.osNames.at(0));
     }
     tool("A", "qzdisk scandisks");
     std::string init = "qzdg init dg1";
@@ -137,10 +62,6 @@ class EngineOnSimulator : public PluginEnv {
     }
     m_osA = osNames;
     return osNames;
-  }
-
-  std::string checksum(const std::string& host, const std::string& dg, const std::string& volume) {
-    return words(admin({"volume", "checksum", "--host", host, dg, volume}))[0];
   }
 
   // What initNode records on A, carried to another host as a blob.
@@ -166,7 +87,7 @@ class EngineOnSimulator : public PluginEnv {
       }
       data.setVolPrivInfoInPD(disks, dms, listings);
     }
-    data.setDGId(words(lines(tool("A", "qzdg list")).at(1))[2]);
+    data.setDGId(words(linesOf(tool("A", "qzdg list")).at(1))[2]);
     qfi_blob blob{};
     ASSERT_EQ(0, data.createBlob(&blob));
     ASSERT_EQ(0, carried.extractFromBlob(&blob));
@@ -180,9 +101,9 @@ class EngineOnSimulator : public PluginEnv {
       disks += (disks.empty() ? "" : ",") + disk;
     }
     Names osNames;
-    for (const std::string& line :
-         lines(admin({"array", "split", "--disks", disks, "--from-host", "A", "--to-host", "B"}))) {
-      osNames.push_back(words(line)[2].substr(2));
+    for (const qzvmfi_it::SimDisk& copy : qzvmfi_it::parseDisks(
+             admin({"array", "split", "--disks", disks, "--from-host", "A", "--to-host", "B"}))) {
+      osNames.push_back(copy.osNames.at(0));
     }
     return osNames;
   }
@@ -195,19 +116,12 @@ class EngineOnSimulator : public PluginEnv {
     return splitToB();
   }
 
-  size_t logCount(const std::string& host, const std::string& text) {
-    size_t count = 0;
-    for (const std::string& line : lines(admin({"log", "--host", host}))) {
-      count += line.find(text) != std::string::npos ? 1 : 0;
-    }
-    return count;
-  }
   size_t runsOn(const std::string& host) {
     return std::stoul(words(admin({"log", "--host", host, "--total"}))[0]);
   }
 
   bool pushed(const std::string& id) const {
-    for (const auto& message : errors()) {
+    for (const auto& message : qzvmfi_ctx::ErrorManager::instance()->errors()) {
       if (message->getIdentifier() == id) {
         return true;
       }
@@ -215,11 +129,6 @@ class EngineOnSimulator : public PluginEnv {
     return false;
   }
 
-  std::unique_ptr<TempDir> m_scratch;
-  std::string m_root;
-  std::string m_bin;
-  std::unique_ptr<ScopedEnv> m_rootEnv;
-  std::unique_ptr<ScopedEnv> m_hostEnv;
   std::unique_ptr<HostEngine> m_engine;
   Names m_primary;
   Names m_osA;
@@ -257,7 +166,7 @@ TEST_F(EngineOnSimulator, RebuildOnTheOtherHost) {
   EXPECT_STREQ("/dev/qz/rdsk/dg1_1/vol1", id->name);
   EXPECT_EQ(2, id->kind);
   qzfi_free_objid(id);
-  Names groups = lines(tool("B", "qzdg list"));
+  Names groups = linesOf(tool("B", "qzdg list"));
   ASSERT_EQ(2u, groups.size());
   EXPECT_EQ("dg1_1", words(groups[1])[0]);
   EXPECT_EQ(words(groups[1])[2], m_carried.getDGId());
@@ -265,15 +174,15 @@ TEST_F(EngineOnSimulator, RebuildOnTheOtherHost) {
   EXPECT_EQ(m_sourceSum, checksum("B", "dg1_1", "vol1"));
 
   tool("B", "qzvol -g dg1_1 stop vol1");
-  const size_t inits = logCount("B", " init ");
+  const size_t inits = runsOf("B", " init ");
   id = nullptr;
   ASSERT_EQ(0, engine.buildAltTree(&id, "dg1_2", split, "/dev/qz/dsk/dg1/vol1", &m_carried,
                                    m_primary, m_dms));
   EXPECT_STREQ("/dev/qz/dsk/dg1_1/vol1", id->name);
   qzfi_free_objid(id);
-  EXPECT_EQ(inits, logCount("B", " init "));
+  EXPECT_EQ(inits, runsOf("B", " init "));
   EXPECT_EQ("Started", words(tool("B", "qzinfo -g dg1_1 vol1"))[2]);
-  EXPECT_EQ(2u, lines(tool("B", "qzdg list")).size());
+  EXPECT_EQ(2u, linesOf(tool("B", "qzdg list")).size());
 }
 
 TEST_F(EngineOnSimulator, ImportOfAnIntactDeportedCopy) {
@@ -287,13 +196,13 @@ TEST_F(EngineOnSimulator, ImportOfAnIntactDeportedCopy) {
   qzfi_free_objid(id);
   EXPECT_EQ("Started", words(tool("B", "qzinfo -g dg1_1 vol1"))[2]);
   EXPECT_EQ(m_sourceSum, checksum("B", "dg1_1", "vol1"));
-  EXPECT_EQ(1u, logCount("B", " import "));
+  EXPECT_EQ(1u, runsOf("B", " import "));
   id = nullptr;
   ASSERT_EQ(0,
             engine.importQzVM(&id, "dg1_2", m_primary, split, "/dev/qz/dsk/dg1/vol1", &m_carried));
   EXPECT_STREQ("/dev/qz/dsk/dg1_1/vol1", id->name);
   qzfi_free_objid(id);
-  EXPECT_EQ(1u, logCount("B", " import "));
+  EXPECT_EQ(1u, runsOf("B", " import "));
 }
 
 TEST_F(EngineOnSimulator, RecreateOnTheSameHostKeepsNames) {
@@ -303,7 +212,7 @@ TEST_F(EngineOnSimulator, RecreateOnTheSameHostKeepsNames) {
   tool("A", "qzdg destroy dg1");
   CQzVMEngine& engine = actAs("A");
   ASSERT_EQ(0, engine.recreateDG("/dev/qz/dsk/dg1/vol1", osDisks, &m_carried));
-  Names rows = lines(tool("A", "qzdisk -g dg1 list"));
+  Names rows = linesOf(tool("A", "qzdisk -g dg1 list"));
   ASSERT_EQ(m_primary.size() + 1, rows.size());
   for (size_t i = 0; i < m_primary.size(); ++i) {
     EXPECT_EQ(m_dms[i], words(rows[i + 1])[2]);
@@ -321,8 +230,8 @@ TEST_F(EngineOnSimulator, NoprivDiskStopsTheBuildBeforeAnyDiskIsTouched) {
   EXPECT_EQ(6, engine.buildAltTree(&id, "dg1_1", split, "/dev/qz/dsk/dg1/vol1", &m_carried,
                                    m_primary, m_dms));
   EXPECT_EQ(nullptr, id);
-  EXPECT_TRUE(wasTraced(1, "defining snapshotted disk as nopriv failed."));
-  EXPECT_EQ(0u, logCount("B", " init "));
+  EXPECT_TRUE(wasTraced("defining snapshotted disk as nopriv failed."));
+  EXPECT_EQ(0u, runsOf("B", " init "));
 }
 
 TEST_F(EngineOnSimulator, FaultAtStartAfterImportCleansUp) {
@@ -334,12 +243,12 @@ TEST_F(EngineOnSimulator, FaultAtStartAfterImportCleansUp) {
   EXPECT_EQ(6,
             engine.importQzVM(&id, "dg1_1", m_primary, split, "/dev/qz/dsk/dg1/vol1", &m_carried));
   EXPECT_TRUE(pushed("MSG_ERROR_UNABLE_TO_ACTIVATE_DISKGROUP"));
-  EXPECT_EQ(1u, logCount("B", " deport dg1_1"));
-  EXPECT_EQ(split.size(), logCount("B", "qzdisk rm "));
-  EXPECT_EQ(1u, lines(tool("B", "qzdg list")).size());
+  EXPECT_EQ(1u, runsOf("B", " deport dg1_1"));
+  EXPECT_EQ(split.size(), runsOf("B", "qzdisk rm "));
+  EXPECT_EQ(1u, linesOf(tool("B", "qzdg list")).size());
   // Each written delete file detached its OS path at the next tool run.
   for (const std::string& disk : split) {
-    EXPECT_FALSE(std::filesystem::exists(m_root + "/hosts/B/sys_block/" + disk)) << disk;
+    EXPECT_FALSE(std::filesystem::exists(root() + "/hosts/B/sys_block/" + disk)) << disk;
   }
 }
 
@@ -352,8 +261,8 @@ TEST_F(EngineOnSimulator, FaultAtClearImportCleansUpWithoutImport) {
   EXPECT_EQ(6,
             engine.importQzVM(&id, "dg1_1", m_primary, split, "/dev/qz/dsk/dg1/vol1", &m_carried));
   EXPECT_TRUE(pushed("MSG_ERROR_UNABLE_TO_CLEAR_IMPORT_FLAG_ON_DISKS"));
-  EXPECT_EQ(0u, logCount("B", " import "));
-  EXPECT_EQ(split.size(), logCount("B", "qzdisk rm "));
+  EXPECT_EQ(0u, runsOf("B", " import "));
+  EXPECT_EQ(split.size(), runsOf("B", "qzdisk rm "));
 }
 
 TEST_F(EngineOnSimulator, CommandsOfARebuildOfFourDisksAndThreeVolumes) {
