@@ -161,6 +161,9 @@ int CQzVMEngine::getQzVMObjects(const std::string& path, CQzVMData* data) {
   vsetList.insert(vsetList.end(), vsets.begin(), vsets.end());
   volumeList.insert(volumeList.end(), volumes.begin(), volumes.end());
   volumeList.insert(volumeList.end(), dcoVolumes.begin(), dcoVolumes.end());
+  if (!vsets.empty() || !volumes.empty() || !dcoVolumes.empty()) {
+    data->setObjectsFound(true);
+  }
   return 0;
 }
 

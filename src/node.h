@@ -96,6 +96,10 @@ class CQzVMData : public qzfi_pdk_4_4::CFiPrivateData {
   void setDGId(const std::string& id) { m_dgId = id; }
   int getDeported() const { return m_deported; }
   void setDeported(int deported) { m_deported = deported; }
+  // Set once volume-manager objects of the node's volume have been listed;
+  // not part of the blob.
+  bool getObjectsFound() const { return m_objectsFound; }
+  void setObjectsFound(bool found) { m_objectsFound = found; }
   std::vector<std::string>& vList() { return m_v; }
   std::vector<std::string>& vtList() { return m_vt; }
 
@@ -126,6 +130,7 @@ class CQzVMData : public qzfi_pdk_4_4::CFiPrivateData {
   std::string m_altVol;
   std::string m_dgId;
   int m_deported = 0;
+  bool m_objectsFound = false;
   std::vector<std::string> m_v;
   std::vector<std::string> m_vt;
 };

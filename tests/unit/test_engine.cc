@@ -257,7 +257,9 @@ TEST_F(EngineTest, GetQzVMObjectsAppendsEveryCallWithoutDeduplicating) {
   on("qzprint   -g dg1  vol1", 0,
      out({"TY NAME ASSOC", "vt set1 -", "v vol1 fsgen", "v vol1_dcl gen", "pl vol1-01 vol1"}));
   CQzVMData data(nullptr, false);
+  EXPECT_FALSE(data.getObjectsFound());
   EXPECT_EQ(0, m_engine->getQzVMObjects("/dev/qz/dsk/dg1/vol1", &data));
+  EXPECT_TRUE(data.getObjectsFound());
   EXPECT_EQ(0, m_engine->getQzVMObjects("/dev/qz/dsk/dg1/vol1", &data));
   EXPECT_EQ((Lines{"set1", "set1"}), data.vtList());
   EXPECT_EQ((Lines{"vol1", "vol1_dcl", "vol1", "vol1_dcl"}), data.vList());
@@ -272,6 +274,7 @@ TEST_F(EngineTest, GetQzVMObjectsListingFailureIsACommandFailure) {
   EXPECT_EQ(5, m_engine->getQzVMObjects("/dev/qz/dsk/dg1/vol1", &data));
   EXPECT_EQ((Lines{"MSG_ERROR_COMMAND_FAILED", "MSG_ERROR_COMMAND_FAILED"}), pushed());
   EXPECT_TRUE(data.vList().empty());
+  EXPECT_FALSE(data.getObjectsFound());
 }
 
 // ===== activeVol and deactiveVol =====
