@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <string_view>
 
@@ -23,6 +24,7 @@ namespace {
 const char kTrimSet[] = " \n\t\r";
 const std::string::size_type kMaxNameLength = 31;
 const int kUniqueNameTries = 1024;
+const size_t kDumpBlockSize = 1 << 20;
 
 // The white space that "%s" of sscanf stops at.
 bool isScanSpace(char c) {
@@ -35,6 +37,37 @@ std::string_view trimmed(std::string_view text) {
     return {};
   }
   return text.substr(first, text.find_last_not_of(kTrimSet) - first + 1);
+}
+
+// The kind of a record line of a configuration dump: its text up to the first
+// blank or tab; empty when there is none. Tags hold neither, so a line is a
+// record of kind tag exactly when its kind is tag.
+std::string_view recordKind(std::string_view line) {
+  for (size_t i = 0; i < line.size(); ++i) {
+    if (line[i] == ' ' || line[i] == '\t') {
+      return line.substr(0, i);
+    }
+  }
+  return {};
+}
+
+bool isRecordOf(std::string_view line, std::string_view tag) {
+  return recordKind(line) == tag;
+}
+
+// The records that the replay file keeps.
+bool isReplayedKind(std::string_view kind) {
+  return kind == "vol" || kind == "plex" || kind == "sd" || kind == "dco";
+}
+
+bool isReplayedRecord(std::string_view line) {
+  return isReplayedKind(recordKind(line));
+}
+
+// Trailing white space cannot touch "guid=", so only the leading is skipped.
+bool isGuidLine(std::string_view line) {
+  const auto first = line.find_first_not_of(kTrimSet);
+  return first != std::string_view::npos && line.compare(first, 5, "guid=") == 0;
 }
 
 // Index of the first line holding word, -1 when none.
@@ -68,12 +101,25 @@ std::string getToken(const std::string& line, int index) {
   return std::string();
 }
 
-std::string getValForKey(const std::string& text, const std::string& key) {
-  const auto found = text.find(key + "=");
-  if (found == std::string::npos) {
-    return std::string();
+namespace {
+
+// Where "key=" first occurs in text.
+size_t findKeyWithEquals(std::string_view text, std::string_view key) {
+  for (size_t at = text.find(key); at != std::string_view::npos; at = text.find(key, at + 1)) {
+    if (at + key.size() < text.size() && text[at + key.size()] == '=') {
+      return at;
+    }
   }
-  std::string_view str = trimmed(std::string_view(text).substr(found + key.size() + 1));
+  return std::string_view::npos;
+}
+
+// getValForKey without copies, for the callers that only look at the value.
+std::string_view valueForKey(std::string_view text, std::string_view key) {
+  const auto found = findKeyWithEquals(text, key);
+  if (found == std::string_view::npos) {
+    return {};
+  }
+  std::string_view str = trimmed(text.substr(found + key.size() + 1));
   // The value's first character is read as std::string's operator[] would:
   // a zero character past the end of an empty value.
   const char first = str.empty() ? '\0' : str[0];
@@ -82,7 +128,13 @@ std::string getValForKey(const std::string& text, const std::string& key) {
         "! ( (str[0] == ' ') || (str[0] == ',') || (str[0] == '\\t') || (str[0] == '\\n') )",
         "qzvm_support", 4095, "std::string getValForKey(const std::string&, const std::string&)");
   }
-  return std::string(trimmed(str.substr(0, str.find_first_of(" ,\t\n"))));
+  return trimmed(str.substr(0, str.find_first_of(" ,\t\n")));
+}
+
+}  // namespace
+
+std::string getValForKey(const std::string& text, const std::string& key) {
+  return std::string(valueForKey(text, key));
 }
 
 int getMetaValForkey(const std::vector<std::string>& lines, const std::string& key,
@@ -98,7 +150,7 @@ int getMetaValForkey(const std::vector<std::string>& lines, const std::string& k
 }
 
 bool hasVal(const std::string& text, const std::string& key) {
-  return text.find(key) != std::string::npos && !getValForKey(text, key).empty();
+  return !valueForKey(text, key).empty();
 }
 
 bool hasDAName(const std::string& text) {
@@ -304,15 +356,11 @@ bool CQzVMSupport::isVolumeRaw(const std::string& path) {
 }
 
 bool CQzVMSupport::isGuid(const std::string& line) {
-  return trimmed(line).compare(0, 5, "guid=") == 0;
+  return isGuidLine(line);
 }
 
 bool CQzVMSupport::isRegion(const std::string& line, const std::string& tag) {
-  if (line.size() <= tag.size() || line.compare(0, tag.size(), tag) != 0) {
-    return false;
-  }
-  char next = line[tag.size()];
-  return next == ' ' || next == '\t';
+  return isRecordOf(line, tag);
 }
 
 bool CQzVMSupport::isDM(const std::string& line) {
@@ -1325,8 +1373,7 @@ void CQzVMSupport::extractDGAndVol(const std::string& path, std::string& dg, std
 }
 
 bool CQzVMSupport::isVolOrPlexOrSubdiskOrDCO(const std::string& line) {
-  return isRegion(line, "vol") || isRegion(line, "plex") || isRegion(line, "sd") ||
-         isRegion(line, "dco");
+  return isReplayedRecord(line);
 }
 
 int CQzVMSupport::stopDCOVols(const std::string& dg, const std::vector<std::string>& volumes) {
@@ -1688,11 +1735,53 @@ void replaceFirstPair(std::string& text, size_t from, const std::vector<std::str
   }
 }
 
-// hasVal needs "key=" in the line, so a plain search first spares most lines
-// the value parsing.
-bool carries(const std::string& line, const char* keyWithEquals,
-             bool (*hasValue)(const std::string&)) {
-  return line.find(keyWithEquals) != std::string::npos && hasValue(line);
+// Hands every line of a dump, line end kept, to take, split as fgetline
+// splits them. The text is read in large blocks and the lines are views into
+// them; fgetline treats a zero byte specially, so a block holding one sends
+// the rest of the file through fgetline itself, from the line in hand on.
+template <typename Take>
+void forEachDumpLine(FILE* in, Take take) {
+  std::vector<char> block(kDumpBlockSize);
+  std::string pending;  // the start of a line that the block ended inside
+  long lineStart = 0;   // file offset of the first line not yet taken
+  for (size_t got; (got = std::fread(block.data(), 1, block.size(), in)) > 0;) {
+    if (std::memchr(block.data(), '\0', got) != nullptr) {
+      std::fseek(in, lineStart, SEEK_SET);
+      for (std::string line; CQzVMSupport::fgetline(line, in), !line.empty();) {
+        take(line);
+      }
+      return;
+    }
+    std::string_view text(block.data(), got);
+    for (size_t end; (end = text.find('\n')) != std::string_view::npos;) {
+      std::string_view line = text.substr(0, end + 1);
+      if (pending.empty()) {
+        take(line);
+      } else {
+        take(pending.append(line));
+        pending.clear();
+      }
+      lineStart += static_cast<long>(line.size());
+      text.remove_prefix(line.size());
+    }
+    pending.append(text);
+  }
+  if (!pending.empty()) {
+    take(pending);
+  }
+}
+
+// Only lines with "path=", "da_name=" or "dm_name=" can be rewritten; a look
+// before each "=" keeps the others away from the value parsing.
+bool mayBeRewritten(std::string_view line) {
+  for (size_t equals = line.find('='); equals != std::string_view::npos;
+       equals = line.find('=', equals + 1)) {
+    if (equals >= 4 &&
+        (line.compare(equals - 4, 4, "path") == 0 || line.compare(equals - 4, 4, "name") == 0)) {
+      return true;
+    }
+  }
+  return false;
 }
 
 }  // namespace
@@ -1710,9 +1799,9 @@ void CQzVMSupport::replacePattern(const std::string& line, const std::string& /*
   if (equals == std::string::npos) {
     return;
   }
-  if (carries(line, "path=", hasPathVal) || carries(line, "da_name=", hasDAName)) {
+  if (hasPathVal(line) || hasDAName(line)) {
     replaceFirstPair(out, equals + 1, vecPriDisks, vecAltDisks);
-  } else if (carries(line, "dm_name=", hasDMName)) {
+  } else if (hasDMName(line)) {
     replaceFirstPair(out, equals + 1, vecPriDMs, vecAltDMs);
   }
 }
@@ -1727,34 +1816,43 @@ int CQzVMSupport::reconfig(const std::string& inFile, const std::string& oldDG,
   if (in == nullptr || out == nullptr) {
     return 1;
   }
-  // Dumps run to millions of lines: large buffers keep stdio out of the way.
-  std::vector<char> inBuffer(1 << 20);
-  std::vector<char> outBuffer(1 << 20);
-  std::setvbuf(in, inBuffer.data(), _IOFBF, inBuffer.size());
-  std::setvbuf(out, outBuffer.data(), _IOFBF, outBuffer.size());
   trace(3, "Dumping volume descriptor data to be supplied to qzmake");
   bool insideDG = false;
   bool insideDM = false;
   std::string line;
   std::string rewritten;
-  for (fgetline(line, in); !line.empty(); fgetline(line, in)) {
+  // Dumps run to millions of lines: the output is gathered and written in
+  // large blocks.
+  std::string kept;
+  kept.reserve(2 * kDumpBlockSize);
+  forEachDumpLine(in, [&](std::string_view text) {
     // Attribute lines are indented: only the others can open a record.
-    bool mayOpenRecord = line[0] != '\t' && line[0] != ' ';
-    if (mayOpenRecord && (isDG(line) || isDM(line))) {
-      insideDG = isDG(line);
+    const std::string_view kind =
+        text[0] != '\t' && text[0] != ' ' ? recordKind(text) : std::string_view();
+    if (kind == "dg" || kind == "dm") {
+      insideDG = kind == "dg";
       insideDM = !insideDG;
-      continue;
+      return;
     }
-    if (mayOpenRecord && isVolOrPlexOrSubdiskOrDCO(line)) {
+    if (isReplayedKind(kind)) {
       insideDG = false;
       insideDM = false;
-    } else if (insideDG || insideDM || isGuid(line)) {
-      continue;
+    } else if (insideDG || insideDM || isGuidLine(text)) {
+      return;
     }
-    replacePattern(line, oldDG, newDG, vecPriDisks, vecAltDisks, vecPriDMs, vecAltDMs, rewritten);
-    std::fwrite(rewritten.data(), 1, rewritten.size(), out);
-    trace(3, "%s", rewritten.c_str());
-  }
+    if (mayBeRewritten(text)) {
+      line.assign(text);
+      replacePattern(line, oldDG, newDG, vecPriDisks, vecAltDisks, vecPriDMs, vecAltDMs, rewritten);
+      text = rewritten;
+    }
+    kept.append(text);
+    if (kept.size() >= kDumpBlockSize) {
+      std::fwrite(kept.data(), 1, kept.size(), out);
+      kept.clear();
+    }
+    trace(3, "%.*s", static_cast<int>(text.size()), text.data());
+  });
+  std::fwrite(kept.data(), 1, kept.size(), out);
   std::fclose(in);
   std::fclose(out);
   trace(3, "Dumping  volume descriptor data to be supplied to qzmake is done");
@@ -1899,7 +1997,8 @@ int CQzVMSupport::run(const std::string& command, std::vector<std::string>& outp
 }
 
 void CQzVMSupport::trace(int level, const char* format, ...) {
-  if (!m_traceLog) {
+  // The log would drop the line anyway; the formatting is spared.
+  if (!m_traceLog || level > m_traceLog->getLevel()) {
     return;
   }
   va_list args;
