@@ -1483,6 +1483,35 @@ TEST_F(SupportOpsTest, ReconfigReadsLinesLongerThanTheBuffer) {
   EXPECT_EQ(readFile(outFile), "vol vol1\n\tcomment=" + longValue + "\n");
 }
 
+// Several megabytes: lines of every length cross the ends of the blocks in
+// which the dump is read.
+TEST_F(SupportOpsTest, ReconfigKeepsLinesWholeAcrossReadBlocks) {
+  const std::string in = m_folder + "/in";
+  const std::string outFile = m_folder + "/out";
+  std::string dump = "dg dg1\n\tguid={a}\n";
+  std::string expected;
+  for (int i = 0; dump.size() < 3000000; ++i) {
+    const std::string record = "sd s" + std::to_string(i) + "\n";
+    const std::string comment = "\tcomment=" + std::string(i % 3000, 'c') + "\n";
+    dump += record + "\tguid={" + std::to_string(i) + "}\n\tda_name=sdb\n" + comment;
+    expected += record + "\tda_name=sdx\n" + comment;
+  }
+  writeFile(in, dump + "vol v1\n\tpath=/dev/qz/dmp/sdb3");
+  EXPECT_EQ(m_support->reconfig(in, "dg1", "dg9", {"sdb"}, {"sdx"}, {}, {}, outFile), 0);
+  EXPECT_EQ(readFile(outFile), expected + "vol v1\n\tpath=/dev/qz/dmp/sdx3");
+}
+
+// A zero byte ends what the line reader keeps of a piece, and the line goes on
+// with the next line of the file: the text after the zero byte is lost.
+TEST_F(SupportOpsTest, ReconfigReadsZeroBytesAsTheLineReaderDoes) {
+  const std::string in = m_folder + "/in";
+  const std::string outFile = m_folder + "/out";
+  const char dump[] = "vol v1\n\tcomment=a\0b\nsd s1\n\tda_name=sdb\n";
+  writeFile(in, std::string(dump, sizeof dump - 1));
+  EXPECT_EQ(m_support->reconfig(in, "dg1", "dg9", {"sdb"}, {"sdx"}, {}, {}, outFile), 0);
+  EXPECT_EQ(readFile(outFile), "vol v1\n\tcomment=asd s1\n\tda_name=sdx\n");
+}
+
 // The name recorded on the disk counts as existing (the free name built on
 // it always differs from it), so only a disk without a group name imports.
 TEST_F(SupportOpsTest, RegenerateDGFromDiskKeepsANamedGroup) {
