@@ -610,9 +610,7 @@ int CQzVMSupport::getDGSize(const std::string& dg, unsigned long long& size) {
 int CQzVMSupport::getDisksForDG(const char* dg, std::vector<std::string>& disks) {
   SDGInfo& info = m_dgInfo[dg];
   info.name = dg;
-  if (!info.disks.empty()) {
-    trace(3, "Debug: getDisksForDG returned value from map");
-    disks = info.disks;
+  if (fromCache(info.disks, disks, "getDisksForDG")) {
     return 0;
   }
   trace(3, "CQzVMSupport::getDisksForDG - getting disks under this object. dg=%s", dg);
@@ -1529,9 +1527,7 @@ int CQzVMSupport::getVolPrivInfoPerAltDisk(const std::string& disk,
 int CQzVMSupport::getVolPrivInfoPerDisk(const std::string& disk, std::vector<std::string>& lines) {
   SDisksInfo& cached = m_disksInfo[disk];
   cached.name = disk;
-  if (!cached.listing.empty()) {
-    trace(3, "Debug: getVolPrivInfoPerDisk returned value from map");
-    lines = cached.listing;
+  if (fromCache(cached.listing, lines, "getVolPrivInfoPerDisk")) {
     return 0;
   }
   if (getVolPrivInfoPerAltDisk(disk, lines) != 0) {
@@ -1693,9 +1689,7 @@ int CQzVMSupport::initDisks(const std::vector<std::string>& disks,
 int CQzVMSupport::getDGConfigInVector(const std::string& dg, std::vector<std::string>& lines) {
   SDGInfo& cached = m_dgInfo[dg];
   cached.name = dg;
-  if (!cached.config.empty()) {
-    trace(3, "Debug: getDGConfiginVector returned value from map");
-    lines = cached.config;
+  if (fromCache(cached.config, lines, "getDGConfiginVector")) {
     return 0;
   }
   std::string command = commandDir() + "qzprint  " + (isVSetAvailable() ? " -vxpsc " : " -vpsc ") +
@@ -2014,4 +2008,15 @@ void CQzVMSupport::trace(int level, const char* format, ...) {
   va_end(again);
   va_end(args);
   m_traceLog->trace(level, "%s", text.data());
+}
+
+bool CQzVMSupport::fromCache(const std::vector<std::string>& cached,
+                             std::vector<std::string>& lines, const char* operation) {
+  // An empty entry counts as not cached: the command runs again.
+  if (cached.empty()) {
+    return false;
+  }
+  trace(3, "Debug: %s returned value from map", operation);
+  lines = cached;
+  return true;
 }

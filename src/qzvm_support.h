@@ -239,6 +239,10 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   int runOnce(const std::vector<std::string>& commands);
   int printRecordsOf(const std::string& command, std::vector<std::string>& output);
   int stopVolumeCommand(const std::string& dg, const std::string& volume);
+  // A cached listing copied into lines, with the "returned value from map"
+  // trace of operation; false when nothing is cached.
+  bool fromCache(const std::vector<std::string>& cached, std::vector<std::string>& lines,
+                 const char* operation);
 
   std::map<std::string, SDGInfo> m_dgInfo;
   std::map<std::string, SDisksInfo> m_disksInfo;
