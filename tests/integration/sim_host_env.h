@@ -82,7 +82,12 @@ class SimHostTest : public ::testing::Test {
     m_root = std::make_unique<qztest::TempDir>();
     admin({"init"});
     setQzVMSleep([this](unsigned seconds) { m_pauses.push_back(seconds); });
+    arrange();
   }
+
+  // The hosts, disks and groups of a test suite, made once the simulation is
+  // there.
+  virtual void arrange() {}
 
   void TearDown() override {
     dropSupport();
@@ -111,6 +116,18 @@ class SimHostTest : public ::testing::Test {
                                 const std::string& size = "64m") {
     return parseDisks(admin({"disk", "add", "--count", std::to_string(count), "--hosts", hosts,
                              "--paths", std::to_string(paths), "--size", size}));
+  }
+
+  // Group dg made on host outside the plug-in: the disks (QzVM names) scanned,
+  // initialised as cdsdisks and put in the group.
+  void makeGroup(const std::string& host, const std::string& dg, const Lines& disks) {
+    tool(host, "qzdisk scandisks");
+    std::string members;
+    for (const std::string& disk : disks) {
+      tool(host, "qzdisk -f init " + disk + " type=auto format=cdsdisk");
+      members += " " + disk;
+    }
+    tool(host, "qzdg init " + dg + members);
   }
 
   std::string checksum(const std::string& host, const std::string& dg, const std::string& vol) {

@@ -13,11 +13,7 @@ using qzvmfi_it::SimHostTest;
 class DiskGroupTest : public SimHostTest {
  protected:
   // Host A with two groups: dg1 on two disks, dg2 on one.
-  void SetUp() override {
-    SimHostTest::SetUp();
-    if (IsSkipped()) {
-      return;
-    }
+  void arrange() override {
     admin({"host", "add", "A"});
     addDisks(3, "A", 1);
     actAs("A");

@@ -12,11 +12,7 @@ using qzvmfi_it::SimHostTest;
 class MultipathTest : public SimHostTest {
  protected:
   // Host A sees two disks through two paths each.
-  void SetUp() override {
-    SimHostTest::SetUp();
-    if (IsSkipped()) {
-      return;
-    }
+  void arrange() override {
     admin({"host", "add", "A"});
     m_disks = addDisks(2, "A", 2);
     ASSERT_EQ(m_disks.size(), 2u);

@@ -11,11 +11,7 @@ using qzvmfi_it::SimHostTest;
 
 class SnapshotLifecycleTest : public SimHostTest {
  protected:
-  void SetUp() override {
-    SimHostTest::SetUp();
-    if (IsSkipped()) {
-      return;
-    }
+  void arrange() override {
     admin({"host", "add", "A"});
     m_disks = addDisks(2, "A", 1);
     ASSERT_EQ(m_disks.size(), 2u);

@@ -13,19 +13,11 @@ using qzvmfi_it::SimHostTest;
 
 class SplitReplayTest : public SimHostTest {
  protected:
-  void SetUp() override {
-    SimHostTest::SetUp();
-    if (IsSkipped()) {
-      return;
-    }
+  void arrange() override {
     admin({"host", "add", "A"});
     admin({"host", "add", "B"});
     addDisks(3, "A", 2, "128m");
-    tool("A", "qzdisk scandisks");
-    for (const char* disk : {"qzarr0_0", "qzarr0_1", "qzarr0_2"}) {
-      tool("A", std::string("qzdisk -f init ") + disk + " type=auto format=cdsdisk");
-    }
-    tool("A", "qzdg init dg1 qzarr0_0 qzarr0_1 qzarr0_2");
+    makeGroup("A", "dg1", {"qzarr0_0", "qzarr0_1", "qzarr0_2"});
     // vol1 spans the first two disks; vol2 lives on the third.
     tool("A", "qzassist -g dg1 make vol1 120m logtype=dco");
     tool("A", "qzassist -g dg1 make vol2 20m qzarr0_2");

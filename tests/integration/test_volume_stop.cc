@@ -8,16 +8,10 @@ using qzvmfi_it::SimHostTest;
 
 class VolumeStopTest : public SimHostTest {
  protected:
-  void SetUp() override {
-    SimHostTest::SetUp();
-    if (IsSkipped()) {
-      return;
-    }
+  void arrange() override {
     admin({"host", "add", "A"});
     addDisks(1, "A", 1);
-    tool("A", "qzdisk scandisks");
-    tool("A", "qzdisk -f init qzarr0_0 type=auto format=cdsdisk");
-    tool("A", "qzdg init dg1 qzarr0_0");
+    makeGroup("A", "dg1", {"qzarr0_0"});
     tool("A", "qzassist -g dg1 make vol1 10m");
     actAs("A");
   }
