@@ -1464,6 +1464,21 @@ TEST_F(SupportOpsTest, ReplacePatternMovesDiskAndMediaNames) {
   EXPECT_EQ(result, "no equals sdb\n");
 }
 
+// Plain substring matches: the first pair in list order whose primary name
+// occurs wins, even inside a longer name.
+TEST_F(SupportOpsTest, ReplacePatternTakesTheFirstPairThatOccurs) {
+  std::string result;
+  m_support->replacePattern("\tda_name=sdba\n", "dg1", "dg9", {"sdb", "sdba"}, {"sdx", "sdy"}, {},
+                            {}, result);
+  EXPECT_EQ(result, "\tda_name=sdxa\n");
+  m_support->replacePattern("\tda_name=sdba\n", "dg1", "dg9", {"sdba", "sdb"}, {"sdy", "sdx"}, {},
+                            {}, result);
+  EXPECT_EQ(result, "\tda_name=sdy\n");
+  // Only the text after the first "=" is searched.
+  m_support->replacePattern("\tsdb_path=sdb\n", "dg1", "dg9", {"sdb"}, {"sdx"}, {}, {}, result);
+  EXPECT_EQ(result, "\tsdb_path=sdx\n");
+}
+
 TEST_F(SupportOpsTest, ReconfigKeepsOnlyVolumeRecordsWithNewNames) {
   const std::string in = m_folder + "/in";
   const std::string outFile = m_folder + "/out";
