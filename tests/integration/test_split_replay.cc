@@ -110,6 +110,10 @@ TEST_F(SplitReplayTest, RebuiltGroupOnHostBHoldsTheSourceData) {
   bool setOn = false;
   ASSERT_EQ(support().isVsetOn(newDG, "set1", setOn), 0);
   EXPECT_FALSE(vol1Sum.empty());
+  // The started volume is checked against the OS disks it was rebuilt on.
+  EXPECT_EQ(support().ssodOnlineVolume(newDG, "vol1", copyOSDisks), 0);
+  const Lines reversed(copyOSDisks.rbegin(), copyOSDisks.rend());
+  EXPECT_EQ(support().ssodOnlineVolume(newDG, "vol1", reversed), 3);
   EXPECT_EQ(checksum("B", newDG, "vol1"), vol1Sum);
   EXPECT_EQ(checksum("B", newDG, "vol2"), vol2Sum);
 }
