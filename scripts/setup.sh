@@ -3,7 +3,7 @@
 # which packages are missing.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ pkg-config libace-dev libicu-dev icu-devtools libgtest-dev
+packages=(cmake ninja-build g++ pkg-config clang-format libace-dev libicu-dev icu-devtools libgtest-dev
           libgmock-dev libbenchmark-dev libsqlite3-dev sqlite3 util-linux)
 
 missing=()

@@ -5,6 +5,17 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/setup.sh
 
+echo "== format"
+unformatted=$(git ls-files '*.cc' '*.h' | xargs clang-format --dry-run 2>&1 | grep -o '^[^:]*:' | sort -u || true)
+if [ -n "$unformatted" ]; then
+  echo "Not formatted with .clang-format (run clang-format -i on them):" >&2
+  echo "$unformatted" >&2
+  exit 1
+fi
+
+# As root the simulator's sandbox is always available: its tests must run.
+[ "$(id -u)" -eq 0 ] && export QZ_REQUIRE_SANDBOX=1
+
 jobs=$(nproc)
 run_suite() {
   local dir=$1; shift

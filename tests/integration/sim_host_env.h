@@ -5,6 +5,7 @@
 #ifndef QZVMFI_TESTS_SIM_HOST_ENV_H
 #define QZVMFI_TESTS_SIM_HOST_ENV_H
 
+#include <cstdlib>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -77,6 +78,11 @@ class SimHostTest : public ::testing::Test {
   void SetUp() override {
     std::string error;
     if (!qzsim::enterNamespace(&error)) {
+      // The test script demands the sandbox (it runs as root); elsewhere a
+      // machine without namespaces skips these tests rather than failing.
+      if (getenv("QZ_REQUIRE_SANDBOX") != nullptr) {
+        FAIL() << "no private mount namespace: " << error;
+      }
       GTEST_SKIP() << "no private mount namespace: " << error;
     }
     m_root = std::make_unique<qztest::TempDir>();
