@@ -36,13 +36,13 @@ bool parseState(const tstring& text, int& state) {
   return true;
 }
 
-bool sameName(const qfi_confspec& spec, const char* name) {
-  return spec.name != nullptr && std::strcmp(spec.name, name) == 0;
+bool sameName(const qfi_confspec& confspec, const char* name) {
+  return confspec.name != nullptr && std::strcmp(confspec.name, name) == 0;
 }
 
 bool hasParam(const std::vector<qfi_confspec>& list, const char* name) {
-  for (const qfi_confspec& spec : list) {
-    if (sameName(spec, name)) {
+  for (const qfi_confspec& confspec : list) {
+    if (sameName(confspec, name)) {
       return true;
     }
   }
@@ -132,9 +132,9 @@ int CFiPrivateData::extractFromBlob(qfi_blob* blob) {
 }
 
 int CFiPrivateData::selectTargetFromConfigData() {
-  for (const qfi_confspec& spec : m_configData) {
-    if (sameName(spec, kTargetParam) && spec.value != nullptr) {
-      m_target = spec.value;
+  for (const qfi_confspec& confspec : m_configData) {
+    if (sameName(confspec, kTargetParam) && confspec.value != nullptr) {
+      m_target = confspec.value;
       return QFI_SUCCESS;
     }
   }
@@ -144,9 +144,9 @@ int CFiPrivateData::selectTargetFromConfigData() {
 // The records are copied as they stand: their strings stay with whoever
 // filled the information list.
 void CFiPrivateData::addDefaultConfigParamsToDataList() {
-  for (const qfi_confspec& spec : m_configInfo) {
-    if (spec.name != nullptr && !hasParam(m_configData, spec.name)) {
-      m_configData.push_back(spec);
+  for (const qfi_confspec& confspec : m_configInfo) {
+    if (confspec.name != nullptr && !hasParam(m_configData, confspec.name)) {
+      m_configData.push_back(confspec);
     }
   }
 }

@@ -14,10 +14,10 @@ class CQzVMConfig {
   CQzVMConfig(const CQzVMConfig&) = default;
   CQzVMConfig& operator=(const CQzVMConfig&) = default;
 
-  int getParameters(const qfi_domain* node, char* name, qfi_confspec* spec);
-  int get(const qfi_domain* node, char* name, qfi_confspec* spec);
-  int set(const qfi_domain* node, char* name, qfi_confspec* spec);
-  int reaccess(const qfi_domain* node, qfi_confspec* spec);
+  int getParameters(const qfi_domain* node, char* name, qfi_confspec* confspec);
+  int get(const qfi_domain* node, char* name, qfi_confspec* confspec);
+  int set(const qfi_domain* node, char* name, qfi_confspec* confspec);
+  int reaccess(const qfi_domain* node, qfi_confspec* confspec);
   int getDefaultConfig(const char* name, SSplitConfig& config);
   int getSplitConfig(SSplitConfig& config);
   int isValidNodeSplitConfig();

@@ -36,7 +36,7 @@ class CFiPluginBase : public virtual CFiTraceable {
   virtual int importTreeNode(qfi_domain* node, qzfi_objid** primary, qzfi_objid** secondary,
                              int count, qzfi_objid** out);
   virtual int initNode(qfi_domain* node, qfi_domain** parents, int count, qzfi_objid* id);
-  virtual int config(qfi_domain* node, int op, char* name, qfi_confspec* spec);
+  virtual int config(qfi_domain* node, int op, char* name, qfi_confspec* confspec);
   virtual int initAltNode(qfi_domain* node, qfi_domain* parent, qfi_domain* altNode, bool flag);
   virtual int reAccessTmpObj(qfi_domain* node, qzfi_objid* id, char* a, qfi_domain* tmp, char* b,
                              qfi_intent intent);

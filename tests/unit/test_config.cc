@@ -13,19 +13,19 @@ class ConfigTest : public PluginEnv {};
 TEST_F(ConfigTest, EveryOperationReturnsZeroWhateverItsArguments) {
   CQzVMConfig config;
   qfi_domain node{};
-  qfi_confspec spec{};
+  qfi_confspec confspec{};
   char name[] = "anything";
   SSplitConfig split;
   qfi_blob blob{};
 
   EXPECT_EQ(0, config.getParameters(nullptr, nullptr, nullptr));
-  EXPECT_EQ(0, config.getParameters(&node, name, &spec));
+  EXPECT_EQ(0, config.getParameters(&node, name, &confspec));
   EXPECT_EQ(0, config.get(nullptr, nullptr, nullptr));
-  EXPECT_EQ(0, config.get(&node, name, &spec));
+  EXPECT_EQ(0, config.get(&node, name, &confspec));
   EXPECT_EQ(0, config.set(nullptr, nullptr, nullptr));
-  EXPECT_EQ(0, config.set(&node, name, &spec));
+  EXPECT_EQ(0, config.set(&node, name, &confspec));
   EXPECT_EQ(0, config.reaccess(nullptr, nullptr));
-  EXPECT_EQ(0, config.reaccess(&node, &spec));
+  EXPECT_EQ(0, config.reaccess(&node, &confspec));
   EXPECT_EQ(0, config.getDefaultConfig(nullptr, split));
   EXPECT_EQ(0, config.getDefaultConfig(name, split));
   EXPECT_EQ(0, config.getSplitConfig(split));
