@@ -447,9 +447,9 @@ int CFiMessageCatalogManager::getMessageNumber(const CFiIcuMessage& message) con
 
 // CFiErrorHandler
 
-CFiErrorHandler::CFiErrorHandler(qfi_startup* startup, const tstring& language,
+CFiErrorHandler::CFiErrorHandler(qfi_startup*, const tstring&,
                                  const CFiMessageCatalogManagerPtr& catalog)
-    : m_startup(startup), m_language(language), m_catalog(catalog) {}
+    : m_catalog(catalog) {}
 
 qfi_msg_info* CFiErrorHandler::toMsgInfo(const CFiIcuMessage& message) const {
   auto* info = static_cast<qfi_msg_info*>(std::calloc(1, sizeof(qfi_msg_info)));

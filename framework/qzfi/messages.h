@@ -93,7 +93,9 @@ class CFiMessageCatalogManager : public virtual CFiRefCount {
 
 using CFiMessageCatalogManagerPtr = CFiSmartPtr<CFiMessageCatalogManager>;
 
-// Turns pushed messages into framework records.
+// Turns pushed messages into framework records. The start-up record and the
+// language are taken for the framework's signature only: texts come in the
+// catalogue's native language.
 class CFiErrorHandler : public virtual CFiRefCount {
  public:
   CFiErrorHandler(qfi_startup* startup, const tstring& language,
@@ -102,8 +104,6 @@ class CFiErrorHandler : public virtual CFiRefCount {
   const CFiMessageCatalogManagerPtr& getCatalog() const { return m_catalog; }
 
  private:
-  qfi_startup* m_startup;
-  tstring m_language;
   CFiMessageCatalogManagerPtr m_catalog;
 };
 
