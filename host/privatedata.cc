@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "qzfi/stringtool.h"
+
 namespace qzfi_pdk_4_4 {
 
 namespace {
@@ -108,14 +110,9 @@ int CFiPrivateData::extractFromBlob(qfi_blob* blob) {
   }
   // The length counts the terminating zero; never read past it.
   tstring text(blob->data, strnlen(blob->data, blob->len));
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find('\n', start);
-    if (end == tstring::npos) {
-      end = text.size();
-    }
-    tstring line = text.substr(start, end - start);
-    start = end + 1;
+  std::vector<tstring> lines;
+  CFiStringTool::tokenize(text, "\n", lines);
+  for (const tstring& line : lines) {
     size_t blank = line.find(' ');
     tstring key = line.substr(0, blank);
     tstring value = blank == tstring::npos ? tstring() : line.substr(blank + 1);
