@@ -87,7 +87,12 @@ TEST_F(TraceLogTest, TruncateStartsAfreshAndAppendKeeps) {
   CFiTraceLogPtr appending(new CFiTraceLog());
   ASSERT_EQ(appending->initialize("qzvmfi", "", "", QZFI_TRACE_INFO, false), 0);
   appending->trace(QZFI_TRACE_ERROR, "second run");
-  EXPECT_NE(logText().find("first run"), std::string::npos);
+  std::string text = logText();
+  size_t first = text.find("first run");
+  size_t second = text.find("second run");
+  ASSERT_NE(first, std::string::npos) << text;
+  ASSERT_NE(second, std::string::npos) << text;
+  EXPECT_LT(first, second);
   openLog(QZFI_TRACE_INFO);
   EXPECT_EQ(logText(), "");
 }
