@@ -262,21 +262,17 @@ class Deadline {
 class SigpipeBlock {
  public:
   SigpipeBlock() {
-    sigset_t pipeOnly;
-    sigemptyset(&pipeOnly);
-    sigaddset(&pipeOnly, SIGPIPE);
+    sigemptyset(&m_pipeOnly);
+    sigaddset(&m_pipeOnly, SIGPIPE);
     sigset_t pending;
     sigpending(&pending);
     m_wasPending = sigismember(&pending, SIGPIPE) == 1;
-    pthread_sigmask(SIG_BLOCK, &pipeOnly, &m_previous);
+    pthread_sigmask(SIG_BLOCK, &m_pipeOnly, &m_previous);
   }
   ~SigpipeBlock() {
     if (!m_wasPending) {
-      sigset_t pipeOnly;
-      sigemptyset(&pipeOnly);
-      sigaddset(&pipeOnly, SIGPIPE);
       timespec now{0, 0};
-      while (sigtimedwait(&pipeOnly, nullptr, &now) == SIGPIPE) {
+      while (sigtimedwait(&m_pipeOnly, nullptr, &now) == SIGPIPE) {
       }
     }
     pthread_sigmask(SIG_SETMASK, &m_previous, nullptr);
@@ -285,6 +281,7 @@ class SigpipeBlock {
   SigpipeBlock& operator=(const SigpipeBlock&) = delete;
 
  private:
+  sigset_t m_pipeOnly;
   sigset_t m_previous;
   bool m_wasPending = false;
 };
