@@ -310,6 +310,8 @@ TEST_F(EngineTest, ActiveVolIgnoresASetThatWillNotStart) {
   CQzVMData data(nullptr, false);
   data.vtList() = {"set1"};
   EXPECT_EQ(0, m_engine->activeVol("dg1", "vol1", &data));
+  EXPECT_FALSE(ranPrefix("qzvset "));
+  EXPECT_TRUE(ran("qzvol   -g dg1 start vol1"));
 }
 
 TEST_F(EngineTest, ActiveVolFailureIsReportedWithGroupAndVolume) {
