@@ -279,6 +279,14 @@ TEST_F(EngineOnSimulator, CommandsOfARebuildOfFourDisksAndThreeVolumes) {
   std::cout << "rebuild of 4 disks and 3 volumes: " << volumeManager << " volume-manager commands"
             << std::endl;
   EXPECT_GT(volumeManager, 0u);
+  // The rebuilt group holds every split disk and a copy of every volume
+  // (the engine started only the one it was asked for).
+  EXPECT_EQ(split.size() + 1, linesOf(tool("B", "qzdisk -g dg1_1 list")).size());
+  tool("B", "qzvol -g dg1_1 start vol2");
+  tool("B", "qzvol -g dg1_1 start vol3");
+  for (const char* volume : {"vol1", "vol2", "vol3"}) {
+    EXPECT_EQ(checksum("A", "dg1", volume), checksum("B", "dg1_1", volume)) << volume;
+  }
 }
 
 }  // namespace
