@@ -60,6 +60,7 @@ Db::Db(const std::string& path) {
 }
 
 Db::~Db() {
+  for (auto& st : stmts_) sqlite3_finalize(st.second);
   sqlite3_close(db_);
 }
 
@@ -76,8 +77,9 @@ void Db::createSchema() {
 }
 
 sqlite3_stmt* Db::prepare(const std::string& sql, const std::vector<Value>& args) {
-  sqlite3_stmt* st = nullptr;
-  if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &st, nullptr) != SQLITE_OK) {
+  sqlite3_stmt*& st = stmts_[sql];
+  if (!st && sqlite3_prepare_v2(db_, sql.c_str(), -1, &st, nullptr) != SQLITE_OK) {
+    stmts_.erase(sql);
     throw DbError(std::string(sqlite3_errmsg(db_)) + " in " + sql);
   }
   for (size_t i = 0; i < args.size(); ++i) {
@@ -117,7 +119,8 @@ std::vector<Row> Db::query(const std::string& sql, const std::vector<Value>& arg
     rows.push_back(std::move(row));
   }
   std::string msg = sqlite3_errmsg(db_);
-  sqlite3_finalize(st);
+  sqlite3_reset(st);
+  sqlite3_clear_bindings(st);
   if (rc != SQLITE_DONE)
     throw DbError(msg + " in " + sql);
   return rows;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace qzsim {
@@ -56,9 +57,12 @@ class Db {
   int64_t nextSeq(const std::string& name);
 
  private:
+  // A cached statement, reset and bound to args; a tool run repeats the same
+  // few statements many times, and compiling them is most of its cost.
   sqlite3_stmt* prepare(const std::string& sql, const std::vector<Value>& args);
   void createSchema();
   sqlite3* db_ = nullptr;
+  std::unordered_map<std::string, sqlite3_stmt*> stmts_;
 };
 
 }  // namespace qzsim
