@@ -421,6 +421,4 @@ void toolQzmake(Sim& s, const Args& a) {
   s.saveGroup(g);
 }
 
-void toolQzdmpadm(Sim& s, const Args& a);
-
 }  // namespace qzsim
