@@ -124,11 +124,14 @@ TEST_F(DataTest, ImportOfTheCopyHoldsTheDataToo) {
 }
 
 TEST_F(DataTest, ReadReturnsWhatWasWritten) {
+  std::string before = adminOk(
+      {"volume", "read", "--host", "A", "dg1", "vol1", "--offset", "65000", "--length", "500"});
   adminOk({"volume", "write", "--host", "A", "dg1", "vol1", "--seed", "9", "--offset", "65000",
            "--length", "500"});
   std::string a = adminOk(
       {"volume", "read", "--host", "A", "dg1", "vol1", "--offset", "65000", "--length", "500"});
   EXPECT_EQ(a.size(), 500u * 512);
+  EXPECT_NE(a, before);
   adminOk({"volume", "write", "--host", "A", "dg1", "vol1", "--seed", "9", "--offset", "65000",
            "--length", "500"});
   EXPECT_EQ(adminOk({"volume", "read", "--host", "A", "dg1", "vol1", "--offset", "65000",
