@@ -13,9 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#ifndef QZFI_DEFAULT_CATALOG_DIR
-#define QZFI_DEFAULT_CATALOG_DIR "/usr/share/qzfi/catalog"
-#endif
+#include "qzfi/folders.h"
 
 namespace qzfi_pdk_4_4 {
 
@@ -232,7 +230,7 @@ tstring catalogFolder(const tstring& folder) {
   if (env != nullptr && *env != '\0') {
     return env;
   }
-  return folder.empty() ? tstring(QZFI_DEFAULT_CATALOG_DIR) : folder;
+  return folder.empty() ? getInstallFolder(CFiInstallFolder::catalogs) : folder;
 }
 
 UResourceBundle* bundleOf(void* handle) {

@@ -46,7 +46,8 @@ using CFiIcuMessagePtr = CFiSmartPtr<CFiIcuMessage>;
 
 // Resolves identifiers in one ICU resource bundle (genrb output). The bundle
 // "root" of provider P is read from "<QZFI_CATALOG_DIR>/P/root.res"; without
-// the variable, from the folder given to the constructor.
+// the variable, from the folder given to the constructor, and without that,
+// from the installed catalogues (getInstallFolder).
 class CFiMessageCatalogFactory : public virtual CFiRefCount {
  public:
   CFiMessageCatalogFactory(const tstring& bundle, const tstring& provider,

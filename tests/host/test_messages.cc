@@ -154,6 +154,15 @@ TEST_F(MessagesTest, CatalogueFolderComesFromTheEnvironmentFirst) {
   EXPECT_EQ(-1, missing.indexOf("MSG_TEST_ALPHA"));
 }
 
+TEST_F(MessagesTest, WithoutEnvironmentOrFolderTheInstalledCatalogueIsRead) {
+  unsetenv("QZFI_CATALOG_DIR");
+  CFiMessageCatalogFactory installed("root", kProvider);
+  ASSERT_TRUE(installed.isOpen());
+  std::string text;
+  EXPECT_TRUE(installed.format(*message("MSG_TEST_COPY", texts({"copy", "/a", "/b"})), "", text));
+  EXPECT_EQ("copy: could not copy /a to /b.", text);
+}
+
 TEST_F(MessagesTest, ManagerAsksEachFactoryInTurn) {
   CFiMessageCatalogManager manager;
   manager.setMessageIndexOffset(100);
