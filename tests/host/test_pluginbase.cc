@@ -227,6 +227,40 @@ TEST_F(PluginErrorsTest, LocaleMessageIsTheCatalogueText) {
   EXPECT_EQ(3, plugin.getLocaleMessage(&code, nullptr, "en", &text));
 }
 
+TEST_F(PluginErrorsTest, LocaleMessageKeepsTheBytesOfItsArguments) {
+  char id[] = "MSG_TEST_COPY";
+  char first[] = "qzdg";
+  char second[] = "caf\xe9 \xff";
+  char third[] = "\xc3\xa9t\xc3\xa9 \x80";
+  char* args[] = {first, second, third};
+  qfi_msg_info info{};
+  info.id = id;
+  info.nargs = 3;
+  info.args = args;
+
+  char* text = nullptr;
+  ASSERT_EQ(0, plugin.getLocaleMessage(nullptr, &info, "en", &text));
+  EXPECT_EQ(std::string("qzdg: could not copy caf\xe9 \xff to \xc3\xa9t\xc3\xa9 \x80."),
+            std::string(text));
+  plugin.delLocaleMessage(&text);
+}
+
+TEST_F(PluginErrorsTest, LocaleMessageShowsNumbersFromTheRecordAsPrinted) {
+  char id[] = "MSG_TEST_COUNT";
+  char first[] = "scan";
+  char second[] = "1234567";
+  char* args[] = {first, second};
+  qfi_msg_info info{};
+  info.id = id;
+  info.nargs = 2;
+  info.args = args;
+
+  char* text = nullptr;
+  ASSERT_EQ(0, plugin.getLocaleMessage(nullptr, &info, "en", &text));
+  EXPECT_STREQ("scan found 1234567 disks.", text);
+  plugin.delLocaleMessage(&text);
+}
+
 TEST(PluginBase, WithoutErrorManagerThereIsNoLastError) {
   CFiPluginBase base;
   qfi_msg_info* list = reinterpret_cast<qfi_msg_info*>(&base);
