@@ -27,33 +27,18 @@ class RecordingPlugin : public CFiPluginBase {
     quiesced.assign(nodes, nodes + count);
     return 0;
   }
-  int select(char*, qfi_splitnode**, int) override {
-    calls.push_back("select");
-    return classicStatus;
-  }
+  int select(char*, qfi_splitnode**, int) override { return classic("select"); }
   int selectSnapshots(CFiSessionPtr session) override {
-    calls.push_back("selectSnapshots");
-    sessionSeen = session;
-    return variantStatus;
+    return variant("selectSnapshots", session);
   }
   int prepare(char*, qfi_splitnode**, int, int flags) override {
-    calls.push_back("prepare " + std::to_string(flags));
-    return classicStatus;
+    return classic("prepare " + std::to_string(flags));
   }
   int prepareSnapshots(CFiSessionPtr session) override {
-    calls.push_back("prepareSnapshots");
-    sessionSeen = session;
-    return variantStatus;
+    return variant("prepareSnapshots", session);
   }
-  int make(char*, qfi_splitnode**, int, qzfi_objid***, int*) override {
-    calls.push_back("make");
-    return classicStatus;
-  }
-  int makeSnapshots(CFiSessionPtr session) override {
-    calls.push_back("makeSnapshots");
-    sessionSeen = session;
-    return variantStatus;
-  }
+  int make(char*, qfi_splitnode**, int, qzfi_objid***, int*) override { return classic("make"); }
+  int makeSnapshots(CFiSessionPtr session) override { return variant("makeSnapshots", session); }
   int objctl(const ACE_TString& name, CFiObjctlArgs& args) override {
     calls.push_back(std::string("objctl ") + name.c_str());
     objctlInputs = args.inputs();
@@ -75,6 +60,16 @@ class RecordingPlugin : public CFiPluginBase {
   std::vector<CFiObjctlArgs::Arg> objctlOutputs;
 
  private:
+  int classic(const std::string& call) {
+    calls.push_back(call);
+    return classicStatus;
+  }
+  int variant(const std::string& call, const CFiSessionPtr& session) {
+    calls.push_back(call);
+    sessionSeen = session;
+    return variantStatus;
+  }
+
   unsigned char m_delayedInitRun = 0;
 };
 

@@ -187,6 +187,23 @@ class PluginErrorsTest : public ::testing::Test {
   }
   void TearDown() override { unsetenv("QZFI_CATALOG_DIR"); }
 
+  // The catalogue text of a framework record with these argument texts.
+  std::string localeText(const char* id, std::vector<std::string> texts) {
+    std::vector<char*> args;
+    for (std::string& text : texts) {
+      args.push_back(&text[0]);
+    }
+    qfi_msg_info info{};
+    info.id = const_cast<char*>(id);
+    info.nargs = static_cast<int32_t>(args.size());
+    info.args = args.data();
+    char* text = nullptr;
+    EXPECT_EQ(0, plugin.getLocaleMessage(nullptr, &info, "en", &text));
+    const std::string resolved = text != nullptr ? text : "";
+    plugin.delLocaleMessage(&text);
+    return resolved;
+  }
+
   CFiMessageCatalogManagerPtr catalog;
   CFiErrorManagerPtr errors;
   CFiPluginBase plugin;
@@ -228,37 +245,12 @@ TEST_F(PluginErrorsTest, LocaleMessageIsTheCatalogueText) {
 }
 
 TEST_F(PluginErrorsTest, LocaleMessageKeepsTheBytesOfItsArguments) {
-  char id[] = "MSG_TEST_COPY";
-  char first[] = "qzdg";
-  char second[] = "caf\xe9 \xff";
-  char third[] = "\xc3\xa9t\xc3\xa9 \x80";
-  char* args[] = {first, second, third};
-  qfi_msg_info info{};
-  info.id = id;
-  info.nargs = 3;
-  info.args = args;
-
-  char* text = nullptr;
-  ASSERT_EQ(0, plugin.getLocaleMessage(nullptr, &info, "en", &text));
-  EXPECT_EQ(std::string("qzdg: could not copy caf\xe9 \xff to \xc3\xa9t\xc3\xa9 \x80."),
-            std::string(text));
-  plugin.delLocaleMessage(&text);
+  EXPECT_EQ("qzdg: could not copy caf\xe9 \xff to \xc3\xa9t\xc3\xa9 \x80.",
+            localeText("MSG_TEST_COPY", {"qzdg", "caf\xe9 \xff", "\xc3\xa9t\xc3\xa9 \x80"}));
 }
 
 TEST_F(PluginErrorsTest, LocaleMessageShowsNumbersFromTheRecordAsPrinted) {
-  char id[] = "MSG_TEST_COUNT";
-  char first[] = "scan";
-  char second[] = "1234567";
-  char* args[] = {first, second};
-  qfi_msg_info info{};
-  info.id = id;
-  info.nargs = 2;
-  info.args = args;
-
-  char* text = nullptr;
-  ASSERT_EQ(0, plugin.getLocaleMessage(nullptr, &info, "en", &text));
-  EXPECT_STREQ("scan found 1234567 disks.", text);
-  plugin.delLocaleMessage(&text);
+  EXPECT_EQ("scan found 1234567 disks.", localeText("MSG_TEST_COUNT", {"scan", "1234567"}));
 }
 
 TEST(PluginBase, WithoutErrorManagerThereIsNoLastError) {

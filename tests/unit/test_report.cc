@@ -28,12 +28,11 @@ class ReportTest : public PluginEnv {
     return pushed.empty() ? CFiIcuMessagePtr() : pushed[0];
   }
 
-  static Lines texts(const CFiIcuMessagePtr& message) {
-    Lines args;
-    for (size_t i = 0; i < message->getArguments().size(); ++i) {
-      args.push_back(message->argumentText(i));
-    }
-    return args;
+  // The argument texts of the one pushed message.
+  Lines pushedTexts() const {
+    const auto messages = pushed();
+    EXPECT_EQ(1u, messages.size());
+    return messages.empty() ? Lines() : messages[0].args;
   }
 
   static std::vector<icu::Formattable::Type> types(const CFiIcuMessagePtr& message) {
@@ -70,7 +69,7 @@ TEST_F(ReportTest, TextArgumentsKeepTheirBytes) {
   pushError("MSG_X", {std::string(kToolBytes), "plain", ""}, "unit", 7);
   const auto message = pushedOne();
   ASSERT_TRUE(message);
-  EXPECT_EQ((Lines{kToolBytes, "plain", ""}), texts(message));
+  EXPECT_EQ((Lines{kToolBytes, "plain", ""}), pushedTexts());
   EXPECT_EQ(std::string::npos, message->argumentText(0).find("\xef\xbf\xbd"));
   EXPECT_EQ("MSG_X", message->getIdentifier());
   EXPECT_EQ(3, message->getSeverity());
@@ -85,13 +84,13 @@ TEST_F(ReportTest, NumbersAreNumbers) {
   EXPECT_EQ((std::vector<icu::Formattable::Type>{kInt, icu::Formattable::kInt64,
                                                  icu::Formattable::kInt64, kText}),
             types(message));
-  EXPECT_EQ((Lines{"1234567", "9876543210", "12", "12"}), texts(message));
+  EXPECT_EQ((Lines{"1234567", "9876543210", "12", "12"}), pushedTexts());
 }
 
 TEST_F(ReportTest, ANullTextIsEmpty) {
   EXPECT_EQ(kText, MessageArg(static_cast<const char*>(nullptr)).value().getType());
   pushError("MSG_X", {static_cast<const char*>(nullptr)}, "unit", 7);
-  EXPECT_EQ(Lines{""}, texts(pushedOne()));
+  EXPECT_EQ(Lines{""}, pushedTexts());
 }
 
 // ===== the exception mapping =====
@@ -118,7 +117,7 @@ TEST_F(ReportTest, FrameworkErrorPushesItsFourFields) {
   const auto message = pushedOne();
   ASSERT_TRUE(message);
   EXPECT_EQ("MSG_ERROR_UNHANDLED_FIERROR_EXCEPTION", message->getIdentifier());
-  EXPECT_EQ((Lines{"MSG_ID", "went wrong", "../where:op", "99"}), texts(message));
+  EXPECT_EQ((Lines{"MSG_ID", "went wrong", "../where:op", "99"}), pushedTexts());
   EXPECT_EQ((std::vector<icu::Formattable::Type>{kText, kText, kText, kInt}), types(message));
   EXPECT_EQ(3, message->getSeverity());
   EXPECT_EQ("../unit", message->getSourceFile());
@@ -130,7 +129,7 @@ TEST_F(ReportTest, UdidExceptionPushesItsTextAndCode) {
   const auto message = pushedOne();
   ASSERT_TRUE(message);
   EXPECT_EQ("MSG_ERROR_UDID_PARSING_EXCEPTION", message->getIdentifier());
-  EXPECT_EQ((Lines{"bad udid", "17"}), texts(message));
+  EXPECT_EQ((Lines{"bad udid", "17"}), pushedTexts());
   EXPECT_EQ((std::vector<icu::Formattable::Type>{kText, kInt}), types(message));
   EXPECT_EQ("../unit", message->getSourceFile());
   EXPECT_EQ(321, message->getLine());
@@ -141,7 +140,7 @@ TEST_F(ReportTest, RuntimeErrorPushesItsTextTheOperationAndTheLine) {
   const auto message = pushedOne();
   ASSERT_TRUE(message);
   EXPECT_EQ("MSG_ERROR_UNHANDLED_RUNTIME_EXCEPTION", message->getIdentifier());
-  EXPECT_EQ((Lines{"std::runtime_error", kToolBytes, "someOperation", "321"}), texts(message));
+  EXPECT_EQ((Lines{"std::runtime_error", kToolBytes, "someOperation", "321"}), pushedTexts());
   EXPECT_EQ((std::vector<icu::Formattable::Type>{kText, kText, kText, kInt}), types(message));
   EXPECT_EQ("../unit", message->getSourceFile());
 }
@@ -159,7 +158,7 @@ TEST_F(ReportTest, ThrownIntPushesItTheSourceAndTheLine) {
   const auto message = pushedOne();
   ASSERT_TRUE(message);
   EXPECT_EQ("MSG_ERROR_UNHANDLED_INT_EXCEPTION", message->getIdentifier());
-  EXPECT_EQ((Lines{"-123456", "../unit", "321"}), texts(message));
+  EXPECT_EQ((Lines{"-123456", "../unit", "321"}), pushedTexts());
   EXPECT_EQ((std::vector<icu::Formattable::Type>{kInt, kText, kInt}), types(message));
   EXPECT_EQ("../unit", message->getSourceFile());
   EXPECT_EQ(321, message->getLine());

@@ -19,6 +19,7 @@ using qzfi_pdk_4_4::CFiExecSeam;
 using qzfi_pdk_4_4::CFiIcuMessagePtr;
 using qzfi_pdk_4_4::CFiSmartPtr;
 using qzvmfi_test::PluginEnv;
+using qzvmfi_test::Pushed;
 using qzvmfi_test::ScopedEnv;
 using Lines = std::vector<std::string>;
 using PluginSingleton = qzfi_pdk_4_4::CFiContextSingleton<CQzVMPlugin, qzvmfi>;
@@ -133,24 +134,6 @@ std::set<std::string> exportedSymbols(const std::string& path) {
   return names;
 }
 
-// Identifier, source and argument texts of a pushed message.
-struct Pushed {
-  std::string id;
-  std::string source;
-  Lines args;
-  bool operator==(const Pushed& other) const {
-    return id == other.id && source == other.source && args == other.args;
-  }
-};
-
-std::ostream& operator<<(std::ostream& out, const Pushed& pushed) {
-  out << pushed.id << " from " << pushed.source << ":";
-  for (const std::string& arg : pushed.args) {
-    out << " [" << arg << "]";
-  }
-  return out;
-}
-
 // The plug-in as a framework reaches it: through its entry points, with
 // the volume manager's tools answered by the exec seam.
 class ExportsTest : public PluginEnv {
@@ -169,18 +152,6 @@ class ExportsTest : public PluginEnv {
 
   int initPlugin(qfi_startup* startup = nullptr) {
     return qzvmfi_fi_pgn_init(startup, &m_version, "qzfi-test");
-  }
-
-  std::vector<Pushed> pushed() const {
-    std::vector<Pushed> messages;
-    for (const CFiIcuMessagePtr& message : errors()) {
-      Pushed entry{message->getIdentifier(), message->getSourceFile(), {}};
-      for (size_t i = 0; i < message->getArguments().size(); ++i) {
-        entry.args.push_back(message->argumentText(i));
-      }
-      messages.push_back(entry);
-    }
-    return messages;
   }
 
   bool enteredScope(const std::string& function) const {

@@ -14,29 +14,12 @@ using qzfi_pdk_4_4::CFiIcuMessagePtr;
 using qzfi_pdk_4_4::CFiSmartPtr;
 using qzfi_pdk_4_4::CFiUdidException;
 using qzvmfi_test::PluginEnv;
+using qzvmfi_test::Pushed;
 using qzvmfi_test::ScopedEnv;
 using qzvmfi_test::TraceLine;
 using Lines = std::vector<std::string>;
 
 const char kRpm[] = "/bin/rpm -qa ";
-
-// Identifier, source and argument texts of a pushed message.
-struct Pushed {
-  std::string id;
-  std::string source;
-  Lines args;
-  bool operator==(const Pushed& other) const {
-    return id == other.id && source == other.source && args == other.args;
-  }
-};
-
-std::ostream& operator<<(std::ostream& out, const Pushed& pushed) {
-  out << pushed.id << " from " << pushed.source << ":";
-  for (const std::string& arg : pushed.args) {
-    out << " [" << arg << "]";
-  }
-  return out;
-}
 
 // A plug-in registered with the framework's managers as the init entry
 // point registers it, its tools answered by the exec seam.
@@ -65,18 +48,6 @@ class PluginTest : public PluginEnv {
   }
 
   CQzVMPlugin& plugin() { return *m_plugin; }
-
-  std::vector<Pushed> pushed() const {
-    std::vector<Pushed> messages;
-    for (const CFiIcuMessagePtr& message : errors()) {
-      Pushed entry{message->getIdentifier(), message->getSourceFile(), {}};
-      for (size_t i = 0; i < message->getArguments().size(); ++i) {
-        entry.args.push_back(message->argumentText(i));
-      }
-      messages.push_back(entry);
-    }
-    return messages;
-  }
 
   // Makes the install probe throw what thrower throws.
   template <class Thrower>
