@@ -18,7 +18,7 @@
 #include "../host/tempdir.h"
 #include "context.h"
 #include "osutil.h"
-#include "qzvm_support.h"
+#include "support/qzvm_support.h"
 
 namespace qzvmfi_it {
 

@@ -1,7 +1,7 @@
 // The volume-manager command layer: the text helpers that take the tools'
 // output apart, and CQzVMSupport, which runs the tools.
-#ifndef QZVMFI_QZVM_SUPPORT_H
-#define QZVMFI_QZVM_SUPPORT_H
+#ifndef QZVMFI_SUPPORT_QZVM_SUPPORT_H
+#define QZVMFI_SUPPORT_QZVM_SUPPORT_H
 
 #include <stdio.h>
 
@@ -251,4 +251,4 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   std::map<std::string, std::string> m_scannedDevices;
 };
 
-#endif  // QZVMFI_QZVM_SUPPORT_H
+#endif  // QZVMFI_SUPPORT_QZVM_SUPPORT_H

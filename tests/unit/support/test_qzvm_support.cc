@@ -1,4 +1,4 @@
-#include "qzvm_support.h"
+#include "support/qzvm_support.h"
 
 #include <stdio.h>
 #include <sys/stat.h>
@@ -12,7 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "osutil.h"
-#include "plugin_env.h"
+#include "../plugin_env.h"
 
 namespace {
 

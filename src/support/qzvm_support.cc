@@ -1,4 +1,4 @@
-#include "qzvm_support.h"
+#include "support/qzvm_support.h"
 
 #include <string.h>
 #include <unistd.h>
