@@ -18,12 +18,12 @@ using qzvmfi_report::joinLines;
 
 bool CQzVMSupport::isDGPresent(const std::string& dg) {
   std::vector<std::string> output;
-  return run(commandDir() + "qzdg  " + " list " + dg, output) == 0;
+  return run(tool("qzdg  ", " list ", dg), output) == 0;
 }
 
 bool CQzVMSupport::isDGEnabled(const std::string& dg) {
   std::vector<std::string> output;
-  if (run(commandDir() + "qzdg  " + " list ", output) != 0) {
+  if (run(tool("qzdg  ", " list "), output) != 0) {
     trace(5, "CQzVMSupport::isDGEnabled - CLI failed with output \n[---\n'%s'\n---].",
           joinLines(output).c_str());
     return false;
@@ -52,7 +52,7 @@ bool CQzVMSupport::isDGEnabled(const std::string& dg) {
 
 int CQzVMSupport::getAllDGNames(std::vector<std::string>& names) {
   std::vector<std::string> output;
-  int status = run(commandDir() + "qzdg  " + " list ", output);
+  int status = run(tool("qzdg  ", " list "), output);
   if (status != 0) {
     return status;
   }
@@ -112,8 +112,8 @@ bool CQzVMSupport::isDGExist(const std::string& dg) {
   return true;
 }
 
-int CQzVMSupport::runOnce(const std::vector<std::string>& commands) {
-  for (const std::string& command : commands) {
+int CQzVMSupport::runOnce(const std::vector<CQzVMCommandLine>& commands) {
+  for (const CQzVMCommandLine& command : commands) {
     std::vector<std::string> output;
     int status = run(command, output);
     if (status != 0) {
@@ -130,27 +130,34 @@ int CQzVMSupport::createDG(const std::string& dg, const std::vector<std::string>
 // Without media names the disks keep the names the volume manager gives them.
 int CQzVMSupport::createDG(const std::string& dg, const std::vector<std::string>& disks,
                            const std::vector<std::string>& dms, bool cds) {
-  std::vector<std::string> commands;
+  if (!dms.empty() && dms.size() != disks.size()) {
+    trace(1, "CQzVMSupport::createDG - %zu disk-media names for %zu disks.", dms.size(),
+          disks.size());
+    return 1;
+  }
+  std::vector<CQzVMCommandLine> commands;
   for (size_t i = 0; i < disks.size(); ++i) {
-    std::string disk = dms.empty() ? disks[i] : dms[i] + "=" + disks[i];
-    if (i == 0) {
-      std::string init = commandDir() + "qzdg  " + " init " + dg + " " + disk;
-      if (isCDSSupported()) {
-        init += std::string("  cds=") + (cds ? "on" : "off");
-      }
-      commands.push_back(init);
-    } else {
-      commands.push_back(commandDir() + "qzdg  " + " -g " + dg + " adddisk " +
-                         (dms.empty() ? "" : " ") + disk);
+    CQzVMCommandLine command =
+        i == 0 ? tool("qzdg  ", " init ", dg, " ") : tool("qzdg  ", " -g ", dg, " adddisk ");
+    if (!dms.empty()) {
+      command.add(i == 0 ? "" : " ", dms[i], "=");
     }
+    command.add(disks[i]);
+    if (i == 0 && isCDSSupported()) {
+      command.add("  cds=", cds ? "on" : "off");
+    }
+    commands.push_back(command);
   }
   return runOnce(commands);
 }
 
 bool CQzVMSupport::importDG(const std::string& newName, const std::string& dg) {
-  std::string rename = newName.empty() ? "" : " -n " + newName;
+  CQzVMCommandLine command = tool("qzdg  ", " -C ");
+  if (!newName.empty()) {
+    command.add(" -n ", newName);
+  }
   std::vector<std::string> output;
-  if (run(commandDir() + "qzdg  " + " -C " + rename + " import " + dg, output) != 0) {
+  if (run(command.add(" import ", dg), output) != 0) {
     trace(2, "CQzVMSupport::importDG - unable to import '%s' as '%s'.", dg.c_str(),
           newName.c_str());
     return true;
@@ -164,7 +171,7 @@ bool CQzVMSupport::deportDG(const std::string& dg, bool /*flag*/) {
     return false;
   }
   std::vector<std::string> output;
-  return run(commandDir() + "qzdg  " + " deport " + dg, output) != 0;
+  return run(tool("qzdg  ", " deport ", dg), output) != 0;
 }
 
 int CQzVMSupport::destroyDG(const std::string& dg, bool checkFirst) {
@@ -175,18 +182,17 @@ int CQzVMSupport::destroyDG(const std::string& dg, bool checkFirst) {
   trace(3, "CQzVMSupport::destroyDG - destroying dgname='%s'. This may or not may succeed",
         dg.c_str());
   std::vector<std::string> output;
-  return run(commandDir() + "qzdg  " + " destroy " + dg, output);
+  return run(tool("qzdg  ", " destroy ", dg), output);
 }
 
 bool CQzVMSupport::flushDGConfig(const std::string& dg) {
   std::vector<std::string> output;
-  return run(commandDir() + "qzdg  " + " flush " + dg, output) != 0;
+  return run(tool("qzdg  ", " flush ", dg), output) != 0;
 }
 
 bool CQzVMSupport::onlineDG(const std::string& dg, bool start) {
   std::vector<std::string> output;
-  return run(commandDir() + "qzvol  " + " -g " + dg + (start ? " startall " : " stopall "),
-             output) != 0;
+  return run(tool("qzvol  ", " -g ", dg, (start ? " startall " : " stopall ")), output) != 0;
 }
 
 int CQzVMSupport::enableDG(const std::string& dg) {
@@ -201,9 +207,9 @@ int CQzVMSupport::enableDG(const std::string& dg) {
 }
 
 bool CQzVMSupport::diskClearImport(const std::vector<std::string>& disks) {
-  std::string command = commandDir() + "qzdisk  " + " clearimport ";
+  CQzVMCommandLine command = tool("qzdisk  ", " clearimport ");
   for (const std::string& disk : disks) {
-    command += " " + disk;
+    command.add(" ", disk);
   }
   std::vector<std::string> output;
   return run(command, output) != 0;
@@ -214,7 +220,7 @@ int CQzVMSupport::getDGID(const std::string& volumePath, std::string& dgid) {
   std::string volume;
   extractDGAndVol(volumePath, dg, volume);
   std::vector<std::string> output;
-  int status = run(commandDir() + "qzdisk  " + " -s " + " -g " + dg + " list ", output);
+  int status = run(tool("qzdisk  ", " -s ", " -g ", dg, " list "), output);
   if (status != 0) {
     return status;
   }
@@ -223,7 +229,7 @@ int CQzVMSupport::getDGID(const std::string& volumePath, std::string& dgid) {
 
 int CQzVMSupport::getDGSize(const std::string& dg, unsigned long long& size) {
   std::vector<std::string> output;
-  int status = run(commandDir() + "qzassist " + " -g " + dg + " " + " -p " + " maxsize ", output);
+  int status = run(tool("qzassist ", " -g ", dg, " ", " -p ", " maxsize "), output);
   if (status != 0) {
     return status;
   }
@@ -242,7 +248,7 @@ int CQzVMSupport::getDisksForDG(const char* dg, std::vector<std::string>& disks)
   }
   trace(3, "CQzVMSupport::getDisksForDG - getting disks under this object. dg=%s", dg);
   std::vector<std::string> output;
-  int status = run(commandDir() + "qzdisk  " + " -g " + dg + " " + " list ", output);
+  int status = run(tool("qzdisk  ", " -g ", std::string(dg), " ", " list "), output);
   if (status != 0) {
     return status;
   }
@@ -266,7 +272,7 @@ int CQzVMSupport::getDisksForDG(const char* dg, std::vector<std::string>& disks)
 int CQzVMSupport::getDMsFromDG(const std::string& dg, const std::vector<std::string>& disks,
                                std::vector<std::string>& dms) {
   std::vector<std::string> output;
-  if (run(commandDir() + "qzdisk  " + " -g " + dg + " list ", output) != 0) {
+  if (run(tool("qzdisk  ", " -g ", dg, " list "), output) != 0) {
     trace(2, "error in getting DM names from dg.");
     return 1;
   }

@@ -14,8 +14,12 @@ using qzvm_support_internal::lineHolding;
 using qzvmfi_report::joinLines;
 
 int CQzVMSupport::qzvmScanDisks(bool newOnly) {
-  std::string command = newOnly ? commandDir() + "qzdisk  " + " -f " + " scandisks " + " new "
-                                : commandDir() + "qzdisk  " + " scandisks ";
+  CQzVMCommandLine command = tool("qzdisk  ");
+  if (newOnly) {
+    command.add(" -f ", " scandisks ", " new ");
+  } else {
+    command.add(" scandisks ");
+  }
   std::vector<std::string> output;
   run(command, output);
   return 0;
@@ -25,14 +29,10 @@ int CQzVMSupport::qzvmScanDisks(bool newOnly) {
 // a copy presented again under an old name must be seen afresh.
 int CQzVMSupport::qzvmScanDisks(const std::vector<std::string>& devices) {
   trace(3, "Debug: qzvmscandisks -- initializing devices in map");
-  std::string joined;
-  for (const std::string& device : devices) {
-    m_scannedDevices[device] = device;
-    joined += (joined.empty() ? "" : ",") + device;
-  }
-  std::string command = commandDir() + "qzdisk  " + " scandisks ";
-  if (!joined.empty()) {
-    command += " device=" + joined;
+  CQzVMCommandLine command = tool("qzdisk  ", " scandisks ");
+  for (size_t i = 0; i < devices.size(); ++i) {
+    m_scannedDevices[devices[i]] = devices[i];
+    command.add(i == 0 ? " device=" : ",", devices[i]);
   }
   std::vector<std::string> output;
   int status = run(command, output);
@@ -45,7 +45,7 @@ int CQzVMSupport::qzvmScanDisks(const std::vector<std::string>& devices) {
 // Runs a qzdmpadm listing: 0 with a header on line 0 and rows from line 2 on,
 // 1 when the command failed (the caller traces it), 2 for unusable output
 // (traced here).
-int CQzVMSupport::dmpAdmRows(const std::string& command, std::vector<std::string>& output) {
+int CQzVMSupport::dmpAdmRows(const CQzVMCommandLine& command, std::vector<std::string>& output) {
   if (run(command, output) != 0) {
     return 1;
   }
@@ -72,8 +72,7 @@ int CQzVMSupport::getQzVMDiskForOSDiskHandler(const std::vector<std::string>& os
     trace(3, "CQzVMSupport::getQzVMDiskForOSDiskHandler - getting dmp for os disk. os disk name=%s",
           osDisk.c_str());
     std::vector<std::string> output;
-    int rows =
-        dmpAdmRows(commandDir() + "qzdmpadm  " + " getdmpnode " + " nodename=" + osDisk, output);
+    int rows = dmpAdmRows(tool("qzdmpadm  ", " getdmpnode ", " nodename=", osDisk), output);
     if (rows == 1) {
       trace(2, "unable to get dmp node for disk '%s'", osDisk.c_str());
     }
@@ -119,8 +118,7 @@ int CQzVMSupport::pathsOfNode(const std::string& node, std::vector<std::string>&
   trace(3, "CQzVMSupport::getOSDiskHandleForQzVMDisk - getting os device name for dmp  dmpname=%s",
         node.c_str());
   std::vector<std::string> output;
-  int rows =
-      dmpAdmRows(commandDir() + "qzdmpadm  " + " getsubpaths " + " dmpnodename=" + node, output);
+  int rows = dmpAdmRows(tool("qzdmpadm  ", " getsubpaths ", " dmpnodename=", node), output);
   if (rows == 1) {
     trace(2, "Unable to get os disk name for dmp node '%s'", node.c_str());
   }
@@ -198,7 +196,7 @@ int CQzVMSupport::getOSDiskHandleForQzVMDisk(const std::vector<std::string>& dmp
 
 int CQzVMSupport::enableOSDisk(const std::string& osDisk) {
   std::vector<std::string> output;
-  int status = run(commandDir() + "qzdmpadm  " + " enable " + " path=" + osDisk, output);
+  int status = run(tool("qzdmpadm  ", " enable ", " path=", osDisk), output);
   if (status == 0) {
     trace(3, "Enable of os disk '%s' is successful.", osDisk.c_str());
   } else {
@@ -209,7 +207,7 @@ int CQzVMSupport::enableOSDisk(const std::string& osDisk) {
 
 int CQzVMSupport::disableOSDisk(const std::string& osDisk) {
   std::vector<std::string> output;
-  int status = run(commandDir() + "qzdmpadm  " + " -f " + " disable " + " path=" + osDisk, output);
+  int status = run(tool("qzdmpadm  ", " -f ", " disable ", " path=", osDisk), output);
   if (status == 0) {
     trace(3, "Disable of os disk '%s' is successful.", osDisk.c_str());
   } else {
@@ -261,9 +259,8 @@ int CQzVMSupport::getDMPPathIfValid(const std::string& osDisk, std::string& dmpP
 int CQzVMSupport::qzDiskSetup(const std::vector<std::string>& disks) {
   for (const std::string& disk : disks) {
     std::vector<std::string> output;
-    std::string tool = supportToolDir() + "qzdisksetup  ";
-    if (run(tool + " -i " + disk + "  format=simple", output) != 0 &&
-        run(tool + " -f " + " -i " + disk + "  format=simple", output) != 0) {
+    if (run(supportTool("qzdisksetup  ", " -i ", disk, "  format=simple"), output) != 0 &&
+        run(supportTool("qzdisksetup  ", " -f ", " -i ", disk, "  format=simple"), output) != 0) {
       return 1;
     }
   }
@@ -274,7 +271,7 @@ bool CQzVMSupport::qzDiskUnsetup(const std::string& disk) {
   trace(3, "CQzVMSupport::qzDiskUnsetup - unset the disk to remove qzvm signature. disk='%s'",
         disk.c_str());
   std::vector<std::string> output;
-  return run(supportToolDir() + "qzdiskunsetup  " + " -C " + disk, output) != 0;
+  return run(supportTool("qzdiskunsetup  ", " -C ", disk), output) != 0;
 }
 
 bool CQzVMSupport::isCDSDisk(const std::vector<vol_pvt_info>& records) {
@@ -291,9 +288,9 @@ bool CQzVMSupport::isCDSDisk(const std::vector<vol_pvt_info>& records) {
 int CQzVMSupport::createSUNLabel(const std::vector<std::string>& osDisks) {
   int result = 0;
   for (const std::string& disk : osDisks) {
-    std::string command =
-        std::string("/sbin/") + "parted -s " + "/dev/" + disk + " mklabel " + " sun ";
-    trace(3, "calling command [%s].", command.c_str());
+    const CQzVMCommandLine command =
+        CQzVMCommandLine("/sbin/", "parted -s ").add("/dev/", disk, " mklabel ", " sun ");
+    trace(3, "calling command [%s].", command.text().c_str());
     std::vector<std::string> output;
     int status = run(command, output);
     if (status != 0) {
@@ -308,7 +305,7 @@ int CQzVMSupport::createSUNLabel(const std::vector<std::string>& osDisks) {
 int CQzVMSupport::removeDisksFromQzVM(const std::vector<std::string>& disks, bool disableDmp) {
   for (const std::string& disk : disks) {
     std::vector<std::string> output;
-    if (run(commandDir() + "qzdisk  " + " rm " + disk, output) != 0) {
+    if (run(tool("qzdisk  ", " rm ", disk), output) != 0) {
       trace(2, "removing disk from qzvm db is failed.");
     }
     if (disableDmp) {
@@ -332,7 +329,7 @@ int CQzVMSupport::isDisksInQzVMDB(const std::vector<std::string>& disks, bool op
   int rescans = 0;  // shared by all disks of the call
   for (const std::string& disk : disks) {
     std::vector<std::string> output;
-    while (run(commandDir() + "qzdisk  " + " list " + disk, output) != 0) {
+    while (run(tool("qzdisk  ", " list ", disk), output) != 0) {
       if (optimized) {
         trace(2, "qzvm unable to see the snapshotted disks. optimized is set returning.");
         return 1;

@@ -23,15 +23,9 @@ const size_t kDumpBlockSize = 1 << 20;
 
 }  // namespace
 
-namespace {
-
-const char* const kListDisk = "qzdisk  ";
-
-}  // namespace
-
 int CQzVMSupport::getVolPrivInfoPerAltDisk(const std::string& disk,
                                            std::vector<std::string>& lines) {
-  if (run(commandDir() + kListDisk + " list " + disk, lines) != 0) {
+  if (run(tool("qzdisk  ", " list ", disk), lines) != 0) {
     trace(2, "unable get to qzvm private information for disk '%s'", disk.c_str());
     return 1;
   }
@@ -147,19 +141,19 @@ int CQzVMSupport::defineDisksInQzVM(const std::vector<std::string>& disks,
 
 namespace {
 
-void addOption(std::string& command, const char* option, const std::string& value) {
+void addOption(CQzVMCommandLine& command, const char* option, const std::string& value) {
   if (!value.empty()) {
-    command += option + value;
+    command.add(option, value);
   }
 }
 
-// "qzdisk init" with the geometry of the source disk.
-std::string initCommand(const std::string& dir, const std::string& disk,
-                        const vol_pvt_info& record) {
-  std::string command = dir + "qzdisk  " + " -f " + " init " + disk + " type=" + record.vpi_da_type;
+// The options of "qzdisk init" that give a disk the geometry of the source
+// disk.
+void addGeometry(CQzVMCommandLine& command, const vol_pvt_info& record) {
+  command.add(" type=", record.vpi_da_type);
   bool autoType = record.vpi_da_type == "auto";
   if (autoType) {
-    command += " format=" + record.vpi_format;
+    command.add(" format=", record.vpi_format);
   }
   addOption(command, " privoffset=", record.vpi_priv_offset);
   addOption(command, " privlen=", record.vpi_priv_len);
@@ -172,13 +166,12 @@ std::string initCommand(const std::string& dir, const std::string& disk,
   if (record.vpi_da_type == "sliced" || (autoType && record.vpi_format == "sliced")) {
     // "9999" stands for a slice the disk does not have.
     if (record.vpi_priv_slice != "9999") {
-      command += " privslice=" + record.vpi_priv_slice;
+      command.add(" privslice=", record.vpi_priv_slice);
     }
     if (record.vpi_pub_slice != "9999") {
-      command += " pubslice=" + record.vpi_pub_slice;
+      command.add(" pubslice=", record.vpi_pub_slice);
     }
   }
-  return command;
 }
 
 }  // namespace
@@ -192,8 +185,10 @@ int CQzVMSupport::initDisks(const std::vector<std::string>& disks,
     if (records[i].vpi_da_type == "nopriv") {
       continue;
     }
+    CQzVMCommandLine command = tool("qzdisk  ", " -f ", " init ", disks[i]);
+    addGeometry(command, records[i]);
     std::vector<std::string> output;
-    if (run(initCommand(commandDir(), disks[i], records[i]), output) != 0) {
+    if (run(command, output) != 0) {
       return 1;
     }
   }
@@ -206,9 +201,8 @@ int CQzVMSupport::getDGConfigInVector(const std::string& dg, std::vector<std::st
   if (fromCache(cached.config, lines, "getDGConfiginVector")) {
     return 0;
   }
-  std::string command = commandDir() + "qzprint  " + (isVSetAvailable() ? " -vxpsc " : " -vpsc ") +
-                        " -g " + dg + " -m ";
-  if (run(command, lines) != 0) {
+  if (run(tool("qzprint  ", isVSetAvailable() ? " -vxpsc " : " -vpsc ", " -g ", dg, " -m "),
+          lines) != 0) {
     return 1;
   }
   cached.config = lines;
@@ -369,7 +363,7 @@ int CQzVMSupport::reconfig(const std::string& inFile, const std::string& oldDG,
 
 int CQzVMSupport::applyVolConfig(const std::string& dg, const std::string& file) {
   std::vector<std::string> output;
-  return run(commandDir() + "qzmake  " + " -g " + dg + " -d " + file, output) == 0 ? 0 : 1;
+  return run(tool("qzmake  ", " -g ", dg, " -d ", file), output) == 0 ? 0 : 1;
 }
 
 int CQzVMSupport::regenerateDGFromDisk(const std::vector<std::string>& disks, std::string& dgName) {

@@ -59,6 +59,34 @@ struct SDisksInfo {
   std::string osName;                // OS path found for the node
 };
 
+// One command line of a tool: the tool's directory and name, then fragments
+// of the system's own text, which carry their own blanks (" -g ", " list "),
+// and names that come from elsewhere (groups, disks, volumes, files). Every
+// command of the command layer is built here, so that all that enters a
+// command line passes through one place.
+class CQzVMCommandLine {
+ public:
+  // tool carries its own trailing blanks ("qzdg  ").
+  CQzVMCommandLine(const std::string& directory, const char* tool);
+
+  // Appends the pieces in order: literals are the system's own text,
+  // strings are names from elsewhere, numbers are written in decimal.
+  template <typename... Pieces>
+  CQzVMCommandLine& add(const Pieces&... pieces) {
+    (append(pieces), ...);
+    return *this;
+  }
+
+  const std::string& text() const { return m_text; }
+
+ private:
+  void append(const char* fragment);
+  void append(const std::string& name);
+  void append(unsigned long long number);
+
+  std::string m_text;
+};
+
 class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
  public:
   // Reads the tool directories, writing the default configuration file when
@@ -231,14 +259,24 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   // Command directory and support-tool directory of the path record.
   const std::string& commandDir() const;
   const std::string& supportToolDir() const;
-  int run(const std::string& command, std::vector<std::string>& output);
+  // A command line of a tool of the command directory, or of the
+  // support-tool directory, with its pieces.
+  template <typename... Pieces>
+  CQzVMCommandLine tool(const char* name, const Pieces&... pieces) const {
+    return CQzVMCommandLine(commandDir(), name).add(pieces...);
+  }
+  template <typename... Pieces>
+  CQzVMCommandLine supportTool(const char* name, const Pieces&... pieces) const {
+    return CQzVMCommandLine(supportToolDir(), name).add(pieces...);
+  }
+  // Every command of the support object runs here.
+  int run(const CQzVMCommandLine& command, std::vector<std::string>& output);
   void trace(int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
-  int dmpAdmRows(const std::string& command, std::vector<std::string>& output);
+  int dmpAdmRows(const CQzVMCommandLine& command, std::vector<std::string>& output);
   int pathsOfNode(const std::string& node, std::vector<std::string>& osDisks, bool allPaths);
   int setDMPPaths(const std::string& node, bool enable);
-  int runOnce(const std::vector<std::string>& commands);
-  int printRecordsOf(const std::string& command, std::vector<std::string>& output);
-  int stopVolumeCommand(const std::string& dg, const std::string& volume);
+  int runOnce(const std::vector<CQzVMCommandLine>& commands);
+  int printRecordsOf(const CQzVMCommandLine& command, std::vector<std::string>& output);
   // A cached listing copied into lines, with the "returned value from map"
   // trace of operation; false when nothing is cached.
   bool fromCache(const std::vector<std::string>& cached, std::vector<std::string>& lines,

@@ -16,9 +16,12 @@ using qzvmfi_report::joinLines;
 
 int CQzVMSupport::onlineVolume(const std::string& dg, const std::string& volume,
                                const std::string& useType) {
-  std::string use = useType.empty() ? "" : " -U " + useType;
+  CQzVMCommandLine command = tool("qzvol  ", " -g ", dg);
+  if (!useType.empty()) {
+    command.add(" -U ", useType);
+  }
   std::vector<std::string> output;
-  if (run(commandDir() + "qzvol  " + " -g " + dg + use + " start " + volume, output) != 0) {
+  if (run(command.add(" start ", volume), output) != 0) {
     trace(2, " Unable to online dg '%s' and volume '%s'", dg.c_str(), volume.c_str());
     return 1;
   }
@@ -28,14 +31,15 @@ int CQzVMSupport::onlineVolume(const std::string& dg, const std::string& volume,
 int CQzVMSupport::onOffVolume(const std::string& dg, const std::string& volume,
                               const std::string& operation) {
   std::vector<std::string> output;
-  return run(commandDir() + "qzvol  " + " -g " + dg + operation + volume, output) == 0 ? 0 : 1;
+  // The operation is the caller's own keyword, with its blanks.
+  return run(tool("qzvol  ", " -g ", dg, operation.c_str(), volume), output) == 0 ? 0 : 1;
 }
 
 int CQzVMSupport::createVolume(const std::string& volume, const std::string& dg,
                                unsigned long long size) {
   std::vector<std::string> output;
-  std::string command = commandDir() + "qzassist " + " -g " + dg + " " + " make " + " " + volume +
-                        " " + std::to_string(size);
+  const CQzVMCommandLine command =
+      tool("qzassist ", " -g ", dg, " ", " make ", " ", volume, " ", size);
   return run(command, output) == 0 ? 0 : 1;
 }
 
@@ -43,7 +47,7 @@ int CQzVMSupport::offlineVolume(const std::string& dg, const std::string& volume
                                 void* /*unused*/) {
   const int busy = 31;
   const int busyRetries = 8;
-  const std::string command = commandDir() + "qzvol  " + " -g " + dg + " stop " + volume;
+  const CQzVMCommandLine command = tool("qzvol  ", " -g ", dg, " stop ", volume);
   std::vector<std::string> output;
   int status = run(command, output);
   if (status == 0) {
@@ -73,7 +77,7 @@ bool CQzVMSupport::isVolStarted(const std::string& dg, const std::string& volume
   trace(3, "CQzVMSupport::isVolStarted - checking whether volume is started. dg=%s volume=%s",
         dg.c_str(), volume.c_str());
   std::vector<std::string> output;
-  if (run(commandDir() + "qzinfo  " + " -g " + dg + " " + volume, output) != 0) {
+  if (run(tool("qzinfo  ", " -g ", dg, " ", volume), output) != 0) {
     trace(2, "command failed. dg=%s volume=%s", dg.c_str(), volume.c_str());
     return false;
   }
@@ -95,7 +99,7 @@ bool CQzVMSupport::isVolume(const std::string& path) {
   extractDGAndVol(path, dg, volume);
   trace(3, "CQzVMSupport::isVolume - Checking for volume = %s", volume.c_str());
   std::vector<std::string> output;
-  if (run(commandDir() + "qzinfo  " + " -g " + dg + " " + volume, output) == 0 && !output.empty() &&
+  if (run(tool("qzinfo  ", " -g ", dg, " ", volume), output) == 0 && !output.empty() &&
       output[0].compare(0, volume.size(), volume) == 0) {
     trace(3, "CQzVMSupport::isVolume - Volume Exist");
     return true;
@@ -107,7 +111,8 @@ bool CQzVMSupport::isVolume(const std::string& path) {
 // Runs a qzprint listing: 0 with the "TY" header on the first line, 3 with no
 // header at all, 1 when the command failed and 2 when there are fewer than
 // two lines or the header stands elsewhere.
-int CQzVMSupport::printRecordsOf(const std::string& command, std::vector<std::string>& output) {
+int CQzVMSupport::printRecordsOf(const CQzVMCommandLine& command,
+                                 std::vector<std::string>& output) {
   if (run(command, output) != 0) {
     return 1;
   }
@@ -127,7 +132,7 @@ bool CQzVMSupport::isVSet(const std::string& path) {
   extractDGAndVol(path, dg, vset);
   trace(3, "CQzVMSupport::isVSet - Checking for vset =%s", vset.c_str());
   std::vector<std::string> output;
-  int listing = printRecordsOf(commandDir() + "qzprint  " + " -g " + dg, output);
+  int listing = printRecordsOf(tool("qzprint  ", " -g ", dg), output);
   if (listing == 1) {
     trace(2, "vset does NOT Exist");
     return false;
@@ -147,11 +152,11 @@ bool CQzVMSupport::isVSet(const std::string& path) {
 int CQzVMSupport::isVsetOn(const std::string& dg, const std::string& vset, bool& on) {
   on = false;
   trace(3, "Checking whether vset '%s' is on.", vset.c_str());
-  std::string command = commandDir() + "qzprint  " + " -g " + dg + " " + vset;
+  const CQzVMCommandLine command = tool("qzprint  ", " -g ", dg, " ", vset);
   std::vector<std::string> output;
   bool failed = run(command, output) != 0;
   if (!failed && output.size() < 2) {
-    trace(3, " Not valid format of command '%s'.", command.c_str());
+    trace(3, " Not valid format of command '%s'.", command.text().c_str());
     return 6;
   }
   if (!failed && lineHolding(output, "TY") >= 0) {
@@ -174,8 +179,8 @@ int CQzVMSupport::getVolumesFromDG(const std::string& dg, std::vector<std::strin
     return 1;
   }
   std::vector<std::string> output;
-  int listing = printRecordsOf(
-      commandDir() + "qzprint  " + " -g " + dg + " " + (vsets ? " -x " : " -v "), output);
+  int listing =
+      printRecordsOf(tool("qzprint  ", " -g ", dg, " ", (vsets ? " -x " : " -v ")), output);
   if (listing == 1) {
     trace(2, "unable to get volume/vset from dg '%s'", dg.c_str());
     return 1;
@@ -206,9 +211,9 @@ int CQzVMSupport::getQzVMObjects(std::vector<std::string>& vsets, std::vector<st
                                  std::vector<std::string>& dcoVolumes, const std::string& dg,
                                  const std::string& volume) {
   trace(3, "Getting qzvm vset, vol, dco for dg [%s] and volume [%s]", dg.c_str(), volume.c_str());
-  std::string command = commandDir() + "qzprint  " + " -g " + dg;
+  CQzVMCommandLine command = tool("qzprint  ", " -g ", dg);
   if (!volume.empty()) {
-    command += "  " + volume;
+    command.add("  ", volume);
   }
   std::vector<std::string> output;
   int listing = printRecordsOf(command, output);
