@@ -3,6 +3,7 @@
 #include "support/qzvm_support.h"
 
 #include <algorithm>
+#include <string_view>
 
 #include "osutil.h"
 #include "report.h"
@@ -254,9 +255,11 @@ int CQzVMSupport::getDisksForVolume(const std::string& path, std::vector<std::st
 
 void CQzVMSupport::extractDGAndVol(const std::string& path, std::string& dg, std::string& volume) {
   trace(6, "CQzVMSupport::extractDGAndVol DBG - DG Volume path string [%s]", path.c_str());
+  // Empty pieces are dropped, but a path that ends in "/" names no volume.
+  const std::string_view text = trimmed(path);
   std::vector<std::string> pieces;
-  qzfi_pdk_4_4::CFiStringTool::tokenize(std::string(trimmed(path)), "/", pieces);
-  if (pieces.size() != 5) {
+  qzfi_pdk_4_4::CFiStringTool::tokenize(std::string(text), "/", pieces);
+  if (pieces.size() != 5 || text.back() == '/') {
     trace(1, "CQzVMSupport::extractDGAndVol ERROR - invalid volume path [%s]", path.c_str());
     dg.clear();
     volume.clear();

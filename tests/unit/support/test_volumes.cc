@@ -26,9 +26,23 @@ TEST_F(SupportOpsTest, ExtractDGAndVol) {
   EXPECT_TRUE(wasTraced(1,
                         "CQzVMSupport::extractDGAndVol ERROR - invalid volume path "
                         "[/dev/qz/dsk/dg1/vol1/x]"));
-  dg = "x";
+  m_support->extractDGAndVol("/dev//qz/dsk/dg3/vol3 \n", dg, vol);
+  EXPECT_EQ(dg, "dg3");  // empty pieces inside are dropped, the ends trimmed
+  EXPECT_EQ(vol, "vol3");
+}
+
+TEST_F(SupportOpsTest, ExtractDGAndVolRefusesATrailingSlash) {
+  std::string dg = "x";
+  std::string vol = "y";
   m_support->extractDGAndVol("/dev/qz/dsk/dg1/vol1/", dg, vol);
-  EXPECT_EQ(dg, "dg1");  // empty pieces are dropped
+  EXPECT_EQ(dg, "");
+  EXPECT_EQ(vol, "");
+  EXPECT_TRUE(wasTraced(1,
+                        "CQzVMSupport::extractDGAndVol ERROR - invalid volume path "
+                        "[/dev/qz/dsk/dg1/vol1/]"));
+  dg = "x";
+  m_support->extractDGAndVol("/dev/qz/dsk/dg1/vol1/\n", dg, vol);
+  EXPECT_EQ(dg, "");
 }
 
 TEST_F(SupportOpsTest, VolumeCommandLines) {
