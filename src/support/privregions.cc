@@ -12,6 +12,7 @@
 #include "support/internal.h"
 
 using qzvm_support_internal::contains;
+using qzvm_support_internal::isDigitChar;
 using qzvm_support_internal::isGuidLine;
 using qzvm_support_internal::isReplayedKind;
 using qzvm_support_internal::recordKind;
@@ -226,14 +227,81 @@ int CQzVMSupport::getDGConfig(const std::string& dg, const std::string& filePath
 
 namespace {
 
-// Replaces, after position from, the first primary name that occurs by its
-// alternate; list order decides which pair wins.
-void replaceFirstPair(std::string& text, size_t from, const std::vector<std::string>& primary,
-                      const std::vector<std::string>& alternate) {
-  for (size_t i = 0; i < primary.size(); ++i) {
-    if (replaceString(text, from, primary[i], alternate[i]) == 0) {
-      return;
+// A partition suffix of a device name: digits, after an optional "s" (a
+// slice) or "p".
+bool isPartitionSuffix(std::string_view suffix) {
+  if (!suffix.empty() && (suffix[0] == 's' || suffix[0] == 'p')) {
+    suffix.remove_prefix(1);
+  }
+  if (suffix.empty()) {
+    return false;
+  }
+  for (char c : suffix) {
+    if (!isDigitChar(c)) {
+      return false;
     }
+  }
+  return true;
+}
+
+// Where a primary name stands whole in a value.
+struct NameInValue {
+  size_t pair = 0;      // index into the primary names
+  size_t position = 0;  // of the name in the value
+};
+
+// The primary name that a value names whole: the value itself, or, for a
+// device path, its device part (after the last "/"), alone or followed by a
+// partition suffix. Names are not found inside longer names ("qzarr0_1" is
+// not in "qzarr0_10"); where a name and a longer one both fit, the exact one
+// wins, then the longer one.
+bool findWholeName(std::string_view value, const std::vector<std::string>& primary, bool devicePath,
+                   NameInValue& found) {
+  const size_t slash = value.rfind('/');
+  const size_t devicePart = devicePath && slash != std::string_view::npos ? slash + 1 : 0;
+  const std::string_view device = value.substr(devicePart);
+  bool any = false;
+  bool exact = false;
+  for (size_t i = 0; i < primary.size(); ++i) {
+    const std::string& name = primary[i];
+    if (name.empty() || device.compare(0, name.size(), name) != 0) {
+      continue;
+    }
+    const std::string_view suffix = device.substr(name.size());
+    const bool whole = suffix.empty();
+    if (!whole && !(devicePath && isPartitionSuffix(suffix))) {
+      continue;
+    }
+    if (!any || (whole && !exact) || (whole == exact && name.size() > primary[found.pair].size())) {
+      found = {i, devicePart};
+      any = true;
+      exact = whole;
+    }
+  }
+  return any;
+}
+
+// The value of a "key=value" line as getValForKey reads it: after the first
+// "=" and any blanks, up to a blank, a comma or the line end. start is where
+// it begins in line.
+std::string_view lineValue(std::string_view line, size_t& start) {
+  start = line.find_first_not_of(" \t", line.find('=') + 1);
+  if (start == std::string_view::npos) {
+    start = line.size();
+  }
+  const std::string_view rest = line.substr(start);
+  return rest.substr(0, rest.find_first_of(" ,\t\r\n"));
+}
+
+// Replaces the primary name that the value of line names whole by its
+// alternate; the key and the rest of the line stay as they are.
+void replaceWholeName(std::string& line, const std::vector<std::string>& primary,
+                      const std::vector<std::string>& alternate, bool devicePath) {
+  size_t start = 0;
+  const std::string_view value = lineValue(line, start);
+  NameInValue found;
+  if (findWholeName(value, primary, devicePath, found)) {
+    line.replace(start + found.position, primary[found.pair].size(), alternate[found.pair]);
   }
 }
 
@@ -301,10 +369,12 @@ void CQzVMSupport::replacePattern(const std::string& line, const std::string& /*
   if (equals == std::string::npos) {
     return;
   }
-  if (hasPathVal(line) || hasDAName(line)) {
-    replaceFirstPair(out, equals + 1, vecPriDisks, vecAltDisks);
+  if (hasPathVal(line)) {
+    replaceWholeName(out, vecPriDisks, vecAltDisks, true);
+  } else if (hasDAName(line)) {
+    replaceWholeName(out, vecPriDisks, vecAltDisks, false);
   } else if (hasDMName(line)) {
-    replaceFirstPair(out, equals + 1, vecPriDMs, vecAltDMs);
+    replaceWholeName(out, vecPriDMs, vecAltDMs, false);
   }
 }
 

@@ -165,19 +165,60 @@ TEST_F(SupportOpsTest, ReplacePatternMovesDiskAndMediaNames) {
   EXPECT_EQ(result, "no equals sdb\n");
 }
 
-// Plain substring matches: the first pair in list order whose primary name
-// occurs wins, even inside a longer name.
-TEST_F(SupportOpsTest, ReplacePatternTakesTheFirstPairThatOccurs) {
+// The rewrite of one line with the disks of a group of twelve as the
+// array names them, and their copies.
+std::string rewritten(CQzVMSupport& support, const std::string& line) {
+  const Lines primary = {"qzarr0_0", "qzarr0_1", "qzarr0_10", "qzarr0_11", "qzarr0_2"};
+  const Lines copies = {"qzarr0_12", "qzarr0_13", "qzarr0_22", "qzarr0_23", "qzarr0_14"};
+  const Lines dms = {"m0", "m1", "m10", "m11", "m2"};
+  const Lines newDMs = {"n0", "n1", "n10", "n11", "n2"};
   std::string result;
-  m_support->replacePattern("\tda_name=sdba\n", "dg1", "dg9", {"sdb", "sdba"}, {"sdx", "sdy"}, {},
+  support.replacePattern(line, "dg1", "dg9", primary, copies, dms, newDMs, result);
+  return result;
+}
+
+TEST_F(SupportOpsTest, ReplacePatternMatchesOnlyWholeNames) {
+  EXPECT_EQ(rewritten(*m_support, "\tda_name=qzarr0_10\n"), "\tda_name=qzarr0_22\n");
+  EXPECT_EQ(rewritten(*m_support, "\tda_name=qzarr0_1\n"), "\tda_name=qzarr0_13\n");
+  EXPECT_EQ(rewritten(*m_support, "\tpath=/dev/qz/dmp/qzarr0_11s3\n"),
+            "\tpath=/dev/qz/dmp/qzarr0_23s3\n");
+  EXPECT_EQ(rewritten(*m_support, "\tpath=/dev/qz/dmp/qzarr0_1s3\n"),
+            "\tpath=/dev/qz/dmp/qzarr0_13s3\n");
+  EXPECT_EQ(rewritten(*m_support, "\tpath=/dev/qz/dmp/qzarr0_2\n"),
+            "\tpath=/dev/qz/dmp/qzarr0_14\n");
+  EXPECT_EQ(rewritten(*m_support, "\tdm_name=m10\n"), "\tdm_name=n10\n");
+  EXPECT_EQ(rewritten(*m_support, "\tdm_name=m1\n"), "\tdm_name=n1\n");
+}
+
+TEST_F(SupportOpsTest, ReplacePatternLeavesNamesThatAreNotWhole) {
+  // Neither inside a longer name nor as a part of one ...
+  EXPECT_EQ(rewritten(*m_support, "\tda_name=qzarr0_101\n"), "\tda_name=qzarr0_101\n");
+  EXPECT_EQ(rewritten(*m_support, "\tda_name=xqzarr0_1\n"), "\tda_name=xqzarr0_1\n");
+  EXPECT_EQ(rewritten(*m_support, "\tdm_name=m1x\n"), "\tdm_name=m1x\n");
+  // ... nor with a partition suffix outside a device path ...
+  EXPECT_EQ(rewritten(*m_support, "\tda_name=qzarr0_1s3\n"), "\tda_name=qzarr0_1s3\n");
+  EXPECT_EQ(rewritten(*m_support, "\tdm_name=m1s3\n"), "\tdm_name=m1s3\n");
+  // ... nor before what is not a partition suffix, nor in the folders.
+  EXPECT_EQ(rewritten(*m_support, "\tpath=/dev/qz/dmp/qzarr0_1x3\n"),
+            "\tpath=/dev/qz/dmp/qzarr0_1x3\n");
+  EXPECT_EQ(rewritten(*m_support, "\tpath=/dev/qzarr0_1/sdz\n"), "\tpath=/dev/qzarr0_1/sdz\n");
+}
+
+TEST_F(SupportOpsTest, ReplacePatternKeepsKeyAndRestOfTheLine) {
+  std::string result;
+  m_support->replacePattern("\tsdb_path=sdb,x sdb\n", "dg1", "dg9", {"sdb"}, {"sdx"}, {}, {},
+                            result);
+  EXPECT_EQ(result, "\tsdb_path=sdx,x sdb\n");
+  m_support->replacePattern("\tda_name= sdb\r\n", "dg1", "dg9", {"sdb"}, {"sdx"}, {}, {}, result);
+  EXPECT_EQ(result, "\tda_name= sdx\r\n");
+  // A partition suffix is digits, after an optional "s" or "p".
+  m_support->replacePattern("\tpath=/dev/nvme0n1p2\n", "dg1", "dg9", {"nvme0n1"}, {"nvme1n1"}, {},
                             {}, result);
-  EXPECT_EQ(result, "\tda_name=sdxa\n");
-  m_support->replacePattern("\tda_name=sdba\n", "dg1", "dg9", {"sdba", "sdb"}, {"sdy", "sdx"}, {},
-                            {}, result);
-  EXPECT_EQ(result, "\tda_name=sdy\n");
-  // Only the text after the first "=" is searched.
-  m_support->replacePattern("\tsdb_path=sdb\n", "dg1", "dg9", {"sdb"}, {"sdx"}, {}, {}, result);
-  EXPECT_EQ(result, "\tsdb_path=sdx\n");
+  EXPECT_EQ(result, "\tpath=/dev/nvme1n1p2\n");
+  // Where a name and a longer one both fit, the longer one wins.
+  m_support->replacePattern("\tpath=/dev/qz/dmp/sdb13\n", "dg1", "dg9", {"sdb", "sdb1"},
+                            {"sdx", "sdy"}, {}, {}, result);
+  EXPECT_EQ(result, "\tpath=/dev/qz/dmp/sdy3\n");
 }
 
 TEST_F(SupportOpsTest, ReconfigKeepsOnlyVolumeRecordsWithNewNames) {
