@@ -196,9 +196,11 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   int isVsetOn(const std::string& dg, const std::string& vset, bool& on);
   int getVolumesFromDG(const std::string& dg, std::vector<std::string>& names, bool vsets);
   int checkVolumeInDG(const std::string& dg, const std::string& name, bool& found, bool vsets);
+  // printed, when given, receives the lines that qzprint printed, for the
+  // caller's report of a failure.
   int getQzVMObjects(std::vector<std::string>& vsets, std::vector<std::string>& volumes,
                      std::vector<std::string>& dcoVolumes, const std::string& dg,
-                     const std::string& volume);
+                     const std::string& volume, std::vector<std::string>* printed = nullptr);
   int getDisksForVolume(const std::string& path, std::vector<std::string>& disks);
   void extractDGAndVol(const std::string& path, std::string& dg, std::string& volume);
   bool isVolOrPlexOrSubdiskOrDCO(const std::string& line);

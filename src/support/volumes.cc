@@ -210,7 +210,7 @@ int CQzVMSupport::checkVolumeInDG(const std::string& dg, const std::string& name
 
 int CQzVMSupport::getQzVMObjects(std::vector<std::string>& vsets, std::vector<std::string>& volumes,
                                  std::vector<std::string>& dcoVolumes, const std::string& dg,
-                                 const std::string& volume) {
+                                 const std::string& volume, std::vector<std::string>* printed) {
   trace(3, "Getting qzvm vset, vol, dco for dg [%s] and volume [%s]", dg.c_str(), volume.c_str());
   CQzVMCommandLine command = tool("qzprint  ", " -g ", dg);
   if (!volume.empty()) {
@@ -218,6 +218,9 @@ int CQzVMSupport::getQzVMObjects(std::vector<std::string>& vsets, std::vector<st
   }
   std::vector<std::string> output;
   int listing = printRecordsOf(command, output);
+  if (printed != nullptr) {
+    *printed = output;
+  }
   if (listing == 1) {
     trace(2, "unable to get qzvm objects: '%s'", joinLines(output).c_str());
   }

@@ -103,6 +103,12 @@ TEST_F(SupportOpsTest, CreateDGWithCdsToolAndMediaNames) {
                                cmd("qzdg   -g dg1 adddisk  disk02=sdc")}));
 }
 
+TEST_F(SupportOpsTest, CreateDGRefusesMediaNamesThatDoNotPairWithTheDisks) {
+  EXPECT_EQ(m_support->createDG("dg1", {"sdb", "sdc"}, {"disk01"}, false), 1);
+  EXPECT_TRUE(commands().empty());
+  EXPECT_TRUE(wasTraced(1, "CQzVMSupport::createDG - 1 disk-media names for 2 disks."));
+}
+
 TEST_F(SupportOpsTest, CreateDGStopsAtTheFirstFailure) {
   install(m_lib + "qzcdsconvert");
   answer(cmd("qzdg   init dg1 sdb  cds=on"), 0);
