@@ -3,8 +3,6 @@
 // data.
 #include "support/qzvm_support.h"
 
-#include <algorithm>
-
 #include "osutil.h"
 #include "report.h"
 #include "support/internal.h"
@@ -143,20 +141,17 @@ int CQzVMSupport::pathsOfNode(const std::string& node, std::vector<std::string>&
       }
     }
   }
-  // Preference for a single path: active, then enabled primary, then enabled.
-  // With allPaths every usable path is listed once (a primary path is also in
-  // the enabled list, and is not repeated).
-  if (allPaths || taken.empty()) {
-    for (const std::vector<std::string>* candidates : {&primary, &enabled}) {
-      for (const std::string& path : *candidates) {
-        if (!allPaths && !taken.empty()) {
-          break;
-        }
-        if (std::find(taken.begin(), taken.end(), path) == taken.end()) {
-          taken.push_back(path);
-        }
-      }
-    }
+  // A single path is the first active one, else the first enabled primary,
+  // else the first enabled. allPaths appends the active, the primary and the
+  // enabled paths one list after the other: an enabled primary path, which
+  // is in both of the last two, comes twice.
+  if (allPaths) {
+    taken.insert(taken.end(), primary.begin(), primary.end());
+    taken.insert(taken.end(), enabled.begin(), enabled.end());
+  } else if (taken.empty() && !primary.empty()) {
+    taken.push_back(primary.front());
+  } else if (taken.empty() && !enabled.empty()) {
+    taken.push_back(enabled.front());
   }
   if (taken.empty()) {
     trace(2, "Unable to get enabled disk path for dmp node '%s'", node.c_str());
@@ -285,21 +280,19 @@ bool CQzVMSupport::isCDSDisk(const std::vector<vol_pvt_info>& records) {
   return false;
 }
 
+// A disk that cannot be labelled is only traced: the caller goes on.
 int CQzVMSupport::createSUNLabel(const std::vector<std::string>& osDisks) {
-  int result = 0;
   for (const std::string& disk : osDisks) {
     const CQzVMCommandLine command =
         CQzVMCommandLine("/sbin/", "parted -s ").add("/dev/", disk, " mklabel ", " sun ");
     trace(3, "calling command [%s].", command.text().c_str());
     std::vector<std::string> output;
-    int status = run(command, output);
-    if (status != 0) {
+    if (run(command, output) != 0) {
       trace(1, "Failed to label disk[%s] with message ==>%s.", disk.c_str(),
             joinLines(output).c_str());
-      result = status;
     }
   }
-  return result;
+  return 0;
 }
 
 int CQzVMSupport::removeDisksFromQzVM(const std::vector<std::string>& disks, bool disableDmp) {
@@ -368,8 +361,8 @@ int CQzVMSupport::checkQzVMDiskAgainstDG(const std::vector<std::string>& dgs,
   return 0;
 }
 
-// The group is found from the disk's private region (regenerateDGFromDisk):
-// a disk whose group has no volume can be deleted as well.
+// The group and volume are found from the disk's own private region; a
+// disk whose group holds no volume is not deleted (6).
 int CQzVMSupport::deleteQzVMDisk(const std::string& disk) {
   std::vector<std::string> native;
   if (getOSDiskHandleForQzVMDisk({disk}, native, false, false) != 0 || native.empty()) {
@@ -377,7 +370,8 @@ int CQzVMSupport::deleteQzVMDisk(const std::string& disk) {
     return 6;
   }
   std::string dgName;
-  if (regenerateDGFromDisk({disk}, dgName) != 0) {
+  std::string volume;
+  if (regenerateQzVMFromDisk({disk}, dgName, volume) != 0) {
     return 6;
   }
   QZ_ASSERT(dgName.size(), "qzvm_support");

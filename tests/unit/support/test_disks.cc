@@ -13,11 +13,17 @@ TEST_F(SupportOpsTest, ScanCommands) {
   EXPECT_EQ(m_support->qzvmScanDisks(false), 0);
   answer(cmd("qzdisk   scandisks  device=sdb,sdc"), 0);
   EXPECT_EQ(m_support->qzvmScanDisks(Lines{"sdb", "sdc"}), 0);
-  EXPECT_NE(m_support->qzvmScanDisks(Lines{}), 0);  // unanswered in the seam
-  EXPECT_EQ(commands(),
-            (Lines{cmd("qzdisk   -f  scandisks  new "), cmd("qzdisk   scandisks "),
-                   cmd("qzdisk   scandisks  device=sdb,sdc"), cmd("qzdisk   scandisks ")}));
+  EXPECT_EQ(commands(), (Lines{cmd("qzdisk   -f  scandisks  new "), cmd("qzdisk   scandisks "),
+                               cmd("qzdisk   scandisks  device=sdb,sdc")}));
   EXPECT_TRUE(wasTraced(3, "Debug: qzvmscandisks -- initializing devices in map"));
+}
+
+TEST_F(SupportOpsTest, ScanOfNoDevicesScansAllAndReturnsTheStatus) {
+  expectOnce(cmd("qzdisk   scandisks "), 0);
+  expectOnce(cmd("qzdisk   scandisks "), 7);
+  EXPECT_EQ(m_support->qzvmScanDisks(Lines{}), 0);
+  EXPECT_EQ(m_support->qzvmScanDisks(Lines{}), 7);
+  EXPECT_EQ(commands(), (Lines{cmd("qzdisk   scandisks "), cmd("qzdisk   scandisks ")}));
 }
 
 const Lines kDmpNode = out({"NAME         STATE        ENCLR-TYPE   PATHS  ENBL  DSBL  ENCLR-NAME",
@@ -133,9 +139,26 @@ TEST_F(SupportOpsTest, SubpathsPreferAnEnabledPrimaryThenAnyEnabled) {
   Lines os;
   EXPECT_EQ(m_support->getOSDiskHandleForQzVMDisk({"n1", "n2"}, os, false, false), 0);
   EXPECT_EQ(os, (Lines{"sdc", "sdg"}));
+  // All paths: the primary list, then the enabled list, which holds the
+  // primary path too.
   Lines all;
   EXPECT_EQ(m_support->getOSDiskHandleForQzVMDisk({"n1", "n2"}, all, true, true), 0);
-  EXPECT_EQ(all, (Lines{"sdc", "sdb", "sdg", "sdh"}));
+  EXPECT_EQ(all, (Lines{"sdc", "sdb", "sdc", "sdg", "sdh"}));
+}
+
+TEST_F(SupportOpsTest, AllPathsAppendActiveThenPrimaryThenEnabledPaths) {
+  installDmp();
+  answer(cmd("qzdmpadm   getsubpaths  dmpnodename=n1"), 0,
+         out({kSubpathsHeader, kRule, "sdb ENABLED PRIMARY", "sdc ENABLED(A) SECONDARY",
+              "sdd ENABLED SECONDARY", "sde DISABLED PRIMARY", "sdf ENABLED(A) PRIMARY"}));
+  Lines all;
+  EXPECT_EQ(m_support->getOSDiskHandleForQzVMDisk({"n1"}, all, true, true), 0);
+  EXPECT_EQ(all, (Lines{"sdc", "sdf", "sdb", "sdb", "sdd"}));
+  // The cache keeps the node's preferred path: its first active one.
+  Lines one;
+  EXPECT_EQ(m_support->getOSDiskHandleForQzVMDisk({"n1"}, one, false, false), 0);
+  EXPECT_EQ(one, (Lines{"sdc"}));
+  EXPECT_EQ(commands().size(), 1u);
 }
 
 TEST_F(SupportOpsTest, SubpathsWithoutUsablePathFail) {
@@ -209,7 +232,7 @@ TEST_F(SupportOpsTest, IsCDSDisk) {
 TEST_F(SupportOpsTest, SunLabelGoesOnAfterAFailure) {
   answer("/sbin/parted -s /dev/sdb mklabel  sun ", 1, out({"Error: ", "no disk"}));
   answer("/sbin/parted -s /dev/sdc mklabel  sun ", 0);
-  m_support->createSUNLabel({"sdb", "sdc"});
+  EXPECT_EQ(m_support->createSUNLabel({"sdb", "sdc"}), 0);
   EXPECT_EQ(commands(), (Lines{"/sbin/parted -s /dev/sdb mklabel  sun ",
                                "/sbin/parted -s /dev/sdc mklabel  sun "}));
   EXPECT_TRUE(wasTraced(3, "calling command [/sbin/parted -s /dev/sdb mklabel  sun ]."));
@@ -221,6 +244,26 @@ TEST_F(SupportOpsTest, RemoveDisksGoesOnAfterAFailure) {
   answer(cmd("qzdisk   rm sdc"), 0);
   EXPECT_EQ(m_support->removeDisksFromQzVM({"sdb", "sdc"}, false), 0);
   EXPECT_EQ(commands().size(), 2u);
+  EXPECT_TRUE(wasTraced(2, "removing disk from qzvm db is failed."));
+}
+
+TEST_F(SupportOpsTest, RemoveDisksDisablesThePathsOfEachDiskAfterItsRemoval) {
+  installDmp();
+  answer(cmd("qzdisk   rm n1"), 1);
+  answer(cmd("qzdisk   rm n2"), 0);
+  answer(cmd("qzdmpadm   getsubpaths  dmpnodename=n1"), 0,
+         out({kSubpathsHeader, kRule, "sdb ENABLED(A) PRIMARY", "sdc ENABLED SECONDARY"}));
+  answer(cmd("qzdmpadm   getsubpaths  dmpnodename=n2"), 0,
+         out({kSubpathsHeader, kRule, "sdd ENABLED(A) PRIMARY"}));
+  answer(cmd("qzdmpadm   -f  disable  path=sdb"), 0);
+  answer(cmd("qzdmpadm   -f  disable  path=sdc"), 0);
+  answer(cmd("qzdmpadm   -f  disable  path=sdd"), 0);
+  EXPECT_EQ(m_support->removeDisksFromQzVM({"n1", "n2"}, true), 0);
+  EXPECT_EQ(commands(),
+            (Lines{cmd("qzdisk   rm n1"), cmd("qzdmpadm   getsubpaths  dmpnodename=n1"),
+                   cmd("qzdmpadm   -f  disable  path=sdb"), cmd("qzdmpadm   -f  disable  path=sdc"),
+                   cmd("qzdisk   rm n2"), cmd("qzdmpadm   getsubpaths  dmpnodename=n2"),
+                   cmd("qzdmpadm   -f  disable  path=sdd")}));
   EXPECT_TRUE(wasTraced(2, "removing disk from qzvm db is failed."));
 }
 
@@ -281,6 +324,163 @@ TEST_F(SupportOpsTest, CheckDisksAgainstGroup) {
   EXPECT_FALSE(belongs);
   EXPECT_TRUE(wasTraced(3, " disks not belongs to dg."));
   EXPECT_EQ(m_support->checkQzVMDiskAgainstDG({"dg9"}, {"x"}, belongs), 6);
+}
+
+TEST_F(SupportOpsTest, IsQzVMDiskNeedsAGroupOnTheDisk) {
+  answer(cmd("qzdisk   list qzarr0_1"), 0, kDiskListing);
+  answer(cmd("qzdisk   list sdc"), 0, out({"Device: sdc", "type: auto"}));
+  bool answerFlag = false;
+  EXPECT_EQ(m_support->isQzVMDisk("sdb", "qzarr0_1", answerFlag, false), 0);
+  EXPECT_TRUE(answerFlag);
+  EXPECT_TRUE(wasTraced(3, "CQzVMSupport::isQzVMDisk - 'sdb' is a qzvm disk"));
+  EXPECT_EQ(m_support->isQzVMDisk("sdc", "sdc", answerFlag, false), 0);
+  EXPECT_FALSE(answerFlag);
+  EXPECT_TRUE(wasTraced(3, "CQzVMSupport::isQzVMDisk - 'sdc' is not a qzvm disk"));
+}
+
+TEST_F(SupportOpsTest, IsQzVMDiskCleansUpFirstWhenAsked) {
+  expectOnce(cmd("qzdisk   list qzarr0_1"), 0, kDiskListing);
+  answer(cmd("qzdisk   list qzarr0_1"), 0, out({"Device: qzarr0_1", "group: -"}));
+  answer(cmd("qzdg   list dg1"), 0);
+  answer(cmd("qzdg   deport dg1"), 0);
+  answer(cmd("qzdg   -C  import 1001.1.hostA"), 0);
+  bool answerFlag = true;
+  EXPECT_EQ(m_support->isQzVMDisk("sdb", "qzarr0_1", answerFlag, true), 0);
+  // The group was dangling: after the clean-up the disk carries none.
+  EXPECT_FALSE(answerFlag);
+  EXPECT_EQ(commands(),
+            (Lines{cmd("qzdisk   list qzarr0_1"), cmd("qzdg   list dg1"), cmd("qzdg   deport dg1"),
+                   cmd("qzdg   -C  import 1001.1.hostA"), cmd("qzdisk   list qzarr0_1")}));
+  EXPECT_TRUE(wasTraced(3,
+                        "Cleaning up the qzvm setup to make sure that we dont see disk as qzvm "
+                        "disk just because qzvm has inconsistent information or dangling dg."));
+  EXPECT_TRUE(wasTraced(3,
+                        "Deporting and importing dg on 'sdb' for making qzvm setup clean. Deport "
+                        "may fail if there is mounted fs on dg 'dg1'."));
+  EXPECT_TRUE(wasTraced(3, "After cleaning up the setup, now check whether 'sdb' is a qzvm disk"));
+  EXPECT_TRUE(wasTraced(3, "CQzVMSupport::isQzVMDisk - 'sdb' is not a qzvm disk"));
+}
+
+TEST_F(SupportOpsTest, IsQzVMDiskCleansUpOnlyADiskThatNamesAGroup) {
+  answer(cmd("qzdisk   list sdc"), 0, out({"Device: sdc", "type: auto"}));
+  bool answerFlag = true;
+  EXPECT_EQ(m_support->isQzVMDisk("sdc", "sdc", answerFlag, true), 0);
+  EXPECT_FALSE(answerFlag);
+  EXPECT_EQ(commands(), (Lines{cmd("qzdisk   list sdc")}));
+}
+
+TEST_F(SupportOpsTest, IsQzVMDiskWithoutPrivateRegionFails) {
+  answer(cmd("qzdisk   list sdz"), 11);
+  bool answerFlag = true;
+  EXPECT_EQ(m_support->isQzVMDisk("sdz", "sdz", answerFlag, false), 1);
+  EXPECT_FALSE(answerFlag);
+  EXPECT_TRUE(wasTraced(
+      2, "CQzVMSupport::isQzVMDisk - failed to get volume private data from disks. disk='sdz'"));
+}
+
+TEST_F(SupportOpsTest, DMPPathWithoutMultipathingIsLeftAlone) {
+  std::string path = "kept";
+  EXPECT_EQ(m_support->getDMPPathIfValid("sdb", path), 0);
+  EXPECT_EQ(path, "kept");
+  EXPECT_TRUE(commands().empty());
+}
+
+TEST_F(SupportOpsTest, DMPPathOfAVolumeManagerDisk) {
+  installDmp();
+  answer(cmd("qzdmpadm   getdmpnode  nodename=sdb"), 0, kDmpNode);
+  answer(cmd("qzdisk   list qzarr0_3"), 0, kDiskListing);
+  answer(cmd("qzdmpadm   getdmpnode  nodename=sdc"), 0,
+         out({"NAME STATE", "=====", "qzarr0_4 ENABLED"}));
+  answer(cmd("qzdisk   list qzarr0_4"), 0, out({"Device: qzarr0_4", "group: -"}));
+  std::string path;
+  EXPECT_EQ(m_support->getDMPPathIfValid("sdb", path), 0);
+  EXPECT_EQ(path, "/dev/qz/rdmp/qzarr0_3");
+  path = "kept";
+  EXPECT_EQ(m_support->getDMPPathIfValid("sdc", path), 0);
+  EXPECT_EQ(path, "kept");
+}
+
+TEST_F(SupportOpsTest, DMPPathFailsWhenTheNodeIsNotFound) {
+  installDmp();
+  answer(cmd("qzdmpadm   getdmpnode  nodename=sdb"), 11);
+  std::string path = "kept";
+  EXPECT_EQ(m_support->getDMPPathIfValid("sdb", path), 1);
+  EXPECT_EQ(path, "kept");
+  EXPECT_TRUE(wasTraced(2, "Failed to check existence of qzvm on disk 'sdb'."));
+  EXPECT_EQ(commands(), (Lines{cmd("qzdmpadm   getdmpnode  nodename=sdb")}));
+}
+
+TEST_F(SupportOpsTest, DMPPathFailsWhenThePrivateRegionCannotBeRead) {
+  installDmp();
+  answer(cmd("qzdmpadm   getdmpnode  nodename=sdb"), 0, kDmpNode);
+  answer(cmd("qzdisk   list qzarr0_3"), 11);
+  std::string path = "kept";
+  EXPECT_EQ(m_support->getDMPPathIfValid("sdb", path), 1);
+  EXPECT_EQ(path, "kept");
+  EXPECT_TRUE(wasTraced(2, "Failed to check existence of qzvm on disk 'sdb'."));
+}
+
+// qzarr0_1 carries dg1 (kDiskListing), which holds vol1 (kPrintV).
+class DeleteDiskTest : public SupportOpsTest {
+ protected:
+  void SetUp() override {
+    SupportOpsTest::SetUp();
+    answer(cmd("qzdisk   list qzarr0_1"), 0, kDiskListing);
+    answer(cmd("qzdg   list "), 0, kDgList);
+    answer(cmd("qzprint   -g dg1  -v "), 0, kPrintV);
+    answer(tool("qzdiskunsetup   -C qzarr0_1"), 0);
+    answer(cmd("qzdisk   rm qzarr0_1"), 0);
+  }
+};
+
+TEST_F(DeleteDiskTest, DestroysTheGroupOfTheDiskThenUnsetsAndRemovesIt) {
+  answer(cmd("qzdg   destroy dg1"), 0);
+  EXPECT_EQ(m_support->deleteQzVMDisk("qzarr0_1"), 0);
+  EXPECT_EQ(commands(),
+            (Lines{cmd("qzdisk   list qzarr0_1"), cmd("qzdg   list "), cmd("qzdg   list "),
+                   cmd("qzprint   -g dg1  -v "), cmd("qzdg   destroy dg1"),
+                   tool("qzdiskunsetup   -C qzarr0_1"), cmd("qzdisk   rm qzarr0_1")}));
+  EXPECT_TRUE(wasTraced(3,
+                        "CQzVMSupport::deleteQzVMDisk - recreated qzvm dg and volume from given "
+                        "disk dgname='dg1'."));
+}
+
+TEST_F(DeleteDiskTest, DeportsAGroupThatWillNotBeDestroyed) {
+  answer(cmd("qzdg   destroy dg1"), 13);
+  answer(cmd("qzdg   list dg1"), 0);
+  answer(cmd("qzdg   deport dg1"), 0);
+  EXPECT_EQ(m_support->deleteQzVMDisk("qzarr0_1"), 0);
+  EXPECT_EQ(runsOf(cmd("qzdg   deport dg1")), 1u);
+  EXPECT_TRUE(wasTraced(2,
+                        "Info : - as destroy of dg 'dg1' failed, trying deporting. This is "
+                        "required if dg is dangling."));
+  EXPECT_EQ(commands().back(), cmd("qzdisk   rm qzarr0_1"));
+}
+
+TEST_F(DeleteDiskTest, FailsWhenTheGroupHoldsNoVolume) {
+  answer(cmd("qzprint   -g dg1  -v "), 0, out({"no header", "at all"}));
+  EXPECT_EQ(m_support->deleteQzVMDisk("qzarr0_1"), 6);
+  EXPECT_TRUE(
+      wasTraced(1, "CQzVMSupport::regenerateQzVMFromDisk -  found no volumes under dg 'dg1'."));
+  EXPECT_EQ(runsOf(cmd("qzdg   destroy dg1")), 0u);
+  EXPECT_EQ(runsOf(tool("qzdiskunsetup   -C qzarr0_1")), 0u);
+  EXPECT_EQ(runsOf(cmd("qzdisk   rm qzarr0_1")), 0u);
+}
+
+TEST_F(DeleteDiskTest, FailsWithoutTheNativeName) {
+  installDmp();
+  answer(cmd("qzdmpadm   getsubpaths  dmpnodename=qzarr0_1"), 11);
+  EXPECT_EQ(m_support->deleteQzVMDisk("qzarr0_1"), 6);
+  EXPECT_TRUE(wasTraced(1, "CQzVMSupport::deleteQzVMDisk -  unable to get native name"));
+  EXPECT_EQ(commands(), (Lines{cmd("qzdmpadm   getsubpaths  dmpnodename=qzarr0_1")}));
+}
+
+TEST_F(DeleteDiskTest, FailsWhenTheDiskCannotBeUnset) {
+  answer(cmd("qzdg   destroy dg1"), 0);
+  answer(tool("qzdiskunsetup   -C qzarr0_1"), 1);
+  EXPECT_EQ(m_support->deleteQzVMDisk("qzarr0_1"), 6);
+  EXPECT_TRUE(wasTraced(1, "unable to unset or delete qzvm disk. disk='qzarr0_1'"));
+  EXPECT_EQ(runsOf(cmd("qzdisk   rm qzarr0_1")), 0u);
 }
 
 }  // namespace

@@ -353,18 +353,6 @@ TEST_F(SupportOpsTest, RegenerateDGFromDiskWithoutDgid) {
                         "private data. dmp disk 'sdb'"));
 }
 
-TEST_F(SupportOpsTest, IsQzVMDiskNeedsAGroupOnTheDisk) {
-  answer(cmd("qzdisk   list qzarr0_1"), 0, kDiskListing);
-  answer(cmd("qzdisk   list sdc"), 0, out({"Device: sdc", "type: auto"}));
-  bool answerFlag = false;
-  EXPECT_EQ(m_support->isQzVMDisk("sdb", "qzarr0_1", answerFlag, false), 0);
-  EXPECT_TRUE(answerFlag);
-  EXPECT_TRUE(wasTraced(3, "CQzVMSupport::isQzVMDisk - 'sdb' is a qzvm disk"));
-  EXPECT_EQ(m_support->isQzVMDisk("sdc", "sdc", answerFlag, false), 0);
-  EXPECT_FALSE(answerFlag);
-  EXPECT_TRUE(wasTraced(3, "CQzVMSupport::isQzVMDisk - 'sdc' is not a qzvm disk"));
-}
-
 TEST_F(SupportOpsTest, GetDGFromQzVMDiskIfRecreated) {
   answer(cmd("qzdisk   list qzarr0_1"), 0, kDiskListing);
   answer(cmd("qzdg   list dg1"), 0);
