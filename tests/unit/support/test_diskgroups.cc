@@ -52,14 +52,24 @@ TEST_F(SupportOpsTest, GetNewDGNameCountsFromTheProcessId) {
       wasTraced(3, "CQzVMSupport::getNewDGName - created new unique dg name '" + name + "'."));
 }
 
-TEST_F(SupportOpsTest, GetNewDGNameGivesUpAfter1024Candidates) {
-  long pid = getpid();
+// "qzdg list" with the groups dg_<pid>, dg_<pid + 1>, ... (count of them).
+Lines groupsFromThePid(long count) {
   Lines listing = out({"NAME STATE ID"});
-  for (long i = 0; i < 1024; ++i) {
-    listing.push_back("dg_" + std::to_string(pid + i) + " enabled 1.1\n");
+  for (long i = 0; i < count; ++i) {
+    listing.push_back("dg_" + std::to_string(getpid() + i) + " enabled 1.1\n");
   }
-  answer(cmd("qzdg   list "), 0, listing);
-  std::string name = "unchanged";
+  return listing;
+}
+
+TEST_F(SupportOpsTest, GetNewDGNameTriesExactly1024Candidates) {
+  // The 1024th candidate is the last one tried ...
+  expectOnce(cmd("qzdg   list "), 0, groupsFromThePid(1023));
+  std::string name;
+  m_support->getNewDGName("dg", name);
+  EXPECT_EQ(name, "dg_" + std::to_string(getpid() + 1023));
+  // ... and when it is taken too, nothing is found.
+  expectOnce(cmd("qzdg   list "), 0, groupsFromThePid(1024));
+  name = "unchanged";
   m_support->getNewDGName("dg", name);
   EXPECT_EQ(name, "unchanged");
   EXPECT_TRUE(wasTraced(1, "CQzVMSupport::getNewDGName - unable to create new unique dg name."));
@@ -119,8 +129,15 @@ TEST_F(SupportOpsTest, CreateDGStopsAtTheFirstFailure) {
 
 TEST_F(SupportOpsTest, ImportDGWithAndWithoutANewName) {
   answer(cmd("qzdg   -C  import 1001.1.host"), 0);
-  answer(cmd("qzdg   -C  -n dg9 import dg1"), 3);
+  answer(cmd("qzdg   -C  -n dg9 import dg1"), 0);
   EXPECT_FALSE(m_support->importDG("", "1001.1.host"));
+  EXPECT_FALSE(m_support->importDG("dg9", "dg1"));
+  EXPECT_EQ(commands(),
+            (Lines{cmd("qzdg   -C  import 1001.1.host"), cmd("qzdg   -C  -n dg9 import dg1")}));
+}
+
+TEST_F(SupportOpsTest, FailedImportIsTraced) {
+  answer(cmd("qzdg   -C  -n dg9 import dg1"), 20);
   EXPECT_TRUE(m_support->importDG("dg9", "dg1"));
   EXPECT_TRUE(wasTraced(2, "CQzVMSupport::importDG - unable to import 'dg1' as 'dg9'."));
 }
@@ -152,12 +169,26 @@ TEST_F(SupportOpsTest, DestroyDG) {
 TEST_F(SupportOpsTest, FlushOnlineAndClearImportCommands) {
   answer(cmd("qzdg   flush dg1"), 0);
   answer(cmd("qzvol   -g dg1 startall "), 0);
-  answer(cmd("qzvol   -g dg1 stopall "), 2);
+  answer(cmd("qzvol   -g dg1 stopall "), 0);
   answer(cmd("qzdisk   clearimport  sdb sdc"), 0);
   EXPECT_FALSE(m_support->flushDGConfig("dg1"));
   EXPECT_FALSE(m_support->onlineDG("dg1", true));
-  EXPECT_TRUE(m_support->onlineDG("dg1", false));
+  EXPECT_FALSE(m_support->onlineDG("dg1", false));
   EXPECT_FALSE(m_support->diskClearImport({"sdb", "sdc"}));
+  EXPECT_EQ(commands(),
+            (Lines{cmd("qzdg   flush dg1"), cmd("qzvol   -g dg1 startall "),
+                   cmd("qzvol   -g dg1 stopall "), cmd("qzdisk   clearimport  sdb sdc")}));
+}
+
+TEST_F(SupportOpsTest, FailuresOfFlushOnlineAndClearImportAreTrue) {
+  answer(cmd("qzdg   flush dg1"), 11);
+  answer(cmd("qzvol   -g dg1 startall "), 15);
+  answer(cmd("qzvol   -g dg1 stopall "), 13);
+  answer(cmd("qzdisk   clearimport  sdb"), 11);
+  EXPECT_TRUE(m_support->flushDGConfig("dg1"));
+  EXPECT_TRUE(m_support->onlineDG("dg1", true));
+  EXPECT_TRUE(m_support->onlineDG("dg1", false));
+  EXPECT_TRUE(m_support->diskClearImport({"sdb"}));
 }
 
 TEST_F(SupportOpsTest, EnableDGDeportsRescansImportsAndChecks) {
@@ -183,6 +214,16 @@ TEST_F(SupportOpsTest, GetDGIDReadsTheDgidLine) {
   std::string id;
   EXPECT_EQ(m_support->getDGID("/dev/qz/dsk/dg1/vol1", id), 0);
   EXPECT_EQ(id, "1001.1.host");
+}
+
+TEST_F(SupportOpsTest, GetDGIDWithoutADgidLineFails) {
+  answer(cmd("qzdisk   -s  -g dg1 list "), 0, out({"Disk:   sdb", "dgname: dg1"}));
+  std::string id = "kept";
+  EXPECT_EQ(m_support->getDGID("/dev/qz/dsk/dg1/vol1", id), 1);
+  EXPECT_EQ(id, "kept");
+  answer(cmd("qzdisk   -s  -g dg2 list "), 11);
+  EXPECT_EQ(m_support->getDGID("/dev/qz/dsk/dg2/vol1", id), 11);
+  EXPECT_EQ(id, "kept");
 }
 
 TEST_F(SupportOpsTest, GetDGSizeReadsTheNumber) {
@@ -246,6 +287,36 @@ TEST_F(SupportOpsTest, DeportDGAndRemoveDisksOfAnAbsentGroup) {
   answer(cmd("qzdg   list dg1"), 11);
   EXPECT_EQ(m_support->deportDGAndRemoveDisks("/dev/qz/dsk/dg1/vol1", true, false), 0);
   EXPECT_TRUE(wasTraced(3, "dg 'dg1' is already deported."));
+  EXPECT_EQ(commands(), (Lines{cmd("qzdg   list dg1")}));
+}
+
+TEST_F(SupportOpsTest, DeportDGAndRemoveDisksFailsWhenTheDisksCannotBeListed) {
+  answer(cmd("qzdg   list dg1"), 0);
+  answer(cmd("qzdisk   -g dg1  list "), 11);
+  EXPECT_EQ(m_support->deportDGAndRemoveDisks("/dev/qz/dsk/dg1/vol1", true, false), 6);
+  EXPECT_TRUE(wasTraced(1,
+                        "CQzVMPlugin::deportDGAndRemoveDisks -  unable to get disk access (dmp) "
+                        "from object. object=/dev/qz/dsk/dg1/vol1"));
+  EXPECT_EQ(commands(), (Lines{cmd("qzdg   list dg1"), cmd("qzdisk   -g dg1  list ")}));
+}
+
+TEST_F(SupportOpsTest, DeportDGAndRemoveDisksFailsWhenTheDeportFails) {
+  answer(cmd("qzdg   list dg1"), 0);
+  answer(cmd("qzdisk   -g dg1  list "), 0, kDgDisks);
+  answer(cmd("qzdg   deport dg1"), 13);
+  EXPECT_EQ(m_support->deportDGAndRemoveDisks("/dev/qz/dsk/dg1/vol1", true, false), 6);
+  EXPECT_TRUE(wasTraced(1,
+                        "CQzVMPlugin::deportDGAndRemoveDisks deport of disk group failed.  "
+                        "object=/dev/qz/dsk/dg1/vol1"));
+  EXPECT_EQ(commands().back(), cmd("qzdg   deport dg1"));
+}
+
+TEST_F(SupportOpsTest, DeportDGAndRemoveDisksKeepsTheDisksWhenAsked) {
+  answer(cmd("qzdg   list dg1"), 0);
+  answer(cmd("qzdisk   -g dg1  list "), 0, kDgDisks);
+  answer(cmd("qzdg   deport dg1"), 0);
+  EXPECT_EQ(m_support->deportDGAndRemoveDisks("/dev/qz/dsk/dg1/vol1", false, true), 0);
+  EXPECT_EQ(commands().back(), cmd("qzdg   deport dg1"));
 }
 
 }  // namespace

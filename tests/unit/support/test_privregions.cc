@@ -339,9 +339,43 @@ TEST_F(SupportOpsTest, RegenerateQzVMFromDiskTakesTheFirstVolume) {
   std::string dg;
   std::string volume;
   EXPECT_EQ(m_support->regenerateQzVMFromDisk({"qzarr0_1"}, dg, volume), 0);
+  EXPECT_EQ(dg, "dg1");
   EXPECT_EQ(volume, "vol1");
-  answer(cmd("qzprint   -g dg1  -v "), 0, out({"TY NAME", "ignored? no: listed"}));
-  answer(cmd("qzprint   -g dg1  -v "), 0, out({"TY NAME"}));
+}
+
+TEST_F(SupportOpsTest, RegenerateQzVMFromDiskWithoutAGroupFails) {
+  answer(cmd("qzdisk   list qzarr0_1"), 11);
+  std::string dg;
+  std::string volume = "kept";
+  EXPECT_EQ(m_support->regenerateQzVMFromDisk({"qzarr0_1"}, dg, volume), 6);
+  EXPECT_EQ(volume, "kept");
+  EXPECT_TRUE(wasTraced(1,
+                        "CQzVMSupport::regenerateQzVMFromDisk - failed to obtain dgid from disk's "
+                        "private data. dmp disk 'qzarr0_1'"));
+}
+
+TEST_F(SupportOpsTest, RegenerateQzVMFromDiskWhoseVolumesCannotBeListedFails) {
+  answer(cmd("qzdisk   list qzarr0_1"), 0, kDiskListing);
+  answer(cmd("qzdg   list "), 0, kDgList);
+  answer(cmd("qzprint   -g dg1  -v "), 11);
+  std::string dg;
+  std::string volume = "kept";
+  EXPECT_EQ(m_support->regenerateQzVMFromDisk({"qzarr0_1"}, dg, volume), 6);
+  EXPECT_EQ(volume, "kept");
+  EXPECT_TRUE(
+      wasTraced(1, "CQzVMSupport::regenerateQzVMFromDisk - unable to get volumes under dg 'dg1'."));
+}
+
+TEST_F(SupportOpsTest, RegenerateQzVMFromDiskWithoutVolumesFails) {
+  answer(cmd("qzdisk   list qzarr0_1"), 0, kDiskListing);
+  answer(cmd("qzdg   list "), 0, kDgList);
+  answer(cmd("qzprint   -g dg1  -v "), 0, out({"no header", "at all"}));
+  std::string dg;
+  std::string volume = "kept";
+  EXPECT_EQ(m_support->regenerateQzVMFromDisk({"qzarr0_1"}, dg, volume), 6);
+  EXPECT_EQ(volume, "kept");
+  EXPECT_TRUE(
+      wasTraced(1, "CQzVMSupport::regenerateQzVMFromDisk -  found no volumes under dg 'dg1'."));
 }
 
 TEST_F(SupportOpsTest, RegenerateDGFromDiskWithoutDgid) {
