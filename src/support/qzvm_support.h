@@ -1,5 +1,7 @@
 // The volume-manager command layer: the text helpers that take the tools'
-// output apart, and CQzVMSupport, which runs the tools.
+// output apart, and CQzVMSupport, which runs the tools. The definitions live
+// beside this header, one file per concern, as the sections below name them;
+// construction and command running are in qzvm_support.cc.
 #ifndef QZVMFI_SUPPORT_QZVM_SUPPORT_H
 #define QZVMFI_SUPPORT_QZVM_SUPPORT_H
 
@@ -14,6 +16,8 @@
 #include "clitool.h"
 #include "configuration.h"
 #include "node.h"
+
+// --- text helpers (text.cc, with fgetline and putVectorInFile) ---
 
 // The token at a 0-based position, tokens being runs of non-white characters;
 // empty when the line has fewer.
@@ -107,7 +111,7 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
 
   const SQzVMCliPath& cliPath() const { return m_cliPath; }
 
-  // --- installation probes and device names ---
+  // --- installation probes and device names (install.cc) ---
   bool isInstalled();
   bool isCommandAvailable(const std::string& directory, const std::string& tool);
   bool isQzDMPInstalled();
@@ -123,7 +127,7 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   bool isDG(const std::string& line);
   void removeDevicesFromOSDeviceTree(const std::vector<std::string>& devices);
 
-  // --- disk groups ---
+  // --- disk groups (diskgroups.cc) ---
   bool isDGPresent(const std::string& dg);
   bool isDGExist(const std::string& dg);
   bool isDGEnabled(const std::string& dg);
@@ -154,7 +158,7 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   // pass false).
   int deportDGAndRemoveDisks(const std::string& object, bool removeDisks, bool disableDmp);
 
-  // --- disks and multipath nodes ---
+  // --- disks and multipath nodes (disks.cc) ---
   int qzvmScanDisks(bool newOnly);
   int qzvmScanDisks(const std::vector<std::string>& devices);
   int getQzVMDiskForOSDiskHandler(const std::vector<std::string>& osDisks,
@@ -185,7 +189,7 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   // final answer.
   int isQzVMDisk(const std::string& osDisk, const std::string& node, bool& answer, bool cleanFirst);
 
-  // --- volumes and volume sets ---
+  // --- volumes and volume sets (volumes.cc) ---
   int onlineVolume(const std::string& dg, const std::string& volume, const std::string& useType);
   int onOffVolume(const std::string& dg, const std::string& volume, const std::string& operation);
   int createVolume(const std::string& volume, const std::string& dg, unsigned long long size);
@@ -215,7 +219,7 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
                                const std::vector<std::string>& osDisks);
   int removeSnapshot(const std::string& path, bool destroy);
 
-  // --- private regions and configuration rewriting ---
+  // --- private regions and configuration rewriting (privregions.cc) ---
   int getVolPrivInfoPerAltDisk(const std::string& disk, std::vector<std::string>& lines);
   int getVolPrivInfoPerDisk(const std::string& disk, std::vector<std::string>& lines);
   int getVolPrivInfo(const std::vector<std::string>& disks, std::vector<vol_pvt_info>& records);
@@ -257,7 +261,7 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   SQzVMCliPath m_cliPath;
 
  private:
-  // --- running the tools ---
+  // --- running the tools (qzvm_support.cc) ---
   // Command directory and support-tool directory of the path record.
   const std::string& commandDir() const;
   const std::string& supportToolDir() const;
