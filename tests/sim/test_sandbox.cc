@@ -81,6 +81,12 @@ TEST_F(SandboxTest, WritingDeleteDetachesTheDisk) {
   EXPECT_FALSE(readFile(root + "/hosts/A/sys_block/sdc/device/delete", &text));
 }
 
+TEST_F(SandboxTest, TheHostsCommandKeepsItsOptions) {
+  CommandResult r = admin({"host", "A", "--", "echo", "--record", "--raw"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "--record --raw\n");
+}
+
 TEST_F(SandboxTest, UnknownHostIsAClearError) {
   CommandResult r = inHost("Q", "true");
   EXPECT_NE(r.status, 0);
