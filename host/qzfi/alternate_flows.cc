@@ -102,10 +102,13 @@ int CFlows::importCopy() {
           " could not be initialised (the plug-in takes the new "
           "group away)");
   std::vector<std::string> copyDisks;
-  requireSuccess(
-      "subobjList", [&] { return alternate.subObjects(copyDisks); },
-      std::to_string(copyDisks.size()) + " sub-objects of the copy: " + joined(copyDisks),
-      "the copy's sub-objects could not be listed");
+  StepOutcome listed = runStep("subobjList", [&] { return alternate.subObjects(copyDisks); });
+  const int listStatus = listed.status;
+  finishStep(std::move(listed), listStatus == 0,
+             listStatus == 0 ? std::to_string(copyDisks.size()) +
+                                   " sub-objects of the copy: " + joined(copyDisks)
+                             : "the copy's sub-objects could not be listed (status " +
+                                   std::to_string(listStatus) + ")");
 
   const ProviderState nodeState = saveNode(node, "provider state");
   const ProviderState copyState = saveNode(alternate, "provider state of the copy");
@@ -124,7 +127,7 @@ int CFlows::importCopy() {
   m_report.result("owner_check", owner, owner);
   m_report.result("block_device", copy);
   m_report.result("raw_device", rawDevicePath(copy));
-  m_report.result("device", device, device);
+  m_report.answer("device", device, device);
   if (ownerFailed) {
     return m_report.finish(kExitFailed, "the copy " + copy +
                                             " was made but its device nodes' owner could not "

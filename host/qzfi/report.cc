@@ -88,21 +88,31 @@ void CReport::printStep(const StepOutcome& outcome) {
 }
 
 // The plug-in's messages go with a failure to standard error, whatever the
-// output form; with a success they are part of the step's story.
+// output form. A step that succeeded may have pushed some on the way (a
+// probe that failed as it may); they are told as reported, not as errors.
 void CReport::printMessages(const StepOutcome& outcome) {
   std::ostream& to = outcome.ok ? m_out : m_err;
   if (outcome.ok && m_options.quiet) {
     return;
   }
   for (const PluginMessage& message : outcome.messages) {
-    to << "    " << severityName(message.severity) << " " << message.id << ": " << message.text
-       << "\n";
+    std::string text = message.text;
+    text.erase(text.find_last_not_of(" \n\t\r") + 1);
+    to << "    " << (outcome.ok ? "reported" : severityName(message.severity)) << " " << message.id
+       << ": " << text << "\n";
   }
 }
 
 void CReport::result(const std::string& key, const Json& value, const std::string& line) {
   m_results[key] = value;
-  if (!m_options.json && !line.empty()) {
+  if (!m_options.json && !m_options.quiet && !line.empty()) {
+    m_out << line << "\n";
+  }
+}
+
+void CReport::answer(const std::string& key, const Json& value, const std::string& line) {
+  m_results[key] = value;
+  if (!m_options.json) {
     m_out << line << "\n";
   }
 }

@@ -38,9 +38,12 @@ class CReport {
   // A finished step: printed at once (human form) and kept for the totals.
   void step(StepOutcome outcome);
   // A result of the command under key for the JSON form; line (when not
-  // empty) is printed in the human form, and alone with --quiet.
+  // empty) is printed in the human form.
   void result(const std::string& key, const nlohmann::ordered_json& value,
               const std::string& line = std::string());
+  // The command's answer (a device path, whether a path is claimed): a
+  // result whose line is printed with --quiet too, alone.
+  void answer(const std::string& key, const nlohmann::ordered_json& value, const std::string& line);
   // A progress line while a step lasts (standard error with --json, nothing
   // with --quiet).
   void progress(const std::string& line);

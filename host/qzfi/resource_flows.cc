@@ -21,7 +21,7 @@ void CFlows::reportDevice(CPathOutput& paths, const std::string& step) {
   if (devices.empty()) {
     throw Failure{kExitFailed, step + " gave no device path"};
   }
-  m_report.result("device", devices.front(), devices.front());
+  m_report.answer("device", devices.front(), devices.front());
 }
 
 void CFlows::checkParentPlugin(const std::string& disk, int flags) {

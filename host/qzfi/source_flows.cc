@@ -29,7 +29,7 @@ int CFlows::claim() {
   const bool claimed = status == QFI_CLAIMED;
   const std::string answer = (claimed ? "claimed by " : "not claimed by ") + m_plugin->name();
   finishStep(std::move(outcome), true, m_options.path + " " + answer);
-  m_report.result("claimed", claimed, m_options.path + ": " + answer);
+  m_report.answer("claimed", claimed, m_options.path + ": " + answer);
   return m_report.finish(claimed ? kExitDone : kExitNotClaimed);
 }
 

@@ -173,8 +173,8 @@ class QzfiTest : public ::testing::Test {
   // 32 MB volume vol1 with a DCO log, its device nodes owned by 1001:1002,
   // and data written from seed 7.
   void makeSource(const std::string& host = "A") {
-    m_sourceDisks = parseDisks(admin(
-        {"disk", "add", "--count", "2", "--hosts", host, "--paths", "2", "--size", "64m"}));
+    m_sourceDisks = parseDisks(
+        admin({"disk", "add", "--count", "2", "--hosts", host, "--paths", "2", "--size", "64m"}));
     tool(host, "qzdisk scandisks");
     std::string members;
     for (const SimDisk& disk : m_sourceDisks) {
@@ -183,8 +183,8 @@ class QzfiTest : public ::testing::Test {
     }
     tool(host, "qzdg init dg1" + members);
     tool(host, "qzassist -g dg1 make vol1 32m logtype=dco");
-    const qzsim::CommandResult owned = sandboxed(
-        host, {"chown", "1001:1002", "/dev/qz/dsk/dg1/vol1", "/dev/qz/rdsk/dg1/vol1"});
+    const qzsim::CommandResult owned =
+        sandboxed(host, {"chown", "1001:1002", "/dev/qz/dsk/dg1/vol1", "/dev/qz/rdsk/dg1/vol1"});
     ASSERT_EQ(owned.status, 0) << owned.err;
     admin({"volume", "write", "--host", host, "dg1", "vol1", "--seed", "7"});
     m_sourceSum = checksum(host, "dg1", "vol1");
@@ -209,15 +209,16 @@ class QzfiTest : public ::testing::Test {
   // by commas for --secondary.
   std::string splitTo(const std::string& to, const std::string& from = "A") {
     Lines nodes;
-    for (const Json& path : readRecord()["sub_objects"]) {
+    const Json prepared = readRecord();
+    for (const Json& path : prepared["sub_objects"]) {
       nodes.push_back(nodeOfSubObject(path.get<std::string>()));
     }
     std::string list;
     for (const std::string& node : nodes) {
       list += (list.empty() ? "" : ",") + node;
     }
-    m_copies =
-        parseDisks(admin({"array", "split", "--disks", list, "--from-host", from, "--to-host", to}));
+    m_copies = parseDisks(
+        admin({"array", "split", "--disks", list, "--from-host", from, "--to-host", to}));
     return osPathsOf(m_copies);
   }
 

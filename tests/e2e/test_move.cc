@@ -5,8 +5,8 @@
 namespace {
 
 using qzfi_e2e::Json;
-using qzfi_e2e::QzfiTest;
 using qzfi_e2e::QzfiRun;
+using qzfi_e2e::QzfiTest;
 using qzfi_e2e::SimDisk;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;

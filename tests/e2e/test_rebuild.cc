@@ -6,8 +6,8 @@ namespace {
 
 using qzfi_e2e::Json;
 using qzfi_e2e::Lines;
-using qzfi_e2e::QzfiTest;
 using qzfi_e2e::QzfiRun;
+using qzfi_e2e::QzfiTest;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::SizeIs;
@@ -100,8 +100,8 @@ TEST_F(RebuildTest, ASecondReleaseIsRefusedAndChangesNothing) {
   const QzfiRun again = qzfi("B", {"release", "--record", record()});
   EXPECT_EQ(again.status, 3) << again;
   EXPECT_THAT(again.err, HasSubstr("qzfi release: the copy "));
-  EXPECT_THAT(again.err, HasSubstr(" was released already (record " + record() +
-                                   "); nothing was changed"));
+  EXPECT_THAT(again.err,
+              HasSubstr(" was released already (record " + record() + "); nothing was changed"));
   EXPECT_EQ(qztest::readFile(record()), before);
   EXPECT_EQ(toolRuns(), runs);
 }

@@ -6,8 +6,8 @@
 namespace {
 
 using qzfi_e2e::Json;
-using qzfi_e2e::QzfiTest;
 using qzfi_e2e::QzfiRun;
+using qzfi_e2e::QzfiTest;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
@@ -16,8 +16,9 @@ class RefusalTest : public QzfiTest {};
 TEST_F(RefusalTest, AWrongCommandLineIsAUsageError) {
   const QzfiRun run = qzfi("A", {"import", "--record", record()});
   EXPECT_EQ(run.status, 2) << run;
-  EXPECT_EQ(run.err, "qzfi: import: --secondary DISK[,DISK...] is required\n"
-                     "(qzfi help lists the commands)\n");
+  EXPECT_EQ(run.err,
+            "qzfi: import: --secondary DISK[,DISK...] is required\n"
+            "(qzfi help lists the commands)\n");
   const QzfiRun help = qzfi("A", {"help"});
   EXPECT_EQ(help.status, 0);
   EXPECT_THAT(help.out, HasSubstr("Exit codes:"));
@@ -68,9 +69,11 @@ TEST_F(RefusalTest, StepsOutOfOrderAreRefusedBeforeAnyToolRuns) {
   makeSource();
   ASSERT_EQ(qzfi("A", {"prepare", "/dev/qz/dsk/dg1/vol1", "--record", record()}).status, 0);
   const long runs = toolRuns();
-  const QzfiRun early = qzfi("B", {"import", "--record", record(), "--secondary", "/dev/sdf,/dev/sdg"});
+  const QzfiRun early =
+      qzfi("B", {"import", "--record", record(), "--secondary", "/dev/sdf,/dev/sdg"});
   EXPECT_EQ(early.status, 3) << early;
-  EXPECT_THAT(early.err, HasSubstr("the record is at the step \"prepared\", not deported or moved"));
+  EXPECT_THAT(early.err,
+              HasSubstr("the record is at the step \"prepared\", not deported or moved"));
   const QzfiRun release = qzfi("B", {"--json", "release", "--record", record()});
   EXPECT_EQ(release.status, 3);
   const Json json = release.json();
@@ -83,7 +86,8 @@ TEST_F(RefusalTest, StepsOutOfOrderAreRefusedBeforeAnyToolRuns) {
 TEST_F(RefusalTest, ARecordOfAnotherPluginIsRefused) {
   makeSource();
   ASSERT_EQ(qzfi("A", {"prepare", "/dev/qz/dsk/dg1/vol1", "--record", record()}).status, 0);
-  const QzfiRun other = qzfi("A", {"--plugin", "/opt/fi/libotherfi.so", "deport", "--record", record()});
+  const QzfiRun other =
+      qzfi("A", {"--plugin", "/opt/fi/libotherfi.so", "deport", "--record", record()});
   EXPECT_EQ(other.status, 3) << other;
   EXPECT_THAT(other.err, HasSubstr("was made through the plug-in qzvmfi, not otherfi"));
 }

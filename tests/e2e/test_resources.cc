@@ -5,8 +5,8 @@
 namespace {
 
 using qzfi_e2e::Json;
-using qzfi_e2e::QzfiTest;
 using qzfi_e2e::QzfiRun;
+using qzfi_e2e::QzfiTest;
 using qzfi_e2e::SimDisk;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -17,8 +17,8 @@ class ResourcesTest : public QzfiTest {
   // Two plain disks seen by host A, by their OS paths.
   qzfi_e2e::Lines plainDisks() {
     qzfi_e2e::Lines paths;
-    for (const SimDisk& disk :
-         qzfi_e2e::parseDisks(admin({"disk", "add", "--count", "2", "--hosts", "A", "--size", "64m"}))) {
+    for (const SimDisk& disk : qzfi_e2e::parseDisks(
+             admin({"disk", "add", "--count", "2", "--hosts", "A", "--size", "64m"}))) {
       paths.push_back("/dev/" + disk.osNames.at(0));
     }
     return paths;

@@ -3,8 +3,8 @@
 
 namespace {
 
-using qzfi_e2e::QzfiTest;
 using qzfi_e2e::QzfiRun;
+using qzfi_e2e::QzfiTest;
 using ::testing::ElementsAre;
 using ::testing::UnorderedElementsAre;
 

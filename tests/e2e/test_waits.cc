@@ -6,8 +6,8 @@
 namespace {
 
 using qzfi_e2e::Json;
-using qzfi_e2e::QzfiTest;
 using qzfi_e2e::QzfiRun;
+using qzfi_e2e::QzfiTest;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 
@@ -18,10 +18,12 @@ TEST_F(WaitTest, AProgressLineTellsTheWaitForDisksToAppear) {
   const std::string secondary = prepareSplitDeport("B");
   admin({"fault", "hide-scans", "--host", "B", "--count", "1"});
 
-  const QzfiRun imported = qzfi("B", {"--json", "import", "--record", record(), "--secondary", secondary});
+  const QzfiRun imported =
+      qzfi("B", {"--json", "import", "--record", record(), "--secondary", secondary});
   ASSERT_EQ(imported.status, 0) << imported;
-  EXPECT_THAT(imported.err, ContainsRegex("  \\.\\.\\. importTreeNode: waiting for disks to appear, "
-                                          "[0-9]+ s so far \\([0-9]+ tool runs\\)"));
+  EXPECT_THAT(imported.err,
+              ContainsRegex("  \\.\\.\\. importTreeNode: waiting for disks to appear, "
+                            "[0-9]+ s so far \\([0-9]+ tool runs\\)"));
   const Json json = imported.json();
   EXPECT_GE(json["waited_seconds"].get<double>(), 5.0);
   const auto [group, volume] = groupAndVolume(json["device"]);

@@ -76,6 +76,17 @@ TEST_F(ReportTest, AFailureGoesToStandardErrorWithThePluginsMessages) {
             "qzfi deport: deportTree failed: status 6\n");
 }
 
+TEST_F(ReportTest, MessagesOfAStepThatSucceededAreToldAsReported) {
+  Options given = options();
+  CReport report(given, out, err);
+  report.step(step("isParentPgn", true, "carries a group", 10,
+                   {{"MSG_ERROR_COMMAND_FAILED", "qzdisk rm failed: in use\n", 3, 6003}}));
+  EXPECT_EQ(out.str(),
+            "  isParentPgn               0.250 s   10 tool runs  carries a group\n"
+            "    reported MSG_ERROR_COMMAND_FAILED: qzdisk rm failed: in use\n");
+  EXPECT_EQ(err.str(), "");
+}
+
 TEST_F(ReportTest, QuietPrintsOnlyResultsAndFailures) {
   Options given = options();
   given.quiet = true;
@@ -83,7 +94,8 @@ TEST_F(ReportTest, QuietPrintsOnlyResultsAndFailures) {
   report.begin("import");
   report.step(step("importTreeNode", true, "built", 40));
   report.progress("  ... importTreeNode: waiting");
-  report.result("device", "/dev/qz/dsk/dg1_1/vol1", "/dev/qz/dsk/dg1_1/vol1");
+  report.result("record", "r.json", "record: r.json");
+  report.answer("device", "/dev/qz/dsk/dg1_1/vol1", "/dev/qz/dsk/dg1_1/vol1");
   report.finish(0);
   EXPECT_EQ(out.str(), "/dev/qz/dsk/dg1_1/vol1\n");
   EXPECT_EQ(err.str(), "");
