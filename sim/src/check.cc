@@ -175,9 +175,10 @@ void checkGroups(Db& db, const std::string& root, Problems& p) {
   }
   // A disk imported on two hosts at once is safe only in a shared group.
   for (const auto& r :
-       db.query("SELECT d.lun, group_concat(i.host || ':' || i.dgname, ' ') FROM members m "
-                "JOIN imports i ON i.host=m.host AND i.dgid=m.dgid JOIN disks d ON d.id=m.disk "
-                "GROUP BY m.disk HAVING count(*) > 1 AND min(i.shared) = 0"))
+       db.query("SELECT lun, group_concat(who, ' ') FROM (SELECT d.lun AS lun, m.disk AS disk, "
+                "i.host || ':' || i.dgname AS who, i.shared AS shared FROM members m JOIN "
+                "imports i ON i.host=m.host AND i.dgid=m.dgid JOIN disks d ON d.id=m.disk "
+                "ORDER BY m.disk, i.host) GROUP BY disk HAVING count(*) > 1 AND min(shared) = 0"))
     p.push_back(r[0].s + " is in groups imported on several hosts without sharing: " + r[1].s);
 }
 

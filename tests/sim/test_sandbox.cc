@@ -81,6 +81,45 @@ TEST_F(SandboxTest, WritingDeleteDetachesTheDisk) {
   EXPECT_FALSE(readFile(root + "/hosts/A/sys_block/sdc/device/delete", &text));
 }
 
+TEST_F(SandboxTest, DeviceNodesHaveOwnersThatStatShowsAndChownChanges) {
+  CommandResult r = inHost("A",
+                           "stat -L -c '%n %u %g %a' /dev/sdb /dev/sdc /dev/qz/dmp/qzarr0_0s3 "
+                           "/dev/qz/rdmp/qzarr0_1 /dev/qz/dsk/dg1/vol1 /dev/qz/rdsk/dg1/vol1 && "
+                           "chown 1001:1002 /dev/sdb /dev/qz/rdsk/dg1/vol1 && "
+                           "chmod 640 /dev/qz/rdmp/qzarr0_1");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "/dev/sdb 0 0 660\n/dev/sdc 0 0 660\n/dev/qz/dmp/qzarr0_0s3 0 0 660\n"
+            "/dev/qz/rdmp/qzarr0_1 0 0 660\n/dev/qz/dsk/dg1/vol1 0 0 600\n"
+            "/dev/qz/rdsk/dg1/vol1 0 0 600\n");
+  auto rows = lines(adminOk({"node", "list", "--host", "A", "/dev/qz/rdmp/qzarr0_1",
+                             "/dev/qz/rdsk/dg1/vol1", "/dev/sdb"}));
+  ASSERT_EQ(rows.size(), 4u);
+  EXPECT_EQ(splitBlanks(rows[1]),
+            (std::vector<std::string>{"/dev/qz/rdmp/qzarr0_1", "0", "0", "0640"}));
+  EXPECT_EQ(splitBlanks(rows[2]),
+            (std::vector<std::string>{"/dev/qz/rdsk/dg1/vol1", "1001", "1002", "0600"}));
+  EXPECT_EQ(splitBlanks(rows[3]), (std::vector<std::string>{"/dev/sdb", "1001", "1002", "0660"}));
+  // The next sandbox of the host, after a re-import, shows the same.
+  ok("A", "qzdg deport dg1");
+  ok("A", "qzdg import dg1");
+  r = inHost("A", "stat -L -c '%u %g' /dev/sdb /dev/qz/rdsk/dg1/vol1");
+  EXPECT_EQ(r.out, "1001 1002\n1001 1002\n") << r.err;
+  // Each host sees its own disks only.
+  r = inHost("B", "test ! -e /dev/sdb && test ! -e /dev/qz/dmp/qzarr0_0");
+  EXPECT_EQ(r.status, 0) << r.err;
+}
+
+TEST_F(SandboxTest, RestOfDevKeepsWorking) {
+  CommandResult r = inHost("A",
+                           "echo x > /dev/null && head -c 8 /dev/zero | wc -c && "
+                           "head -c 8 /dev/urandom | wc -c && test -c /dev/random && "
+                           "test -d /dev/pts && test -d /dev/shm && echo y > /dev/shm/qzsim-$$ && "
+                           "rm /dev/shm/qzsim-$$ && ls /dev/fd/0 && test -e /dev/stdout");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "8\n8\n/dev/fd/0\n");
+}
+
 TEST_F(SandboxTest, UnknownHostIsAClearError) {
   CommandResult r = inHost("Q", "true");
   EXPECT_NE(r.status, 0);
