@@ -129,40 +129,29 @@ TEST_F(SandboxTest, UnknownHostIsAClearError) {
 // The library: one process acts as host A, then as host B, in its own
 // namespace (a child here, so that this test process stays outside).
 TEST_F(SandboxTest, LibrarySwitchesHostsInOneProcess) {
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    std::string err;
-    int code = 0;
-    if (!enterNamespace(&err) || !actAsHost(root, "A", &err))
-      code = 10;
-    else if (access("/usr/sbin/qzdmpadm", X_OK) != 0)
-      code = 11;
-    else if (runCommand({"/usr/sbin/qzdg", "list"}).out.find("dg1") == std::string::npos)
-      code = 12;
-    else if (access("/dev/qz/dsk/dg1/vol1", F_OK) != 0)
-      code = 13;
-    else if (!actAsHost(root, "B", &err))
-      code = 14;
-    else if (access("/usr/sbin/qzdmpadm", F_OK) == 0)
-      code = 15;
-    else if (std::string(getenv("QZSIM_HOST")) != "B")
-      code = 16;
-    else if (runCommand({"/usr/sbin/qzdg", "list"}).out.find("dg1") != std::string::npos)
-      code = 17;
-    else if (access("/dev/qz/dsk/dg1", F_OK) == 0)
-      code = 18;
-    leaveHost();
-    if (code == 0 && access("/usr/sbin/qzdg", F_OK) == 0)
-      code = 19;
-    if (code)
-      fprintf(stderr, "sandbox step %d: %s\n", code, err.c_str());
-    _exit(code);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(inChild([&](std::string* err) {
+              if (!enterNamespace(err) || !actAsHost(root, "A", err))
+                return 10;
+              if (access("/usr/sbin/qzdmpadm", X_OK) != 0)
+                return 11;
+              if (runCommand({"/usr/sbin/qzdg", "list"}).out.find("dg1") == std::string::npos)
+                return 12;
+              if (access("/dev/qz/dsk/dg1/vol1", F_OK) != 0)
+                return 13;
+              if (!actAsHost(root, "B", err))
+                return 14;
+              if (access("/usr/sbin/qzdmpadm", F_OK) == 0)
+                return 15;
+              if (std::string(getenv("QZSIM_HOST")) != "B")
+                return 16;
+              if (runCommand({"/usr/sbin/qzdg", "list"}).out.find("dg1") != std::string::npos)
+                return 17;
+              if (access("/dev/qz/dsk/dg1", F_OK) == 0)
+                return 18;
+              leaveHost();
+              return access("/usr/sbin/qzdg", F_OK) == 0 ? 19 : 0;
+            }),
+            0);
 }
 
 }  // namespace qzsim

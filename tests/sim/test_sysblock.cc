@@ -1,4 +1,3 @@
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -51,41 +50,31 @@ TEST_F(SysBlockTest, OnlyOneIsWrittenAndNothingIsRead) {
 // What the plug-in does in its own process: append "1" to each delete file;
 // a second attempt finds nothing to open. Paths attached later show at once.
 TEST_F(SysBlockTest, LibraryProcessSeesPathsComeAndGo) {
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    std::string err;
-    int code = 0;
-    auto append = [](const char* path) {
-      FILE* f = fopen(path, "a");
-      if (!f)
-        return errno;
-      fputs("1", f);
-      return fclose(f) == 0 ? 0 : -1;
-    };
-    if (!enterNamespace(&err) || !actAsHost(root, "A", &err))
-      code = 10;
-    else if (append("/sys/block/sdb/device/delete") != 0)
-      code = 11;
-    else if (append("/sys/block/sdb/device/delete") != ENOENT)
-      code = 12;
-    else if (access("/dev/sdb", F_OK) == 0)
-      code = 13;
-    else if (simAdmin(root, {"disk", "add", "--hosts", "A"}).status != 0)
-      code = 14;
-    else if (access("/sys/block/sde/device/delete", F_OK) != 0 || access("/dev/sde", F_OK) != 0)
-      code = 15;
-    leaveHost();
-    if (code == 0 && access("/dev/sde", F_OK) == 0)
-      code = 16;
-    if (code)
-      fprintf(stderr, "step %d: %s\n", code, err.c_str());
-    _exit(code);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  auto append = [](const char* path) {
+    FILE* f = fopen(path, "a");
+    if (!f)
+      return errno;
+    fputs("1", f);
+    return fclose(f) == 0 ? 0 : -1;
+  };
+  EXPECT_EQ(
+      inChild([&](std::string* err) {
+        if (!enterNamespace(err) || !actAsHost(root, "A", err))
+          return 10;
+        if (append("/sys/block/sdb/device/delete") != 0)
+          return 11;
+        if (append("/sys/block/sdb/device/delete") != ENOENT)
+          return 12;
+        if (access("/dev/sdb", F_OK) == 0)
+          return 13;
+        if (simAdmin(root, {"disk", "add", "--hosts", "A"}).status != 0)
+          return 14;
+        if (access("/sys/block/sde/device/delete", F_OK) != 0 || access("/dev/sde", F_OK) != 0)
+          return 15;
+        leaveHost();
+        return access("/dev/sde", F_OK) == 0 ? 16 : 0;
+      }),
+      0);
   EXPECT_EQ(lines(ok("A", "qzdisk list")).size(), 2u);
 }
 
