@@ -7,15 +7,18 @@
 #include <unicode/msgfmt.h>
 #include <unicode/numberformatter.h>
 #include <unicode/ures.h>
+#include <unicode/utf16.h>
+#include <unicode/utf8.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <set>
 
-#ifndef QZFI_DEFAULT_CATALOG_DIR
-#define QZFI_DEFAULT_CATALOG_DIR "/usr/share/qzfi/catalog"
-#endif
+#include "qzfi/folders.h"
 
 namespace qzfi_pdk_4_4 {
 
@@ -24,12 +27,11 @@ namespace {
 const char kSerialTag[] = "QZFIMSG1";
 const char kFieldSeparator = '|';
 const char kEscape = '\\';
-
-tstring toUtf8(const icu::UnicodeString& text) {
-  std::string out;
-  text.toUTF8String(out);
-  return out;
-}
+// A byte b that is not part of valid UTF-8 travels as the code unit
+// kByteEscape + b; only bytes from 0x80 up can be such bytes.
+const UChar32 kByteEscape = 0xDC00;
+const UChar32 kFirstEscapedByte = kByteEscape + 0x80;
+const UChar32 kLastEscapedByte = kByteEscape + 0xFF;
 
 // Numbers as plain digits: argument texts are read by programs too, so no
 // locale grouping.
@@ -38,7 +40,7 @@ tstring doubleText(double value) {
   auto formatter =
       icu::number::NumberFormatter::withLocale(icu::Locale::getRoot()).grouping(UNUM_GROUPING_OFF);
   icu::UnicodeString text = formatter.formatDouble(value, status).toString(status);
-  return U_SUCCESS(status) ? toUtf8(text) : std::to_string(value);
+  return U_SUCCESS(status) ? CFiIcuMessage::bytesOfText(text) : std::to_string(value);
 }
 
 // Any other kind (date, array, object) as ICU's MessageFormat shows it.
@@ -48,14 +50,14 @@ tstring formattedText(const icu::Formattable& arg) {
   icu::FieldPosition position;
   icu::MessageFormat format(icu::UnicodeString("{0}"), icu::Locale::getRoot(), status);
   format.format(&arg, 1, text, position, status);
-  return U_SUCCESS(status) ? toUtf8(text) : tstring();
+  return U_SUCCESS(status) ? CFiIcuMessage::bytesOfText(text) : tstring();
 }
 
 tstring formattableText(const icu::Formattable& arg) {
   switch (arg.getType()) {
     case icu::Formattable::kString: {
       icu::UnicodeString text;
-      return toUtf8(arg.getString(text));
+      return CFiIcuMessage::bytesOfText(arg.getString(text));
     }
     case icu::Formattable::kLong:
       return std::to_string(arg.getLong());
@@ -179,7 +181,7 @@ bool deserializeArgument(const tstring& field, icu::Formattable& arg) {
   double real = 0;
   switch (field[0]) {
     case 's':
-      arg = icu::Formattable(icu::UnicodeString::fromUTF8(value));
+      arg = icu::Formattable(CFiIcuMessage::textOfBytes(value));
       return true;
     case 'l':
       if (!parseInt64(value, number) || number < INT32_MIN || number > INT32_MAX) {
@@ -210,21 +212,35 @@ bool deserializeArgument(const tstring& field, icu::Formattable& arg) {
   }
 }
 
-// Highest argument number the pattern names, -1 when it names none.
-int highestArgument(const icu::UnicodeString& pattern) {
+// The numbered arguments of a pattern: the highest number (-1 when it names
+// none), and those that stand only at plain {n} places.
+struct PatternArguments {
+  int highest = -1;
+  std::set<int> plainOnly;
+};
+
+PatternArguments patternArguments(const icu::UnicodeString& pattern) {
+  PatternArguments found;
   UErrorCode status = U_ZERO_ERROR;
   icu::MessagePattern parsed(pattern, nullptr, status);
-  int highest = -1;
   if (U_FAILURE(status)) {
-    return highest;
+    return found;
   }
-  for (int32_t i = 0; i < parsed.countParts(); ++i) {
-    const icu::MessagePattern::Part& part = parsed.getPart(i);
-    if (part.getType() == UMSGPAT_PART_TYPE_ARG_NUMBER && part.getValue() > highest) {
-      highest = part.getValue();
+  std::set<int> plain;
+  std::set<int> typed;
+  for (int32_t i = 0; i + 1 < parsed.countParts(); ++i) {
+    const icu::MessagePattern::Part& start = parsed.getPart(i);
+    const icu::MessagePattern::Part& number = parsed.getPart(i + 1);
+    if (start.getType() != UMSGPAT_PART_TYPE_ARG_START ||
+        number.getType() != UMSGPAT_PART_TYPE_ARG_NUMBER) {
+      continue;
     }
+    found.highest = std::max(found.highest, number.getValue());
+    (start.getArgType() == UMSGPAT_ARG_TYPE_NONE ? plain : typed).insert(number.getValue());
   }
-  return highest;
+  std::set_difference(plain.begin(), plain.end(), typed.begin(), typed.end(),
+                      std::inserter(found.plainOnly, found.plainOnly.end()));
+  return found;
 }
 
 tstring catalogFolder(const tstring& folder) {
@@ -232,7 +248,7 @@ tstring catalogFolder(const tstring& folder) {
   if (env != nullptr && *env != '\0') {
     return env;
   }
-  return folder.empty() ? tstring(QZFI_DEFAULT_CATALOG_DIR) : folder;
+  return folder.empty() ? getInstallFolder(CFiInstallFolder::catalogs) : folder;
 }
 
 UResourceBundle* bundleOf(void* handle) {
@@ -290,6 +306,46 @@ CFiIcuMessage::CFiIcuMessage(const char* identifier, const icu::Formattable* arg
 
 tstring CFiIcuMessage::argumentText(size_t i) const {
   return i < m_args.size() ? formattableText(m_args[i]) : tstring();
+}
+
+icu::UnicodeString CFiIcuMessage::textOfBytes(const tstring& bytes) {
+  const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
+  const auto length = static_cast<int32_t>(bytes.size());
+  icu::UnicodeString text;
+  for (int32_t at = 0; at < length;) {
+    const int32_t start = at;
+    UChar32 c = 0;
+    U8_NEXT(data, at, length, c);
+    if (c >= 0) {
+      text.append(c);
+      continue;
+    }
+    // An ill-formed sequence: every byte of it on its own.
+    for (int32_t i = start; i < at; ++i) {
+      text.append(static_cast<char16_t>(kByteEscape + data[i]));
+    }
+  }
+  return text;
+}
+
+tstring CFiIcuMessage::bytesOfText(const icu::UnicodeString& text) {
+  tstring bytes;
+  for (int32_t at = 0; at < text.length();) {
+    UChar32 c = text.char32At(at);
+    at += U16_LENGTH(c);
+    if (c >= kFirstEscapedByte && c <= kLastEscapedByte) {
+      bytes += static_cast<char>(c - kByteEscape);
+      continue;
+    }
+    if (U_IS_SURROGATE(c)) {
+      c = 0xFFFD;
+    }
+    char encoded[U8_MAX_LENGTH];
+    int32_t used = 0;
+    U8_APPEND_UNSAFE(encoded, used, c);
+    bytes.append(encoded, used);
+  }
+  return bytes;
 }
 
 tstring CFiIcuMessage::serialize() const {
@@ -375,9 +431,14 @@ bool CFiMessageCatalogFactory::format(const CFiIcuMessage& message, const tstrin
   // Places the caller gave no argument for stay empty rather than showing
   // their "{n}".
   std::vector<icu::Formattable> args = message.getArguments();
-  int highest = highestArgument(pattern);
-  if (static_cast<int>(args.size()) <= highest) {
-    args.resize(highest + 1, icu::Formattable(icu::UnicodeString()));
+  const PatternArguments places = patternArguments(pattern);
+  if (static_cast<int>(args.size()) <= places.highest) {
+    args.resize(places.highest + 1, icu::Formattable(icu::UnicodeString()));
+  }
+  for (int n : places.plainOnly) {
+    if (args[n].isNumeric()) {
+      args[n] = icu::Formattable(CFiIcuMessage::textOfBytes(formattableText(args[n])));
+    }
   }
   icu::UnicodeString result;
   icu::FieldPosition position;
@@ -385,7 +446,7 @@ bool CFiMessageCatalogFactory::format(const CFiIcuMessage& message, const tstrin
   if (U_FAILURE(status)) {
     return false;
   }
-  text = toUtf8(result);
+  text = CFiIcuMessage::bytesOfText(result);
   return true;
 }
 

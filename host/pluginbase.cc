@@ -55,7 +55,7 @@ CFiIcuMessage messageOf(const qfi_msg_info& info) {
   std::vector<icu::Formattable> args;
   for (int32_t i = 0; info.args != nullptr && i < info.nargs; ++i) {
     const char* arg = info.args[i] != nullptr ? info.args[i] : "";
-    args.emplace_back(icu::UnicodeString::fromUTF8(arg));
+    args.emplace_back(CFiIcuMessage::textOfBytes(arg));
   }
   return CFiIcuMessage(info.id, args.data(), static_cast<int>(args.size()), info.severity,
                        info.source, info.line);

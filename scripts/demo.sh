@@ -60,7 +60,7 @@ step "Every tool run of the rehearsal, and a consistency check of the simulator'
 "$qzsim" check
 
 echo
-echo "Built: build/src/libqzvmfi.so (the plug-in), build/host/libqzfi_pdk.so (the reference"
+echo "Built: build/lib/qzfi/plugins/libqzvmfi.so (the plug-in), build/lib/libqzfi_pdk.so (the reference"
 echo "framework), build/sim/qzsim (the simulator, see sim/README.md)."
 echo "The plug-in's own flow through the qzfi host program is not there yet; its engine and"
 echo "command layer run on the simulator in the integration tests: ./scripts/test.sh"

@@ -3,12 +3,8 @@
 #include <stdio.h>
 #include <string.h>
 
-#include <stdexcept>
-
 #include "report.h"
 
-using qzfi_pdk_4_4::CFiError;
-using qzfi_pdk_4_4::CFiUdidException;
 using qzvmfi_report::pushError;
 using Names = std::vector<std::string>;
 
@@ -27,33 +23,6 @@ std::string joinNames(const Names& names) {
     joined += (joined.empty() ? "" : " ") + name;
   }
   return joined;
-}
-
-// Runs body and turns what it throws into failure, reporting all but the
-// command layer's own exception, which has been reported where it arose.
-template <class Body>
-int reportingExceptions(const char* operation, int failure, Body body) {
-  try {
-    return body();
-  } catch (const CQzVMCliException&) {
-    return failure;
-  } catch (const CFiError& error) {
-    pushError(
-        "MSG_ERROR_UNHANDLED_FIERROR_EXCEPTION",
-        {error.getMessageId(), error.getText(), error.getWhere(), std::to_string(error.getLine())},
-        kSource, __LINE__);
-  } catch (const CFiUdidException& error) {
-    pushError("MSG_ERROR_UDID_PARSING_EXCEPTION",
-              {error.getText(), std::to_string(error.getCode())}, kSource, __LINE__);
-  } catch (const std::runtime_error& error) {
-    pushError("MSG_ERROR_UNHANDLED_RUNTIME_EXCEPTION",
-              {"std::runtime_error", error.what(), operation, std::to_string(__LINE__)}, kSource,
-              __LINE__);
-  } catch (int value) {
-    pushError("MSG_ERROR_UNHANDLED_INT_EXCEPTION",
-              {std::to_string(value), kSource, std::to_string(__LINE__)}, kSource, __LINE__);
-  }
-  return failure;
 }
 
 }  // namespace
@@ -122,7 +91,7 @@ void CQzVMEngine::registerTraceLog(const qzfi_pdk_4_4::CFiTraceLogPtr& log) {
 
 int CQzVMEngine::initEngine() {
   QZ_ENGINE_ENTER("initEngine");
-  return reportingExceptions("initEngine", 6, [this] {
+  return qzvmfi_report::reportingExceptions({"initEngine", kSource, __LINE__}, 6, [this] {
     CQzVMConfiguration configuration;
     configuration.checkConfigFile(1);
     SQzVMCliPath read;

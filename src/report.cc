@@ -4,20 +4,52 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include <unicode/unistr.h>
+using qzfi_pdk_4_4::CFiIcuMessage;
 
 namespace qzvmfi_report {
 
-void pushError(const char* identifier, std::initializer_list<std::string> args,
+MessageArg::MessageArg(const std::string& bytes) : m_value(CFiIcuMessage::textOfBytes(bytes)) {}
+
+MessageArg::MessageArg(const char* bytes)
+    : MessageArg(std::string(bytes != nullptr ? bytes : "")) {}
+
+MessageArg::MessageArg(int number) : m_value(static_cast<int32_t>(number)) {}
+
+MessageArg::MessageArg(long number) : m_value(static_cast<int64_t>(number)) {}
+
+MessageArg::MessageArg(long long number) : m_value(static_cast<int64_t>(number)) {}
+
+void pushError(const char* identifier, std::initializer_list<MessageArg> args,
                const char* sourceFile, int line) {
   std::vector<icu::Formattable> values;
   values.reserve(args.size());
-  for (const std::string& arg : args) {
-    values.emplace_back(icu::UnicodeString::fromUTF8(arg));
+  for (const MessageArg& arg : args) {
+    values.push_back(arg.value());
   }
-  qzfi_pdk_4_4::CFiIcuMessagePtr message(new qzfi_pdk_4_4::CFiIcuMessage(
+  qzfi_pdk_4_4::CFiIcuMessagePtr message(new CFiIcuMessage(
       identifier, values.data(), static_cast<int>(values.size()), 3, sourceFile, line));
   qzvmfi_ctx::ErrorManager::instance()->pushError(message);
+}
+
+void reportFiError(const Site& site, const qzfi_pdk_4_4::CFiError& error) {
+  pushError("MSG_ERROR_UNHANDLED_FIERROR_EXCEPTION",
+            {error.getMessageId(), error.getText(), error.getWhere(), error.getLine()}, site.file,
+            site.line);
+}
+
+void reportUdidError(const Site& site, const qzfi_pdk_4_4::CFiUdidException& error) {
+  pushError("MSG_ERROR_UDID_PARSING_EXCEPTION", {error.getText(), error.getCode()}, site.file,
+            site.line);
+}
+
+void reportRuntimeError(const Site& site, const std::runtime_error& error) {
+  pushError("MSG_ERROR_UNHANDLED_RUNTIME_EXCEPTION",
+            {"std::runtime_error", error.what(), site.operation, site.line}, site.file, site.line);
+}
+
+void reportIntThrown(const Site& site, int value) {
+  pushError("MSG_ERROR_UNHANDLED_INT_EXCEPTION", {value, site.file, site.line}, site.file,
+            site.line);
 }
 
 std::string joinLines(const std::vector<std::string>& lines) {

@@ -29,6 +29,15 @@ class CFiIcuMessage : public virtual CFiRefCount {
   // Argument i as text (strings as they are, numbers in decimal).
   tstring argumentText(size_t i) const;
 
+  // String arguments are often byte strings (names, paths, a tool's output)
+  // that need not be UTF-8. textOfBytes reads valid UTF-8 as text and
+  // carries each other byte b as the lone surrogate U+DC00 + b, which no
+  // UTF-8 text yields; bytesOfText turns such a text back into the very
+  // bytes. Argument texts, resolved catalogue texts and the serial form all
+  // read string arguments this way.
+  static icu::UnicodeString textOfBytes(const tstring& bytes);
+  static tstring bytesOfText(const icu::UnicodeString& text);
+
   // One-line text form that deserialize reads back, for carrying a message
   // between processes.
   tstring serialize() const;
@@ -46,7 +55,8 @@ using CFiIcuMessagePtr = CFiSmartPtr<CFiIcuMessage>;
 
 // Resolves identifiers in one ICU resource bundle (genrb output). The bundle
 // "root" of provider P is read from "<QZFI_CATALOG_DIR>/P/root.res"; without
-// the variable, from the folder given to the constructor.
+// the variable, from the folder given to the constructor, and without that,
+// from the installed catalogues (getInstallFolder).
 class CFiMessageCatalogFactory : public virtual CFiRefCount {
  public:
   CFiMessageCatalogFactory(const tstring& bundle, const tstring& provider,
@@ -55,7 +65,9 @@ class CFiMessageCatalogFactory : public virtual CFiRefCount {
 
   const tstring& getProvider() const { return m_provider; }
   // Catalogue text of the identifier with its arguments filled in by ICU's
-  // MessageFormat; false when the identifier is not in the bundle.
+  // MessageFormat; false when the identifier is not in the bundle. A number
+  // at a plain {n} place prints as plain digits, without the locale's
+  // grouping: such numbers are lines, statuses and codes.
   bool format(const CFiIcuMessage& message, const tstring& language, tstring& text) const;
   // Position of the identifier in the bundle, -1 when absent.
   int indexOf(const tstring& identifier) const;

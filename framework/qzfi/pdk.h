@@ -5,6 +5,7 @@
 #include "configuration.h"
 #include "errors.h"
 #include "execpipe.h"
+#include "folders.h"
 #include "messages.h"
 #include "pluginbase.h"
 #include "privatedata.h"

@@ -154,6 +154,15 @@ TEST_F(MessagesTest, CatalogueFolderComesFromTheEnvironmentFirst) {
   EXPECT_EQ(-1, missing.indexOf("MSG_TEST_ALPHA"));
 }
 
+TEST_F(MessagesTest, WithoutEnvironmentOrFolderTheInstalledCatalogueIsRead) {
+  unsetenv("QZFI_CATALOG_DIR");
+  CFiMessageCatalogFactory installed("root", kProvider);
+  ASSERT_TRUE(installed.isOpen());
+  std::string text;
+  EXPECT_TRUE(installed.format(*message("MSG_TEST_COPY", texts({"copy", "/a", "/b"})), "", text));
+  EXPECT_EQ("copy: could not copy /a to /b.", text);
+}
+
 TEST_F(MessagesTest, ManagerAsksEachFactoryInTurn) {
   CFiMessageCatalogManager manager;
   manager.setMessageIndexOffset(100);
@@ -197,6 +206,84 @@ TEST(IcuMessage, SerializeThenDeserializeKeepsEveryField) {
   EXPECT_TRUE(copy.getArguments() == original.getArguments());
   EXPECT_EQ(icu::Formattable::kInt64, copy.getArguments()[2].getType());
   EXPECT_EQ(text, copy.serialize());
+}
+
+// Bytes as a tool may print them: Latin-1, stray continuation bytes, a cut
+// sequence, an encoded surrogate, and valid UTF-8 around them.
+const std::string kToolBytes =
+    "caf\xe9 \x80\xbf \xe2\x82 \xed\xa0\x80 \xc3\xa9t\xc3\xa9 \xf0\x9f\x92\xbe";
+
+TEST_F(MessagesTest, ByteArgumentsComeBackByteForByte) {
+  std::vector<icu::Formattable> args = {icu::Formattable(CFiIcuMessage::textOfBytes(kToolBytes)),
+                                        icu::Formattable(CFiIcuMessage::textOfBytes("/dev/sdb")),
+                                        icu::Formattable(CFiIcuMessage::textOfBytes(kToolBytes))};
+  errors->pushError(message("MSG_TEST_COPY", args));
+  EXPECT_EQ(kToolBytes, errors->errors()[0]->argumentText(0));
+
+  qfi_msg_info* list = nullptr;
+  ASSERT_EQ(0, errors->getLastError(&list));
+  ASSERT_NE(nullptr, list);
+  EXPECT_EQ(kToolBytes, std::string(list->args[0]));
+  EXPECT_EQ(kToolBytes + ": could not copy /dev/sdb to " + kToolBytes + ".",
+            std::string(list->text));
+  CFiErrorManager::delLastError(&list);
+}
+
+TEST_F(MessagesTest, ByteArgumentsWithoutCatalogueComeBackInTheFallback) {
+  errors->pushError(
+      message("MSG_NOT_IN_CATALOGUE", {icu::Formattable(CFiIcuMessage::textOfBytes(kToolBytes))}));
+  qfi_msg_info* list = nullptr;
+  ASSERT_EQ(0, errors->getLastError(&list));
+  ASSERT_NE(nullptr, list);
+  EXPECT_EQ("MSG_NOT_IN_CATALOGUE [" + kToolBytes + "]", std::string(list->text));
+  CFiErrorManager::delLastError(&list);
+}
+
+TEST_F(MessagesTest, NumbersAtPlainPlacesPrintWithoutGrouping) {
+  std::vector<icu::Formattable> count = texts({"scan"});
+  count.emplace_back(static_cast<int32_t>(1234567));
+  errors->pushError(message("MSG_TEST_COUNT", count));
+  std::vector<icu::Formattable> wide = texts({"scan"});
+  wide.emplace_back(static_cast<int64_t>(-12345678901LL));
+  errors->pushError(message("MSG_TEST_COUNT", wide));
+
+  qfi_msg_info* list = nullptr;
+  ASSERT_EQ(0, errors->getLastError(&list));
+  ASSERT_NE(nullptr, list);
+  EXPECT_STREQ("scan found -12345678901 disks.", list->text);
+  EXPECT_STREQ("-12345678901", list->args[1]);
+  ASSERT_NE(nullptr, list->next);
+  EXPECT_STREQ("scan found 1234567 disks.", list->next->text);
+  CFiErrorManager::delLastError(&list);
+}
+
+TEST_F(MessagesTest, NumbersAtTypedPlacesFollowTheirPattern) {
+  std::vector<icu::Formattable> size = texts({"disk"});
+  size.emplace_back(static_cast<int32_t>(1234567));
+  EXPECT_EQ("disk holds 1,234,567 bytes.",
+            catalog->getLocalizedMessage(*message("MSG_TEST_SIZE", size)));
+}
+
+TEST(IcuMessage, BytesOfTextUndoesTextOfBytes) {
+  std::string every;
+  for (int b = 0; b < 256; ++b) {
+    every += static_cast<char>(b);
+  }
+  for (const std::string& bytes : {every, kToolBytes, std::string(), std::string("plain")}) {
+    EXPECT_EQ(bytes, CFiIcuMessage::bytesOfText(CFiIcuMessage::textOfBytes(bytes)));
+  }
+  // Valid UTF-8 is read as text, not escaped.
+  EXPECT_EQ(icu::UnicodeString::fromUTF8("\xc3\xa9t\xc3\xa9"),
+            CFiIcuMessage::textOfBytes("\xc3\xa9t\xc3\xa9"));
+  EXPECT_EQ(1, CFiIcuMessage::textOfBytes("\xff").length());
+}
+
+TEST(IcuMessage, SerializedByteArgumentsComeBackByteForByte) {
+  icu::Formattable arg(CFiIcuMessage::textOfBytes(kToolBytes));
+  CFiIcuMessage original("MSG_BYTES", &arg, 1, 3, "file", 1);
+  CFiIcuMessage copy;
+  ASSERT_TRUE(copy.deserialize(original.serialize()));
+  EXPECT_EQ(kToolBytes, copy.argumentText(0));
 }
 
 TEST(IcuMessage, MalformedTextIsRejectedAndLeavesTheMessage) {

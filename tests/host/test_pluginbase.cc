@@ -187,6 +187,23 @@ class PluginErrorsTest : public ::testing::Test {
   }
   void TearDown() override { unsetenv("QZFI_CATALOG_DIR"); }
 
+  // The catalogue text of a framework record with these argument texts.
+  std::string localeText(const char* id, std::vector<std::string> texts) {
+    std::vector<char*> args;
+    for (std::string& text : texts) {
+      args.push_back(&text[0]);
+    }
+    qfi_msg_info info{};
+    info.id = const_cast<char*>(id);
+    info.nargs = static_cast<int32_t>(args.size());
+    info.args = args.data();
+    char* text = nullptr;
+    EXPECT_EQ(0, plugin.getLocaleMessage(nullptr, &info, "en", &text));
+    const std::string resolved = text != nullptr ? text : "";
+    plugin.delLocaleMessage(&text);
+    return resolved;
+  }
+
   CFiMessageCatalogManagerPtr catalog;
   CFiErrorManagerPtr errors;
   CFiPluginBase plugin;
@@ -225,6 +242,15 @@ TEST_F(PluginErrorsTest, LocaleMessageIsTheCatalogueText) {
   EXPECT_EQ(0, plugin.delLocaleMessage(&text));
   EXPECT_EQ(nullptr, text);
   EXPECT_EQ(3, plugin.getLocaleMessage(&code, nullptr, "en", &text));
+}
+
+TEST_F(PluginErrorsTest, LocaleMessageKeepsTheBytesOfItsArguments) {
+  EXPECT_EQ("qzdg: could not copy caf\xe9 \xff to \xc3\xa9t\xc3\xa9 \x80.",
+            localeText("MSG_TEST_COPY", {"qzdg", "caf\xe9 \xff", "\xc3\xa9t\xc3\xa9 \x80"}));
+}
+
+TEST_F(PluginErrorsTest, LocaleMessageShowsNumbersFromTheRecordAsPrinted) {
+  EXPECT_EQ("scan found 1234567 disks.", localeText("MSG_TEST_COUNT", {"scan", "1234567"}));
 }
 
 TEST(PluginBase, WithoutErrorManagerThereIsNoLastError) {

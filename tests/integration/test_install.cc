@@ -1,5 +1,6 @@
 // Installation probes on hosts with and without the package and its optional
 // tools.
+#include "plugin/exports.h"
 #include "sim_host_env.h"
 
 namespace {
@@ -7,6 +8,15 @@ namespace {
 using qzvmfi_it::SimHostTest;
 
 class InstallTest : public SimHostTest {};
+
+// The plug-in started through its entry points, as a framework starts it.
+class PluginStartTest : public SimHostTest {
+ protected:
+  void TearDown() override {
+    qzvmfi_fi_pgn_fini();
+    SimHostTest::TearDown();
+  }
+};
 
 TEST_F(InstallTest, FullHostHasThePackageAndEveryOptionalTool) {
   admin({"host", "add", "A"});
@@ -47,6 +57,45 @@ TEST_F(InstallTest, EachHostSeesItsOwnTools) {
   EXPECT_TRUE(support().isVSetAvailable());
   actAs("A");
   EXPECT_TRUE(support().isQzDMPInstalled());
+}
+
+TEST_F(PluginStartTest, PluginStartsOnAHostWithThePackage) {
+  admin({"host", "add", "A"});
+  actAs("A");
+  qfi_version version{};
+  EXPECT_EQ(0, qzvmfi_fi_pgn_init(nullptr, &version, "qzfi"));
+  EXPECT_EQ(7, version.major);
+  qfi_msg_info* list = nullptr;
+  ASSERT_EQ(0, qzvmfi_fi_pgn_get_last_error(&list));
+  EXPECT_EQ(nullptr, list);
+}
+
+// A missing installation pushes nothing of the plug-in's own: the one
+// message is the install probe's, with rpm's listing.
+TEST_F(PluginStartTest, PluginDoesNotStartOnAHostWithoutThePackage) {
+  admin({"host", "add", "C", "--not-installed"});
+  actAs("C");
+  qfi_version version{};
+  EXPECT_EQ(30, qzvmfi_fi_pgn_init(nullptr, &version, "qzfi"));
+  EXPECT_EQ(7, version.major);
+  EXPECT_TRUE(wasTraced("CQzVMPlugin::init QzVM not installed."));
+
+  const std::string listing = tool("C", "rpm -qa");
+  EXPECT_EQ(std::string::npos, listing.find("ZOLKqzvm"));
+  qfi_msg_info* list = nullptr;
+  ASSERT_EQ(0, qzvmfi_fi_pgn_get_last_error(&list));
+  ASSERT_NE(nullptr, list);
+  EXPECT_STREQ("MSG_ERROR_COMMAND_FAILED", list->id);
+  EXPECT_STREQ("osutil", list->source);
+  EXPECT_EQ(3, list->severity);
+  ASSERT_EQ(3, list->nargs);
+  EXPECT_STREQ("isInstalled", list->args[0]);
+  EXPECT_STREQ("/bin/rpm -qa ", list->args[1]);
+  EXPECT_EQ(listing, list->args[2]);
+  EXPECT_EQ("isInstalled: a volume manager command failed: /bin/rpm -qa  Output: " + listing,
+            list->text);
+  EXPECT_EQ(nullptr, list->next);
+  qzvmfi_fi_pgn_del_last_error(&list);
 }
 
 }  // namespace

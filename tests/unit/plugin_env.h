@@ -29,6 +29,25 @@ inline std::ostream& operator<<(std::ostream& out, const TraceLine& line) {
   return out << line.level << " '" << line.text << "'";
 }
 
+// A pushed message as tests compare it: identifier, source and argument
+// texts.
+struct Pushed {
+  std::string id;
+  std::string source;
+  std::vector<std::string> args;
+  bool operator==(const Pushed& other) const {
+    return id == other.id && source == other.source && args == other.args;
+  }
+};
+
+inline std::ostream& operator<<(std::ostream& out, const Pushed& pushed) {
+  out << pushed.id << " from " << pushed.source << ":";
+  for (const std::string& arg : pushed.args) {
+    out << " [" << arg << "]";
+  }
+  return out;
+}
+
 using qztest::readFile;
 using qztest::ScopedEnv;
 using qztest::TempDir;
@@ -85,6 +104,19 @@ class PluginEnv : public ::testing::Test {
 
   std::vector<qzfi_pdk_4_4::CFiIcuMessagePtr> errors() const {
     return qzvmfi_ctx::ErrorManager::instance()->errors();
+  }
+
+  // The pushed messages, oldest first.
+  std::vector<Pushed> pushed() const {
+    std::vector<Pushed> messages;
+    for (const qzfi_pdk_4_4::CFiIcuMessagePtr& message : errors()) {
+      Pushed entry{message->getIdentifier(), message->getSourceFile(), {}};
+      for (size_t i = 0; i < message->getArguments().size(); ++i) {
+        entry.args.push_back(message->argumentText(i));
+      }
+      messages.push_back(entry);
+    }
+    return messages;
   }
 
   const std::string& configDir() const { return m_configDir->path(); }
