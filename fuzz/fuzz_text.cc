@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "qzvm_support.h"
+#include "support/qzvm_support.h"
 
 namespace {
 

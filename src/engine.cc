@@ -120,9 +120,10 @@ int CQzVMEngine::getQzVMObjects(const std::string& path, CQzVMData* data) {
   Names vsets;
   Names volumes;
   Names dcoVolumes;
-  if (m_support.getQzVMObjects(vsets, volumes, dcoVolumes, dg, volume) != 0) {
-    // The command runner has reported the command and its output already.
-    pushError("MSG_ERROR_COMMAND_FAILED", {"getQzVMObjects", path}, kSource, __LINE__);
+  Names output;
+  if (m_support.getQzVMObjects(vsets, volumes, dcoVolumes, dg, volume, &output) != 0) {
+    pushError("MSG_ERROR_COMMAND_FAILED",
+              {"getQzVMObjects", path, qzvmfi_report::joinLines(output)}, kSource, __LINE__);
     return 5;
   }
   Names& vsetList = data->vtList();
@@ -285,6 +286,30 @@ int CQzVMEngine::setQzVMConfigInPD(const std::string& path, CQzVMData* data) {
 
 // ===== import and rebuild on the split disks =====
 
+namespace {
+
+// The rewrite of the configuration pairs each primary disk with the split
+// disk at the same place, and gives the new group the disk-media names at
+// that place: lists that cannot pair are refused before anything is done.
+bool pairOneToOne(const qzfi_pdk_4_4::CFiTraceLogPtr& log, const char* operation,
+                  const Names& primaryDisks, const Names& splitDisks, const Names& dms) {
+  if (primaryDisks.size() == splitDisks.size() &&
+      (dms.empty() || dms.size() == primaryDisks.size())) {
+    return true;
+  }
+  QZ_TRACE(log, 1,
+           "CQzVMEngine::%s - the split disks [%s] do not pair with the primary disks [%s] and "
+           "their disk-media names [%s].",
+           operation, joinNames(splitDisks).c_str(), joinNames(primaryDisks).c_str(),
+           joinNames(dms).c_str());
+  pushError("MSG_ERROR_SPLIT_DISKS_DO_NOT_PAIR_WITH_PRIMARY_DISKS",
+            {operation, joinNames(splitDisks), joinNames(primaryDisks), joinNames(dms)}, kSource,
+            __LINE__);
+  return false;
+}
+
+}  // namespace
+
 void CQzVMEngine::cleanUp(const std::string& importedDG, const SplitDisks& disks) {
   QZ_TRACE(m_traceLog, 2, "Cleaning the new dg created and dmp nodes.");
   if (!importedDG.empty()) {
@@ -375,6 +400,9 @@ int CQzVMEngine::buildAltTree(qzfi_objid** objid, const std::string& newDG, cons
     QZ_TRACE(m_traceLog, 1, "CQzVMEngine::buildAltTree - no private data.");
     return 6;
   }
+  if (!pairOneToOne(m_traceLog, "buildAltTree", primaryDisks, osDisks, primaryDMs)) {
+    return 6;
+  }
   const bool raw = m_support.isVolumeRaw(path);
   std::string dg;
   std::string volume;
@@ -436,6 +464,9 @@ int CQzVMEngine::buildQzVM(qzfi_objid** objid, const std::string& newDG, const N
   QZ_ENGINE_ENTER("buildQzVM");
   if (data == nullptr) {
     QZ_TRACE(m_traceLog, 1, "CQzVMEngine::buildQzVM - no private data.");
+    return 6;
+  }
+  if (!pairOneToOne(m_traceLog, "buildQzVM", primaryDisks, splitDisks, primaryDMs)) {
     return 6;
   }
   std::string dg;

@@ -13,7 +13,7 @@
 #include "clitool.h"
 #include "configuration.h"
 #include "node.h"
-#include "qzvm_support.h"
+#include "support/qzvm_support.h"
 
 class CQzVMEngine : public virtual qzfi_pdk_4_4::CFiTraceable {
  public:

@@ -6,7 +6,7 @@
 #include <new>
 #include <string_view>
 
-#include "qzvm_support.h"
+#include "support/qzvm_support.h"
 #include "report.h"
 
 using qzfi_pdk_4_4::CFiStringTool;

@@ -13,7 +13,7 @@
 #include <benchmark/benchmark.h>
 
 #include "node.h"
-#include "qzvm_support.h"
+#include "support/qzvm_support.h"
 
 // While counting is on, every allocation of the process is counted, so that
 // the peak memory of a round trip (C++ objects and the framework's buffers)

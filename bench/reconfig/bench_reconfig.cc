@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "qzvm_support.h"
+#include "support/qzvm_support.h"
 
 namespace {
 

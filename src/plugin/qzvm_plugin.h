@@ -20,7 +20,7 @@
 
 #include "engine.h"
 #include "node.h"
-#include "qzvm_support.h"
+#include "support/qzvm_support.h"
 #include "report.h"
 
 // The plug-in's name: its provider name and its exported name strings.

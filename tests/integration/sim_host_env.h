@@ -18,7 +18,7 @@
 #include "../host/tempdir.h"
 #include "context.h"
 #include "osutil.h"
-#include "qzvm_support.h"
+#include "support/qzvm_support.h"
 
 namespace qzvmfi_it {
 
@@ -125,15 +125,27 @@ class SimHostTest : public ::testing::Test {
   }
 
   // Group dg made on host outside the plug-in: the disks (QzVM names) scanned,
-  // initialised as cdsdisks and put in the group.
-  void makeGroup(const std::string& host, const std::string& dg, const Lines& disks) {
+  // initialised as cdsdisks and put in the group under disk-media names of
+  // their own (mediaNames). Returns those names.
+  Lines makeGroup(const std::string& host, const std::string& dg, const Lines& disks) {
     tool(host, "qzdisk scandisks");
+    const Lines dms = mediaNames(dg, disks.size());
     std::string members;
-    for (const std::string& disk : disks) {
-      tool(host, "qzdisk -f init " + disk + " type=auto format=cdsdisk");
-      members += " " + disk;
+    for (size_t i = 0; i < disks.size(); ++i) {
+      tool(host, "qzdisk -f init " + disks[i] + " type=auto format=cdsdisk");
+      members += " " + dms[i] + "=" + disks[i];
     }
     tool(host, "qzdg init " + dg + members);
+    return dms;
+  }
+
+  // Disk-media names that differ from the disks' names: dg1d00, dg1d01, ...
+  static Lines mediaNames(const std::string& dg, size_t count) {
+    Lines names;
+    for (size_t i = 0; i < count; ++i) {
+      names.push_back(dg + "d" + (i < 10 ? "0" : "") + std::to_string(i));
+    }
+    return names;
   }
 
   std::string checksum(const std::string& host, const std::string& dg, const std::string& vol) {

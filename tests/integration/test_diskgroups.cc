@@ -12,15 +12,16 @@ using qzvmfi_it::SimHostTest;
 
 class DiskGroupTest : public SimHostTest {
  protected:
-  // Host A with two groups: dg1 on two disks, dg2 on one.
+  // Host A with two groups: dg1 on two disks, dg2 on one; the disk-media
+  // names are not the disks' names.
   void arrange() override {
     admin({"host", "add", "A"});
     addDisks(3, "A", 1);
     actAs("A");
     support().qzvmScanDisks(false);
     ASSERT_EQ(support().qzDiskSetup({"qzarr0_0", "qzarr0_1", "qzarr0_2"}), 0);
-    ASSERT_EQ(support().createDG("dg1", {"qzarr0_0", "qzarr0_1"}, false), 0);
-    ASSERT_EQ(support().createDG("dg2", {"qzarr0_2"}, false), 0);
+    ASSERT_EQ(support().createDG("dg1", {"qzarr0_0", "qzarr0_1"}, mediaNames("dg1", 2), false), 0);
+    ASSERT_EQ(support().createDG("dg2", {"qzarr0_2"}, mediaNames("dg2", 1), false), 0);
   }
 };
 
@@ -37,7 +38,7 @@ TEST_F(DiskGroupTest, GroupsAreListedWithTheirDisksAndMedia) {
   EXPECT_EQ(disks, (Lines{"qzarr0_0", "qzarr0_1"}));
   Lines dms;
   ASSERT_EQ(support().getDMsFromDG("dg1", disks, dms), 0);
-  EXPECT_EQ(dms, (Lines{"qzarr0_0", "qzarr0_1"}));
+  EXPECT_EQ(dms, (Lines{"dg1d00", "dg1d01"}));
 
   unsigned long long size = 0;
   ASSERT_EQ(support().getDGSize("dg1", size), 0);

@@ -8,6 +8,7 @@
 
 namespace {
 
+using qzvmfi_it::holds;
 using qzvmfi_it::linesOf;
 using qzvmfi_it::words;
 using Names = std::vector<std::string>;
@@ -48,13 +49,7 @@ class EngineOnSimulator : public qzvmfi_it::SimHostTest {
       m_primary.push_back(disk.node);
       osNames.push_back(disk.osNames.at(0));
     }
-    tool("A", "qzdisk scandisks");
-    std::string init = "qzdg init dg1";
-    for (const std::string& disk : m_primary) {
-      tool("A", "qzdisk -f init " + disk + " type=auto format=cdsdisk");
-      init += " " + disk;
-    }
-    tool("A", init);
+    m_sourceDMs = makeGroup("A", "dg1", m_primary);
     for (int i = 1; i <= volumes; ++i) {
       const std::string volume = "vol" + std::to_string(i);
       tool("A", "qzassist -g dg1 make " + volume + " 16m" + (i == 1 ? " logtype=dco" : ""));
@@ -132,7 +127,8 @@ class EngineOnSimulator : public qzvmfi_it::SimHostTest {
   std::unique_ptr<HostEngine> m_engine;
   Names m_primary;
   Names m_osA;
-  Names m_dms;
+  Names m_sourceDMs;  // the disk-media names given on A
+  Names m_dms;        // as recorded in the private data
   std::string m_sourceSum;
   CQzVMData m_carried{nullptr, true};  // the private data as the other host reads it
 };
@@ -150,7 +146,8 @@ TEST_F(EngineOnSimulator, SourceRecordsTravelInTheBlob) {
   Names dms;
   std::vector<Names> listings;
   ASSERT_EQ(0, m_carried.getVolPrivInfoFromPD(disks, dms, listings));
-  EXPECT_EQ(m_primary, dms);
+  EXPECT_EQ(m_sourceDMs, dms);
+  EXPECT_NE(m_primary, dms);
   EXPECT_EQ("Device:    " + m_primary[1], listings[1].at(0));
 }
 
@@ -278,7 +275,12 @@ TEST_F(EngineOnSimulator, CommandsOfARebuildOfFourDisksAndThreeVolumes) {
   const size_t volumeManager = runsOn("B") - before;
   std::cout << "rebuild of 4 disks and 3 volumes: " << volumeManager << " volume-manager commands"
             << std::endl;
-  EXPECT_GT(volumeManager, 0u);
+  // One scan; per disk its node and its paths; the first disk's private
+  // region and a look for its group; per disk its private region, removal
+  // and initialisation; the new group from the four disks; the replay; the
+  // volume's listing; a state check and a start for the volume and for its
+  // log volume; the new group's id.
+  EXPECT_EQ(volumeManager, 1u + 4 * 2 + 2 + 4 * 3 + 4 + 1 + 1 + 2 * 2 + 1);
   // The rebuilt group holds every split disk and a copy of every volume
   // (the engine started only the one it was asked for).
   EXPECT_EQ(split.size() + 1, linesOf(tool("B", "qzdisk -g dg1_1 list")).size());
@@ -287,6 +289,62 @@ TEST_F(EngineOnSimulator, CommandsOfARebuildOfFourDisksAndThreeVolumes) {
   for (const char* volume : {"vol1", "vol2", "vol3"}) {
     EXPECT_EQ(checksum("A", "dg1", volume), checksum("B", "dg1_1", volume)) << volume;
   }
+}
+
+// The array names the disks qzarr0_0 to qzarr0_11 and their copies from
+// qzarr0_12 on, so qzarr0_1 is the start of qzarr0_10, qzarr0_11 and of the
+// copies' names: the group is rebuilt with the right disks only when the
+// rewrite matches whole names.
+TEST_F(EngineOnSimulator, RebuildOfTwelveDisksPairsEveryCopyWithItsSource) {
+  for (const qzvmfi_it::SimDisk& disk : addDisks(12, "A", 1, "40m")) {
+    m_primary.push_back(disk.node);
+    m_osA.push_back(disk.osNames.at(0));
+  }
+  m_sourceDMs = makeGroup("A", "dg1", m_primary);
+  tool("A", "qzassist -g dg1 make vol1 90m");  // over all twelve disks
+  admin({"volume", "write", "--host", "A", "dg1", "vol1", "--seed", "12"});
+  const std::string subdisks = tool("A", "qzprint -g dg1 -s");
+  for (size_t disk : {10, 11}) {
+    ASSERT_TRUE(holds(subdisks, " " + m_sourceDMs[disk] + "-01 ")) << subdisks;
+  }
+  recordOnA(m_carried);
+  const Names split = splitToB();
+  CQzVMEngine& engine = actAs("B");
+  Names copies;
+  ASSERT_EQ(0, support().qzvmScanDisks(split));
+  ASSERT_EQ(0, support().getQzVMDiskForOSDiskHandler(split, copies));
+  ASSERT_EQ(12u, copies.size());
+
+  // The replay that the rebuild feeds to qzmake names, for every subdisk,
+  // the copy of its disk.
+  std::string sourceDG;
+  Names dump;
+  ASSERT_EQ(0, m_carried.getDGConfigFromPD(sourceDG, dump));
+  qztest::TempDir files;
+  ASSERT_EQ(0, CQzVMSupport::putVectorInFile(dump, files.file("dump")));
+  ASSERT_EQ(0, support().reconfig(files.file("dump"), "dg1", "dg1_1", m_primary, copies, m_dms,
+                                  m_dms, files.file("replay")));
+  const std::string replay = qztest::readFile(files.file("replay"));
+  for (size_t i = 0; i < copies.size(); ++i) {
+    EXPECT_TRUE(holds(replay, "\tdm_name=" + m_dms[i] + "\n\tda_name=" + copies[i] +
+                                  "\n\tpath=/dev/qz/dmp/" + copies[i] + "s3\n"))
+        << m_dms[i] << " on " << copies[i] << "\n"
+        << replay;
+  }
+
+  qzfi_objid* id = nullptr;
+  ASSERT_EQ(0, engine.buildAltTree(&id, "dg1_1", split, "/dev/qz/dsk/dg1/vol1", &m_carried,
+                                   m_primary, m_dms));
+  qzfi_free_objid(id);
+  const Names rows = linesOf(tool("B", "qzdisk -g dg1_1 list"));
+  ASSERT_EQ(13u, rows.size());
+  for (size_t i = 1; i < rows.size(); ++i) {
+    const Names row = words(rows[i]);
+    const size_t source = std::find(copies.begin(), copies.end(), row[0]) - copies.begin();
+    ASSERT_LT(source, copies.size()) << rows[i];
+    EXPECT_EQ(m_dms[source], row[2]) << rows[i];
+  }
+  EXPECT_EQ(m_sourceSum, checksum("B", "dg1_1", "vol1"));
 }
 
 }  // namespace

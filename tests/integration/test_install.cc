@@ -43,8 +43,16 @@ TEST_F(InstallTest, HostWithoutThePackageReportsTheRpmListing) {
   EXPECT_FALSE(support().isInstalled());
   EXPECT_FALSE(support().isQzDMPInstalled());
   EXPECT_TRUE(wasTraced("CFiQzVMUtil::isInstalled - qzvm not installed."));
+  // rpm itself works: only the probe reports, with rpm's whole listing.
   const auto errors = qzvmfi_ctx::ErrorManager::instance()->errors();
   ASSERT_EQ(errors.size(), 1u);
+  EXPECT_EQ(errors[0]->getIdentifier(), "MSG_ERROR_COMMAND_FAILED");
+  ASSERT_EQ(errors[0]->getArguments().size(), 3u);
+  EXPECT_EQ(errors[0]->argumentText(0), "isInstalled");
+  EXPECT_EQ(errors[0]->argumentText(1), "/bin/rpm -qa ");
+  const std::string listing = tool("C", "rpm -qa");
+  EXPECT_FALSE(listing.empty());
+  EXPECT_EQ(errors[0]->argumentText(2), listing);
 }
 
 TEST_F(InstallTest, EachHostSeesItsOwnTools) {

@@ -114,7 +114,7 @@ TEST_F(MultipathTest, FullyDisabledNodeIsEnabledPathByPathWithoutTheCache) {
 TEST_F(MultipathTest, VolumeManagerDiskHasARawMultipathPath) {
   support().qzvmScanDisks(false);
   ASSERT_EQ(support().qzDiskSetup({m_disks[0].node}), 0);
-  ASSERT_EQ(support().createDG("dg1", {m_disks[0].node}, false), 0);
+  ASSERT_EQ(support().createDG("dg1", {m_disks[0].node}, mediaNames("dg1", 1), false), 0);
   std::string path;
   ASSERT_EQ(support().getDMPPathIfValid(m_disks[0].osNames[0], path), 0);
   EXPECT_EQ(path, "/dev/qz/rdmp/" + m_disks[0].node);

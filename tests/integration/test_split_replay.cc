@@ -17,16 +17,17 @@ class SplitReplayTest : public SimHostTest {
     admin({"host", "add", "A"});
     admin({"host", "add", "B"});
     addDisks(3, "A", 2, "128m");
-    makeGroup("A", "dg1", {"qzarr0_0", "qzarr0_1", "qzarr0_2"});
+    m_sourceDMs = makeGroup("A", "dg1", {"qzarr0_0", "qzarr0_1", "qzarr0_2"});
     // vol1 spans the first two disks; vol2 lives on the third.
     tool("A", "qzassist -g dg1 make vol1 120m logtype=dco");
-    tool("A", "qzassist -g dg1 make vol2 20m qzarr0_2");
+    tool("A", "qzassist -g dg1 make vol2 20m " + m_sourceDMs[2]);
     tool("A", "qzvset -g dg1 make set1 vol2");
     admin({"volume", "write", "--host", "A", "dg1", "vol1", "--seed", "11"});
     admin({"volume", "write", "--host", "A", "dg1", "vol2", "--seed", "22"});
   }
 
   qztest::TempDir m_files;
+  Lines m_sourceDMs;
 };
 
 TEST_F(SplitReplayTest, RebuiltGroupOnHostBHoldsTheSourceData) {
@@ -37,6 +38,7 @@ TEST_F(SplitReplayTest, RebuiltGroupOnHostBHoldsTheSourceData) {
   ASSERT_EQ(sourceDisks, (Lines{"qzarr0_0", "qzarr0_1", "qzarr0_2"}));
   Lines sourceDMs;
   ASSERT_EQ(support().getDMsFromDG("dg1", sourceDisks, sourceDMs), 0);
+  ASSERT_EQ(sourceDMs, m_sourceDMs);
   std::vector<vol_pvt_info> records;
   ASSERT_EQ(support().getVolPrivInfo(sourceDisks, records), 0);
   ASSERT_EQ(records.size(), 3u);
@@ -94,8 +96,14 @@ TEST_F(SplitReplayTest, RebuiltGroupOnHostBHoldsTheSourceData) {
       0);
   const std::string replayText = qztest::readFile(replay);
   EXPECT_FALSE(holds(replayText, "guid=")) << replayText;
-  EXPECT_FALSE(holds(replayText, "dm_name=" + copyNodes[0])) << replayText;
-  EXPECT_TRUE(holds(replayText, "da_name=" + copyNodes[0])) << replayText;
+  // Each subdisk keeps its disk-media name and names the copy of its disk.
+  for (size_t i = 0; i < sourceDisks.size(); ++i) {
+    EXPECT_TRUE(holds(replayText, "\tdm_name=" + sourceDMs[i] + "\n\tda_name=" + copyNodes[i] +
+                                      "\n\tpath=/dev/qz/dmp/" + copyNodes[i] + "s3\n"))
+        << i << "\n"
+        << replayText;
+    EXPECT_FALSE(holds(replayText, "=" + sourceDisks[i] + "\n")) << i << "\n" << replayText;
+  }
   ASSERT_EQ(support().createDG(newDG, copyNodes, sourceDMs, support().isCDSDisk(records)), 0);
   ASSERT_EQ(support().applyVolConfig(newDG, replay), 0);
 
@@ -107,8 +115,13 @@ TEST_F(SplitReplayTest, RebuiltGroupOnHostBHoldsTheSourceData) {
   ASSERT_EQ(support().startDCOVols(newDG, dcoVolumes, ""), 0);
   ASSERT_EQ(support().startDCOVols(newDG, volumes, "fsgen"), 0);
   EXPECT_TRUE(support().isVolStarted(newDG, "vol1"));
-  bool setOn = false;
+  // The set came back with the group but is not started until asked.
+  bool setOn = true;
   ASSERT_EQ(support().isVsetOn(newDG, "set1", setOn), 0);
+  EXPECT_FALSE(setOn);
+  tool("B", "qzvset -g " + newDG + " start set1");
+  ASSERT_EQ(support().isVsetOn(newDG, "set1", setOn), 0);
+  EXPECT_TRUE(setOn);
   EXPECT_FALSE(vol1Sum.empty());
   // The started volume is checked against the OS disks it was rebuilt on.
   EXPECT_EQ(support().ssodOnlineVolume(newDG, "vol1", copyOSDisks), 0);

@@ -269,12 +269,29 @@ TEST_F(EngineTest, GetQzVMObjectsAppendsEveryCallWithoutDeduplicating) {
 }
 
 TEST_F(EngineTest, GetQzVMObjectsListingFailureIsACommandFailure) {
-  on("qzprint   -g dg1  vol1", 1, out({"QZVM qzprint ERROR Q-5-1-2 no such group"}));
+  on("qzprint   -g dg1  vol1", 1,
+     out({"QZVM qzprint ERROR Q-5-1-201", "Disk group dg1 not imported here"}));
   CQzVMData data(nullptr, false);
   EXPECT_EQ(5, m_engine->getQzVMObjects("/dev/qz/dsk/dg1/vol1", &data));
   EXPECT_EQ((Lines{"MSG_ERROR_COMMAND_FAILED", "MSG_ERROR_COMMAND_FAILED"}), pushed());
+  // The runner's message names the command; the engine's the object, with
+  // the tool's output lines as the tool printed them.
+  const auto message = errors().at(1);
+  ASSERT_EQ(3u, message->getArguments().size());
+  EXPECT_EQ("getQzVMObjects", message->argumentText(0));
+  EXPECT_EQ("/dev/qz/dsk/dg1/vol1", message->argumentText(1));
+  EXPECT_EQ("QZVM qzprint ERROR Q-5-1-201\nDisk group dg1 not imported here\n",
+            message->argumentText(2));
   EXPECT_TRUE(data.vList().empty());
   EXPECT_FALSE(data.getObjectsFound());
+}
+
+TEST_F(EngineTest, GetQzVMObjectsUnreadableListingCarriesItsLines) {
+  on("qzprint   -g dg1  vol1", 0, out({"junk", "TY NAME ASSOC", "v vol1 fsgen"}));
+  CQzVMData data(nullptr, false);
+  EXPECT_EQ(5, m_engine->getQzVMObjects("/dev/qz/dsk/dg1/vol1", &data));
+  ASSERT_EQ((Lines{"MSG_ERROR_COMMAND_FAILED"}), pushed());
+  EXPECT_EQ("junk\nTY NAME ASSOC\nv vol1 fsgen\n", errors().at(0)->argumentText(2));
 }
 
 // ===== activeVol and deactiveVol =====
@@ -606,6 +623,46 @@ TEST_F(EngineTest, BuildFailureCleansUpWithDeportOfTheNewGroup) {
   EXPECT_TRUE(wasTraced(1, "buildQzVM failed"));
   EXPECT_TRUE(ran("qzdg   deport dg1_1"));
   EXPECT_EQ("100.dg1", data.getDGId());
+}
+
+// The rewrite pairs the lists place by place: lists that cannot pair are
+// refused before any command is run.
+TEST_F(EngineTest, BuildAltTreeRefusesListsThatDoNotPair) {
+  splitDisksSeen();
+  CQzVMData data(nullptr, false);
+  recordSource(data);
+  EXPECT_EQ(6, m_engine->buildAltTree(newId(), "dg1_1", {"sdx"}, "/dev/qz/dsk/dg1/vol1", &data,
+                                      {"sdb", "sdc"}, {"d01", "d02"}));
+  EXPECT_EQ(6, m_engine->buildAltTree(newId(), "dg1_1", {"sdx", "sdy"}, "/dev/qz/dsk/dg1/vol1",
+                                      &data, {"sdb", "sdc"}, {"d01"}));
+  EXPECT_TRUE(ran().empty());
+  EXPECT_EQ((Lines{"MSG_ERROR_SPLIT_DISKS_DO_NOT_PAIR_WITH_PRIMARY_DISKS",
+                   "MSG_ERROR_SPLIT_DISKS_DO_NOT_PAIR_WITH_PRIMARY_DISKS"}),
+            pushed());
+  const auto message = errors().at(0);
+  ASSERT_EQ(4u, message->getArguments().size());
+  EXPECT_EQ("buildAltTree", message->argumentText(0));
+  EXPECT_EQ("sdx", message->argumentText(1));
+  EXPECT_EQ("sdb sdc", message->argumentText(2));
+  EXPECT_EQ("d01 d02", message->argumentText(3));
+  EXPECT_TRUE(wasTraced(1,
+                        "CQzVMEngine::buildAltTree - the split disks [sdx] do not pair with the "
+                        "primary disks [sdb sdc] and their disk-media names [d01 d02]."));
+}
+
+TEST_F(EngineTest, BuildQzVMRefusesListsThatDoNotPair) {
+  splitDisksSeen();
+  CQzVMData data(nullptr, false);
+  recordSource(data);
+  EXPECT_EQ(6, m_engine->buildQzVM(newId(), "dg1_1", {"sdx", "sdy"}, "/dev/qz/dsk/dg1/vol1", &data,
+                                   {"sdb"}, {}));
+  EXPECT_TRUE(ran().empty());
+  EXPECT_EQ((Lines{"MSG_ERROR_SPLIT_DISKS_DO_NOT_PAIR_WITH_PRIMARY_DISKS"}), pushed());
+  EXPECT_EQ("buildQzVM", errors().at(0)->argumentText(0));
+  // Without disk-media names the recorded ones are taken: the disks alone
+  // must pair.
+  EXPECT_EQ(0, m_engine->buildQzVM(newId(), "dg1_1", {"sdx", "sdy"}, "/dev/qz/dsk/dg1/vol1", &data,
+                                   {"sdb", "sdc"}, {}));
 }
 
 TEST_F(EngineTest, NoprivDiskStopsTheBuildBeforeAnyDiskIsTouched) {

@@ -1,12 +1,12 @@
 // Device-name conversions, the installation probe and the replaceable sleep.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include <qzfi/pdk.h>
 
+#include "../host/tempdir.h"
 #include "context.h"
 #include "osutil.h"
 
@@ -15,13 +15,13 @@ using qzfi_pdk_4_4::CFiExecSeamScope;
 
 namespace {
 
+// The configuration folder is the test's own and the variable naming it is
+// restored afterwards; the plug-in's trace log and error stack live only
+// inside one test.
 class OsUtilTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char folder[] = "/tmp/qzvmfi_osutil_XXXXXX";
-    ASSERT_NE(mkdtemp(folder), nullptr);
-    m_folder = folder;
-    setenv("QZFI_CONFIG_DIR", m_folder.c_str(), 1);
+    ASSERT_FALSE(m_folder.path().empty());
     qzvmfi_ctx::TraceLog::instance()->setLevel(9);
     qzvmfi_ctx::TraceLog::instance()->setSink([this](int level, const std::string& text) {
       m_traces.push_back({level, text});
@@ -29,11 +29,8 @@ class OsUtilTest : public ::testing::Test {
     qzvmfi_ctx::ErrorManager::instance()->clear();
   }
   void TearDown() override {
-    qzvmfi_ctx::TraceLog::instance()->setLevel(9);
-    qzvmfi_ctx::TraceLog::instance()->setSink(nullptr);
-    qzvmfi_ctx::ErrorManager::instance()->clear();
-    std::string command = "rm -rf " + m_folder;
-    ASSERT_EQ(std::system(command.c_str()), 0);
+    qzvmfi_ctx::ErrorManager::instance(true);
+    qzvmfi_ctx::TraceLog::instance(true);
   }
   bool traced(int level, const std::string& text) const {
     for (const auto& entry : m_traces) {
@@ -44,7 +41,8 @@ class OsUtilTest : public ::testing::Test {
     return false;
   }
 
-  std::string m_folder;
+  qztest::TempDir m_folder;
+  qztest::ScopedEnv m_configEnv{"QZFI_CONFIG_DIR", m_folder.path()};
   std::vector<std::pair<int, std::string>> m_traces;
 };
 
@@ -142,14 +140,17 @@ TEST_F(OsUtilTest, IsInstalledIsFalseWhenRpmFails) {
   CFiExecSeamScope seam;
   CFiExecSeam::answer("/bin/rpm -qa ", 127, {});
   EXPECT_FALSE(CFiQzVMUtil::isInstalled());
-  bool reported = false;
-  for (const auto& error : qzvmfi_ctx::ErrorManager::instance()->errors()) {
-    if (error->argumentText(0) == "isInstalled") {
-      reported = true;
-      EXPECT_EQ(error->argumentText(2), "");
-    }
+  // The runner reports the failed command, then the probe the missing
+  // package.
+  auto errors = qzvmfi_ctx::ErrorManager::instance()->errors();
+  ASSERT_EQ(errors.size(), 2u);
+  for (const auto& error : errors) {
+    EXPECT_EQ(error->getIdentifier(), "MSG_ERROR_COMMAND_FAILED");
+    EXPECT_EQ(error->argumentText(1), "/bin/rpm -qa ");
+    EXPECT_EQ(error->argumentText(2), "");
   }
-  EXPECT_TRUE(reported);
+  EXPECT_EQ(errors[0]->argumentText(0), "executeCommand");
+  EXPECT_EQ(errors[1]->argumentText(0), "isInstalled");
 }
 
 TEST_F(OsUtilTest, SleepGoesThroughTheReplacement) {
@@ -163,9 +164,11 @@ TEST_F(OsUtilTest, SleepGoesThroughTheReplacement) {
 
 TEST_F(OsUtilTest, SysPathsFollowTheRoot) {
   EXPECT_EQ(qzvmSysPath("/sys/block/sdb/device/delete"), "/sys/block/sdb/device/delete");
-  setQzVMSysRoot("/tmp/x");
-  EXPECT_EQ(qzvmSysPath("/sys/block/sdb/device/delete"), "/tmp/x/sys/block/sdb/device/delete");
+  setQzVMSysRoot(m_folder.path());
+  const std::string underRoot = qzvmSysPath("/sys/block/sdb/device/delete");
   setQzVMSysRoot("");
+  EXPECT_EQ(underRoot, m_folder.path() + "/sys/block/sdb/device/delete");
+  EXPECT_EQ(qzvmSysPath("/sys/block/sdb/device/delete"), "/sys/block/sdb/device/delete");
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 // The volume-manager command layer: the text helpers that take the tools'
-// output apart, and CQzVMSupport, which runs the tools.
-#ifndef QZVMFI_QZVM_SUPPORT_H
-#define QZVMFI_QZVM_SUPPORT_H
+// output apart, and CQzVMSupport, which runs the tools. The definitions live
+// beside this header, one file per concern, as the sections below name them;
+// construction and command running are in qzvm_support.cc.
+#ifndef QZVMFI_SUPPORT_QZVM_SUPPORT_H
+#define QZVMFI_SUPPORT_QZVM_SUPPORT_H
 
 #include <stdio.h>
 
@@ -14,6 +16,8 @@
 #include "clitool.h"
 #include "configuration.h"
 #include "node.h"
+
+// --- text helpers (text.cc, with fgetline and putVectorInFile) ---
 
 // The token at a 0-based position, tokens being runs of non-white characters;
 // empty when the line has fewer.
@@ -59,6 +63,34 @@ struct SDisksInfo {
   std::string osName;                // OS path found for the node
 };
 
+// One command line of a tool: the tool's directory and name, then fragments
+// of the system's own text, which carry their own blanks (" -g ", " list "),
+// and names that come from elsewhere (groups, disks, volumes, files). Every
+// command of the command layer is built here, so that all that enters a
+// command line passes through one place.
+class CQzVMCommandLine {
+ public:
+  // tool carries its own trailing blanks ("qzdg  ").
+  CQzVMCommandLine(const std::string& directory, const char* tool);
+
+  // Appends the pieces in order: literals are the system's own text,
+  // strings are names from elsewhere, numbers are written in decimal.
+  template <typename... Pieces>
+  CQzVMCommandLine& add(const Pieces&... pieces) {
+    (append(pieces), ...);
+    return *this;
+  }
+
+  const std::string& text() const { return m_text; }
+
+ private:
+  void append(const char* fragment);
+  void append(const std::string& name);
+  void append(unsigned long long number);
+
+  std::string m_text;
+};
+
 class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
  public:
   // Reads the tool directories, writing the default configuration file when
@@ -79,7 +111,7 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
 
   const SQzVMCliPath& cliPath() const { return m_cliPath; }
 
-  // --- installation probes and device names ---
+  // --- installation probes and device names (install.cc) ---
   bool isInstalled();
   bool isCommandAvailable(const std::string& directory, const std::string& tool);
   bool isQzDMPInstalled();
@@ -95,7 +127,7 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   bool isDG(const std::string& line);
   void removeDevicesFromOSDeviceTree(const std::vector<std::string>& devices);
 
-  // --- disk groups ---
+  // --- disk groups (diskgroups.cc) ---
   bool isDGPresent(const std::string& dg);
   bool isDGExist(const std::string& dg);
   bool isDGEnabled(const std::string& dg);
@@ -126,7 +158,7 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   // pass false).
   int deportDGAndRemoveDisks(const std::string& object, bool removeDisks, bool disableDmp);
 
-  // --- disks and multipath nodes ---
+  // --- disks and multipath nodes (disks.cc) ---
   int qzvmScanDisks(bool newOnly);
   int qzvmScanDisks(const std::vector<std::string>& devices);
   int getQzVMDiskForOSDiskHandler(const std::vector<std::string>& osDisks,
@@ -157,7 +189,7 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   // final answer.
   int isQzVMDisk(const std::string& osDisk, const std::string& node, bool& answer, bool cleanFirst);
 
-  // --- volumes and volume sets ---
+  // --- volumes and volume sets (volumes.cc) ---
   int onlineVolume(const std::string& dg, const std::string& volume, const std::string& useType);
   int onOffVolume(const std::string& dg, const std::string& volume, const std::string& operation);
   int createVolume(const std::string& volume, const std::string& dg, unsigned long long size);
@@ -168,9 +200,11 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   int isVsetOn(const std::string& dg, const std::string& vset, bool& on);
   int getVolumesFromDG(const std::string& dg, std::vector<std::string>& names, bool vsets);
   int checkVolumeInDG(const std::string& dg, const std::string& name, bool& found, bool vsets);
+  // printed, when given, receives the lines that qzprint printed, for the
+  // caller's report of a failure.
   int getQzVMObjects(std::vector<std::string>& vsets, std::vector<std::string>& volumes,
                      std::vector<std::string>& dcoVolumes, const std::string& dg,
-                     const std::string& volume);
+                     const std::string& volume, std::vector<std::string>* printed = nullptr);
   int getDisksForVolume(const std::string& path, std::vector<std::string>& disks);
   void extractDGAndVol(const std::string& path, std::string& dg, std::string& volume);
   bool isVolOrPlexOrSubdiskOrDCO(const std::string& line);
@@ -185,7 +219,7 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
                                const std::vector<std::string>& osDisks);
   int removeSnapshot(const std::string& path, bool destroy);
 
-  // --- private regions and configuration rewriting ---
+  // --- private regions and configuration rewriting (privregions.cc) ---
   int getVolPrivInfoPerAltDisk(const std::string& disk, std::vector<std::string>& lines);
   int getVolPrivInfoPerDisk(const std::string& disk, std::vector<std::string>& lines);
   int getVolPrivInfo(const std::vector<std::string>& disks, std::vector<vol_pvt_info>& records);
@@ -227,18 +261,28 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   SQzVMCliPath m_cliPath;
 
  private:
-  // --- running the tools ---
+  // --- running the tools (qzvm_support.cc) ---
   // Command directory and support-tool directory of the path record.
   const std::string& commandDir() const;
   const std::string& supportToolDir() const;
-  int run(const std::string& command, std::vector<std::string>& output);
+  // A command line of a tool of the command directory, or of the
+  // support-tool directory, with its pieces.
+  template <typename... Pieces>
+  CQzVMCommandLine tool(const char* name, const Pieces&... pieces) const {
+    return CQzVMCommandLine(commandDir(), name).add(pieces...);
+  }
+  template <typename... Pieces>
+  CQzVMCommandLine supportTool(const char* name, const Pieces&... pieces) const {
+    return CQzVMCommandLine(supportToolDir(), name).add(pieces...);
+  }
+  // Every command of the support object runs here.
+  int run(const CQzVMCommandLine& command, std::vector<std::string>& output);
   void trace(int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
-  int dmpAdmRows(const std::string& command, std::vector<std::string>& output);
+  int dmpAdmRows(const CQzVMCommandLine& command, std::vector<std::string>& output);
   int pathsOfNode(const std::string& node, std::vector<std::string>& osDisks, bool allPaths);
   int setDMPPaths(const std::string& node, bool enable);
-  int runOnce(const std::vector<std::string>& commands);
-  int printRecordsOf(const std::string& command, std::vector<std::string>& output);
-  int stopVolumeCommand(const std::string& dg, const std::string& volume);
+  int runOnce(const std::vector<CQzVMCommandLine>& commands);
+  int printRecordsOf(const CQzVMCommandLine& command, std::vector<std::string>& output);
   // A cached listing copied into lines, with the "returned value from map"
   // trace of operation; false when nothing is cached.
   bool fromCache(const std::vector<std::string>& cached, std::vector<std::string>& lines,
@@ -251,4 +295,4 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   std::map<std::string, std::string> m_scannedDevices;
 };
 
-#endif  // QZVMFI_QZVM_SUPPORT_H
+#endif  // QZVMFI_SUPPORT_QZVM_SUPPORT_H
