@@ -21,9 +21,9 @@ class SameHostCopyTest : public SimHostTest {
   void arrange() override {
     admin({"host", "add", "A"});
     addDisks(2, "A", 2, "128m");
-    makeGroup("A", "dg1", {"qzarr0_0", "qzarr0_1"});
+    const Lines media = makeGroup("A", "dg1", {"qzarr0_0", "qzarr0_1"});
     tool("A", "qzassist -g dg1 make vol1 100m logtype=dco");
-    tool("A", "qzassist -g dg1 make vol2 20m qzarr0_1");
+    tool("A", "qzassist -g dg1 make vol2 20m " + media[1]);
     admin({"volume", "write", "--host", "A", "dg1", "vol1", "--seed", "31"});
     admin({"volume", "write", "--host", "A", "dg1", "vol2", "--seed", "32"});
   }
