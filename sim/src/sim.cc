@@ -255,9 +255,18 @@ std::vector<std::pair<std::string, std::string>> Sim::imports() {
 bool Sim::loadImported(const std::string& dgid, Group* g) {
   auto rows = db.query("SELECT config, disabled, shared FROM imports WHERE host=? AND dgid=?",
                        {host.name, dgid});
-  std::string error;
-  if (rows.empty() || !configFromDump(rows[0][0].s, &g->cfg, &error))
+  if (rows.empty())
     return false;
+  // A run reads the same configuration several times; it is parsed once.
+  auto parsed = parsedConfigs_.find(rows[0][0].s);
+  if (parsed == parsedConfigs_.end()) {
+    GroupConfig cfg;
+    std::string error;
+    if (!configFromDump(rows[0][0].s, &cfg, &error))
+      return false;
+    parsed = parsedConfigs_.emplace(rows[0][0].s, cfg).first;
+  }
+  g->cfg = parsed->second;
   g->dgid = dgid;
   g->disabled = rows[0][1].i != 0;
   g->shared = rows[0][2].i != 0;
@@ -324,6 +333,7 @@ void Sim::saveGroup(Group& g) {
     for (const auto& r : db.query("SELECT host FROM imports WHERE dgid=? AND shared=1 AND host<>?",
                                   {g.dgid, host.name}))
       hosts.push_back(r[0].s);
+  parsedConfigs_[text] = g.cfg;
   for (const auto& h : hosts) {
     db.exec("UPDATE imports SET config=? WHERE host=? AND dgid=?", {text, h, g.dgid});
     for (const auto& dd : g.dmDisk)
@@ -485,8 +495,16 @@ void Sim::syncHostFiles() {
       wanted.push_back({"os:" + r[0].s, "dev_os/" + r[0].s, 0660});
   }
   for (const auto& r :
-       db.query("SELECT disk FROM hostdisks WHERE host=? AND discovered=1", {host.name})) {
-    Disk d = loadDisk(db, r[0].i);
+       db.query("SELECT id, enclosure, encl_index, pformat, privslice, pubslice FROM disks "
+                "WHERE id IN (SELECT disk FROM hostdisks WHERE host=? AND discovered=1)",
+                {host.name})) {
+    Disk d;  // what the node names need
+    d.id = r[0].i;
+    d.enclosure = r[1].s;
+    d.enclIndex = r[2].i;
+    d.pformat = r[3].s;
+    d.privslice = r[4].i;
+    d.pubslice = r[5].i;
     std::string da = daName(d);
     std::vector<std::string> names = {da};
     for (int64_t slice : {d.pubslice, d.privslice})

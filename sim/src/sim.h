@@ -159,6 +159,7 @@ class Sim {
 
  private:
   void syncSandboxDisks(const std::set<std::string>& osnames);
+  std::map<std::string, GroupConfig> parsedConfigs_;  // by configuration text
 };
 
 // Per-host folders below the simulation root.
