@@ -60,13 +60,21 @@ nodes_of_record() {
   local disk
   sed -n '/"sub_objects"/,/]/p' "$1" | grep -o '/dev/[a-z0-9]*' | while read -r disk; do
     "$qzsim" disk list | awk -v os="A:${disk#/dev/}" '
-      NR > 1 { n = split($7, paths, ","); for (i = 1; i <= n; i++) if (paths[i] == os) print $2 }'
+      NR > 1 { n = split($NF, paths, ","); for (i = 1; i <= n; i++) if (paths[i] == os) print $2 }'
   done | paste -sd, -
 }
 # The first OS path of each disk that "qzsim disk add|attach" or "array split"
 # printed ("LUN NODE HOST=os,os"), as a --secondary list.
 secondary_of() { awk '{split($3, p, "="); split(p[2], os, ","); print "/dev/" os[1]}' "$1" | paste -sd, -; }
 luns_of() { awk '{print $1}' "$1"; }
+# The LUNs that "qzsim disk add" printed carry no volume manager format.
+plain_again() {
+  local lun
+  for lun in $(luns_of "$1"); do
+    "$qzsim" disk list | awk -v lun="$lun" '$1 == lun && $4 != "auto:none" {bad = 1} END {exit bad}' ||
+      return 1
+  done
+}
 path_a=/dev/qz/dsk/dg1/vol1
 
 step "A storage network: hosts A, B and C, and two LUNs seen by A over two paths each"
@@ -120,7 +128,7 @@ check_clean() {  # check_clean: no stray groups, a consistent simulation
   check "A holds only dg1, B and C hold no group" \
     [ "$(groups_on A)/$(groups_on B)/$(groups_on C)" = "dg1//" ]
   "$qzsim" check >"$work/check" || { cat "$work/check"; return 1; }
-  check "qzsim check: $(grep -c '^OK' "$work/check") checks OK" true
+  check "qzsim check: $(cat "$work/check")" true
 }
 
 flow_rebuild() {
@@ -183,10 +191,9 @@ flow_resources() {
   qzfi_on A online $disks | tee "$work/out"
   check "online found rdg/rvol on the disks with its data" \
     [ "$(checksum A rdg rvol)" = "$split_sum" ]
-  on A qzdg deport rdg
   # shellcheck disable=SC2086
   qzfi_on A unformat $disks
-  check "the disks are plain again" [ "$(on A qzdisk list | grep -c rdg || true)" = 0 ]
+  check "the disks are plain again" plain_again "$work/plain"
   check_clean
 }
 

@@ -14,13 +14,15 @@ using ::testing::Not;
 
 class ResourcesTest : public QzfiTest {
  protected:
-  // Two plain disks seen by host A, by their OS paths.
+  // Two plain disks seen by host A and its volume manager, by their OS
+  // paths.
   qzfi_e2e::Lines plainDisks() {
     qzfi_e2e::Lines paths;
     for (const SimDisk& disk : qzfi_e2e::parseDisks(
              admin({"disk", "add", "--count", "2", "--hosts", "A", "--size", "64m"}))) {
       paths.push_back("/dev/" + disk.osNames.at(0));
     }
+    tool("A", "qzdisk scandisks");
     return paths;
   }
 };
@@ -45,11 +47,21 @@ TEST_F(ResourcesTest, PlainDisksBecomeAVolumeComeOnlineAndArePlainAgain) {
               HasSubstr("carries a disk group of qzvmfi"));
   EXPECT_EQ(checksum("A", "rdg", "rvol"), written);
 
+  // Found on the disks when its group is not imported either.
   tool("A", "qzdg deport rdg");
+  const QzfiRun found = qzfi("A", {"--quiet", "online", disks[0], disks[1]});
+  ASSERT_EQ(found.status, 0) << found;
+  EXPECT_EQ(found.out, "/dev/qz/dsk/rdg/rvol\n");
+  EXPECT_EQ(checksum("A", "rdg", "rvol"), written);
+
   const QzfiRun unformatted = qzfi("A", {"unformat", disks[0], disks[1]});
   ASSERT_EQ(unformatted.status, 0) << unformatted;
-  const std::string listing = tool("A", "qzdisk list");
-  EXPECT_THAT(listing, Not(HasSubstr("rdg")));
+  EXPECT_TRUE(groups("A").empty());
+  for (const std::string& line : qzfi_e2e::linesOf(admin({"disk", "list"}))) {
+    if (line.find("LUN") != 0) {
+      EXPECT_THAT(line, HasSubstr(" auto:none ")) << "a disk not plain again";
+    }
+  }
   const QzfiRun asked = qzfi("A", {"online", disks[0]});
   EXPECT_EQ(asked.status, 6) << asked;
   EXPECT_THAT(asked.err, HasSubstr("carries nothing of qzvmfi"));
