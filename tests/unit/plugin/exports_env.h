@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "../plugin_env.h"
+#include "osutil.h"
 #include "plugin/exports.h"
 #include "plugin/qzvm_plugin.h"
 
@@ -134,9 +135,17 @@ class OperationsTest : public ExportsTest {
   void SetUp() override {
     ExportsTest::SetUp();
     writeFile(configFile(), std::string("[CLI_TOOL_INFO]\nFILEPATH_QzVM=") + kToolDir + "\n");
+    // Devices that an operation deletes are written under a scratch folder,
+    // never under the machine's /sys.
+    setQzVMSysRoot(m_sysRoot.path());
     ASSERT_EQ(0, initPlugin());
     qzfi_pdk_4_4::CFiExecSeam::clearCommands();
     m_trace.clear();
+  }
+
+  void TearDown() override {
+    ExportsTest::TearDown();
+    setQzVMSysRoot("");
   }
 
   // The engine keeps what it listed for as long as the process lives: each
@@ -149,6 +158,7 @@ class OperationsTest : public ExportsTest {
   const std::string m_number = std::to_string(nextTestNumber());
   const std::string m_dg = "dg" + m_number;
   const std::string m_path = "/dev/qz/dsk/" + m_dg + "/vol1";
+  TempDir m_sysRoot;
   const std::vector<TestDisk> m_disks = {{"qzarr" + m_number + "_0", "sdb", m_dg + "d00"},
                                          {"qzarr" + m_number + "_1", "sdc", m_dg + "d01"},
                                          {"qzarr" + m_number + "_2", "sdd", m_dg + "d02"}};
@@ -276,6 +286,53 @@ class OperationsTest : public ExportsTest {
 
   // The private data that the plug-in keeps for node.
   static CQzVMData* dataOf(qfi_domain* node) { return plugin().GetPrivateData(node); }
+
+  // The node's provider state restored from a blob of text, as the
+  // framework restores it on another host.
+  static int restoreState(qfi_domain* node, const std::string& text) {
+    std::string bytes = text;
+    qfi_blob blob{bytes.size() + 1, &bytes[0], 1};
+    return qzvmfi_fi_pgn_process_providerstate(node, &blob, QFI_PS_RESTORE);
+  }
+
+  // The node's provider state saved into a blob: its text.
+  static std::string savedState(qfi_domain* node) {
+    qfi_blob blob{};
+    EXPECT_EQ(0, qzvmfi_fi_pgn_process_providerstate(node, &blob, QFI_PS_SAVE));
+    std::string text = blob.data != nullptr ? blob.data : "";
+    qzfi_free_buf(blob.data, blob.len);
+    return text;
+  }
+
+  // The provider-state records of the test's disks: each OS disk paired
+  // with its node, under its disk-media name.
+  std::string diskRecords() const {
+    std::string text;
+    for (const TestDisk& disk : m_disks) {
+      text += "fiid_volpriv " + disk.os + " " + disk.dm + " " + disk.node + " 0\n\n";
+    }
+    return text;
+  }
+
+  // A list of nodes as disableAccess and enableAccess get it, each with the
+  // sub-objects given.
+  class NodeList {
+   public:
+    void add(qfi_domain* node, TestObjids* subobjs = nullptr) {
+      auto entry = std::make_unique<qfi_node_subobj_list>();
+      entry->node = node;
+      entry->subobjs = subobjs != nullptr ? subobjs->get() : nullptr;
+      entry->nsubobjs = subobjs != nullptr ? subobjs->count() : 0;
+      if (!m_entries.empty()) {
+        m_entries.back()->next = entry.get();
+      }
+      m_entries.push_back(std::move(entry));
+    }
+    qfi_node_subobj_list* get() { return m_entries.empty() ? nullptr : m_entries.front().get(); }
+
+   private:
+    std::vector<std::unique_ptr<qfi_node_subobj_list>> m_entries;
+  };
 };
 
 }  // namespace qzvmfi_test
