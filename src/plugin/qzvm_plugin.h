@@ -140,6 +140,13 @@ class CQzVMPlugin : public qzfi_pdk_4_4::CFiPluginBase {
   int storeDiskDMPMapInPrivateData(qfi_domain* node, const std::vector<std::string>& osDisks,
                                    const std::vector<std::string>& dmpNodes);
   // alt_tree.cc
+  struct OwnerTexts;
+  static const OwnerTexts kBuildOwnerTexts;
+  static const OwnerTexts kImportOwnerTexts;
+  // Gives the new volume's block device, and its raw device beside it, the
+  // owner recorded for the primary volume: 0, 1091 when an owner cannot be
+  // set, or the texts' status when the raw path cannot be made.
+  int giveOwnerOfPrimary(const qzfi_objid* made, CQzVMData* data, const OwnerTexts& texts);
   // deport.cc
   int noObjectToDeport(int severity);
   int keepConfiguration(const std::string& path, CQzVMData* data);
@@ -153,6 +160,17 @@ class CQzVMPlugin : public qzfi_pdk_4_4::CFiPluginBase {
   int restoreProviderState(qfi_domain* node, qfi_blob* blob);
   int saveProviderState(qfi_domain* node, qfi_blob* blob);
   // resources.cc
+  int onlinePersistentResource(const std::vector<std::string>& osDisks, char*** paths,
+                               int* pathCount);
+  int createFreshVolume(std::string& dg, std::string& volume,
+                        const std::vector<std::string>& osDisks);
+  // "/dev/qz/dsk/<dg>/<volume>" handed out by allocBuffer; 3 when a name is
+  // empty.
+  int createPathAndAllocBuffer(const std::string& dg, const std::string& volume, char*** paths,
+                               int* count);
+  // A one-entry, null-terminated array of the framework's allocator holding
+  // path, and count 1: 0, or 5 when memory runs out.
+  int allocBuffer(const std::string& path, char*** paths, int* count);
 
   // Plug-in state.
   unsigned char m_delayedInitRun = 0;

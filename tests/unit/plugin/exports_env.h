@@ -138,6 +138,8 @@ class OperationsTest : public ExportsTest {
     // Devices that an operation deletes are written under a scratch folder,
     // never under the machine's /sys.
     setQzVMSysRoot(m_sysRoot.path());
+    // Waits for disks are counted, never slept.
+    setQzVMSleep([this](unsigned seconds) { m_pauses.push_back(seconds); });
     ASSERT_EQ(0, initPlugin());
     qzfi_pdk_4_4::CFiExecSeam::clearCommands();
     m_trace.clear();
@@ -145,6 +147,7 @@ class OperationsTest : public ExportsTest {
 
   void TearDown() override {
     ExportsTest::TearDown();
+    setQzVMSleep(nullptr);
     setQzVMSysRoot("");
   }
 
@@ -159,6 +162,7 @@ class OperationsTest : public ExportsTest {
   const std::string m_dg = "dg" + m_number;
   const std::string m_path = "/dev/qz/dsk/" + m_dg + "/vol1";
   TempDir m_sysRoot;
+  std::vector<unsigned> m_pauses;
   const std::vector<TestDisk> m_disks = {{"qzarr" + m_number + "_0", "sdb", m_dg + "d00"},
                                          {"qzarr" + m_number + "_1", "sdc", m_dg + "d01"},
                                          {"qzarr" + m_number + "_2", "sdd", m_dg + "d02"}};
