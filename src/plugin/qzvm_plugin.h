@@ -160,6 +160,9 @@ class CQzVMPlugin : public qzfi_pdk_4_4::CFiPluginBase {
   int restoreProviderState(qfi_domain* node, qfi_blob* blob);
   int saveProviderState(qfi_domain* node, qfi_blob* blob);
   // resources.cc
+  // Takes a disk's volume-manager identity away: 0, or non-zero when it
+  // stays.
+  int deleteDisk(const std::string& node);
   int onlinePersistentResource(const std::vector<std::string>& osDisks, char*** paths,
                                int* pathCount);
   int createFreshVolume(std::string& dg, std::string& volume,

@@ -131,9 +131,10 @@ int CQzVMPlugin::isParentPgnOptimized(char* disk, int* isParent, int /*flags*/) 
   });
 }
 
-// Whether a disk carries the volume manager is asked of the first disk on
-// every pass, while each disk is deleted in turn: the disks of one call are
-// taken to be of one group.
+// Whether the disks carry the volume manager is asked of the first disk:
+// the disks of one call are taken to be of one group, and the answer stands
+// for each of them. It is asked once, since the first deletion takes that
+// disk away.
 int CQzVMPlugin::unformat(char** disks, int count, int flags) {
   QZ_PLUGIN_SCOPE("unformat");
   Names osDisks;
@@ -161,12 +162,14 @@ int CQzVMPlugin::unformat(char** disks, int count, int flags) {
     if (!persistent) {
       m_support.refreshDisks(nodes);
     }
-    for (const std::string& node : nodes) {
-      bool isQzVM = false;
+    bool isQzVM = false;
+    if (!nodes.empty()) {
       if (int checked = m_support.isQzVMDisk(osDisks.front(), nodes.front(), isQzVM, true)) {
         return checked;
       }
-      if (isQzVM && m_support.deleteQzVMDisk(node) != 0) {
+    }
+    for (const std::string& node : nodes) {
+      if (isQzVM && deleteDisk(node) != 0) {
         QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::unformat - deleteQzVMDisk() failed");
         return 6;
       }
@@ -174,6 +177,22 @@ int CQzVMPlugin::unformat(char** disks, int count, int flags) {
     QZ_TRACE(m_traceLog, 3, "CQzVMPlugin::unformat - successful.");
     return 0;
   });
+}
+
+// The deletion of the group's first disk destroys the group on all its
+// disks: the others then keep only their private regions, which go.
+int CQzVMPlugin::deleteDisk(const std::string& node) {
+  std::string dgid;
+  std::string dgName;
+  if (m_support.dgIdNameOnDisk(node, dgid, dgName) != 0 || !dgid.empty()) {
+    return m_support.deleteQzVMDisk(node);
+  }
+  QZ_TRACE(m_traceLog, 3, "CQzVMPlugin::unformat - disk '%s' is in no disk group any more.",
+           node.c_str());
+  if (m_support.qzDiskUnsetup(node) || m_support.removeDisksFromQzVM({node}, false) != 0) {
+    return 6;
+  }
+  return 0;
 }
 
 int CQzVMPlugin::onlineResource(char** disks, int count, char* /*a*/, char* /*b*/, char* /*c*/,

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "../plugin_env.h"
+#include "framework_records.h"
 #include "osutil.h"
 #include "plugin/exports.h"
 #include "plugin/qzvm_plugin.h"
@@ -63,59 +64,6 @@ inline Lines out(std::initializer_list<std::string> lines) {
   }
   return result;
 }
-
-// A node of the framework for an object path, with its access record; the
-// object ids it holds are freed with it.
-class TestNode {
- public:
-  explicit TestNode(const std::string& path) {
-    m_objid = qzfi_get_objid(path.c_str(), static_cast<int>(path.size() + 1), 3);
-    domain.objid = m_objid;
-    domain.access = &access;
-  }
-  // A node without an object id.
-  TestNode() { domain.access = &access; }
-  ~TestNode() {
-    qzfi_free_objid(m_objid);
-    qzfi_free_objid(access.objid);
-  }
-  TestNode(const TestNode&) = delete;
-  TestNode& operator=(const TestNode&) = delete;
-
-  qzfi_objid* objid() const { return m_objid; }
-  const char* path() const { return m_objid != nullptr ? m_objid->name : nullptr; }
-
-  qfi_domain domain{};
-  qfi_access access{};
-
- private:
-  qzfi_objid* m_objid = nullptr;
-};
-
-// Object ids of paths, as the framework passes lists of them: null
-// terminated.
-class TestObjids {
- public:
-  explicit TestObjids(const Lines& paths) {
-    for (const std::string& path : paths) {
-      m_ids.push_back(qzfi_get_objid(path.c_str(), static_cast<int>(path.size() + 1), 3));
-    }
-    m_ids.push_back(nullptr);
-  }
-  ~TestObjids() {
-    for (qzfi_objid* id : m_ids) {
-      qzfi_free_objid(id);
-    }
-  }
-  TestObjids(const TestObjids&) = delete;
-  TestObjids& operator=(const TestObjids&) = delete;
-
-  qzfi_objid** get() { return m_ids.data(); }
-  int count() const { return static_cast<int>(m_ids.size() - 1); }
-
- private:
-  std::vector<qzfi_objid*> m_ids;
-};
 
 // One disk of a volume as the tools name it: its multipath node, its
 // operating-system path and its disk-media name.
@@ -317,26 +265,6 @@ class OperationsTest : public ExportsTest {
     }
     return text;
   }
-
-  // A list of nodes as disableAccess and enableAccess get it, each with the
-  // sub-objects given.
-  class NodeList {
-   public:
-    void add(qfi_domain* node, TestObjids* subobjs = nullptr) {
-      auto entry = std::make_unique<qfi_node_subobj_list>();
-      entry->node = node;
-      entry->subobjs = subobjs != nullptr ? subobjs->get() : nullptr;
-      entry->nsubobjs = subobjs != nullptr ? subobjs->count() : 0;
-      if (!m_entries.empty()) {
-        m_entries.back()->next = entry.get();
-      }
-      m_entries.push_back(std::move(entry));
-    }
-    qfi_node_subobj_list* get() { return m_entries.empty() ? nullptr : m_entries.front().get(); }
-
-   private:
-    std::vector<std::unique_ptr<qfi_node_subobj_list>> m_entries;
-  };
 };
 
 }  // namespace qzvmfi_test

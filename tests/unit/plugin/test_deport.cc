@@ -18,6 +18,7 @@ using qzvmfi_test::out;
 using qzvmfi_test::Pushed;
 using qzvmfi_test::TempDir;
 using qzvmfi_test::TestNode;
+using qzvmfi_test::TestNodeList;
 using qzvmfi_test::TestObjids;
 
 class DeportTest : public OperationsTest {
@@ -246,7 +247,7 @@ TEST_F(DeportTest, DisableAccessOfDisksAboutToBeMaskedButStillVisibleTakesTheOpt
   answer("qzvol   -g " + m_dg + " stop vol1", 0, {});
   groupPresent(m_dg);
   answer("qzdg   deport " + m_dg, 0, {});
-  NodeList list;
+  TestNodeList list;
   list.add(node());
   list.add(&second.domain);
   EXPECT_EQ(0, qzvmfi_fi_pgn_disable_access(list.get(), 0x8400));
@@ -268,7 +269,7 @@ TEST_F(DeportTest, DisableAccessOfDisksToBeMaskedOfflinesThenDeportsAndRemovesDi
   withDisks();
   answer("qzvol   -g " + m_dg + " stop vol1", 0, {});
   groupDeports(m_dg);
-  NodeList list;
+  TestNodeList list;
   list.add(node());
   EXPECT_EQ(0, qzvmfi_fi_pgn_disable_access(list.get(), 0x8000));
   Lines expected = run({"qzvol   -g " + m_dg + " stop vol1"});
@@ -282,7 +283,7 @@ TEST_F(DeportTest, DisableAccessOfDisksToBeMaskedOfflinesThenDeportsAndRemovesDi
 TEST_F(DeportTest, DisableAccessOfDisksThatStayVisibleDeportsWithoutRemovingDisks) {
   withDisks();
   groupDeports(m_dg);
-  NodeList list;
+  TestNodeList list;
   list.add(node());
   EXPECT_EQ(0, qzvmfi_fi_pgn_disable_access(list.get(), 0x400));
   EXPECT_EQ(deportRuns(m_dg), commands());
@@ -294,7 +295,7 @@ TEST_F(DeportTest, DisableAccessWithoutFlagsDeportsAndRemovesDisksOfEveryEntry) 
   ASSERT_EQ(0, restoreState(&second.domain, diskRecords()));
   groupDeports(m_dg);
   groupAbsent(m_dg + "b");
-  NodeList list;
+  TestNodeList list;
   list.add(node());
   list.add(&second.domain);
   EXPECT_EQ(0, qzvmfi_fi_pgn_disable_access(list.get(), 0));
@@ -312,7 +313,7 @@ TEST_F(DeportTest, DisableAccessOfANodeWithoutRecordedDisksOnlyDeportsWhateverTh
     plain.domain.related = &related.domain;
     groupPresent(m_dg);
     answer("qzdg   deport " + m_dg, 0, {});
-    NodeList list;
+    TestNodeList list;
     list.add(&plain.domain);
     EXPECT_EQ(0, qzvmfi_fi_pgn_disable_access(list.get(), flags)) << flags;
     EXPECT_EQ(deportRuns(m_dg), commands()) << flags;
@@ -322,7 +323,7 @@ TEST_F(DeportTest, DisableAccessOfANodeWithoutRecordedDisksOnlyDeportsWhateverTh
 TEST_F(DeportTest, DisableAccessWithoutAListOrPastAnEntryWithoutNodeDoesNothing) {
   EXPECT_EQ(0, qzvmfi_fi_pgn_disable_access(nullptr, 0));
   TestNode noObject;
-  NodeList list;
+  TestNodeList list;
   list.add(&noObject.domain);
   list.add(node());
   EXPECT_EQ(0, qzvmfi_fi_pgn_disable_access(list.get(), 0));
@@ -332,7 +333,7 @@ TEST_F(DeportTest, DisableAccessWithoutAListOrPastAnEntryWithoutNodeDoesNothing)
 TEST_F(DeportTest, DisableAccessOfANodeWithoutProviderStateStopsWithSuccess) {
   TestNode second(m_path);
   ASSERT_EQ(0, restoreState(&second.domain, diskRecords()));
-  NodeList list;
+  TestNodeList list;
   list.add(node());
   list.add(&second.domain);
   EXPECT_EQ(0, qzvmfi_fi_pgn_disable_access(list.get(), 0));
@@ -344,7 +345,7 @@ TEST_F(DeportTest, DisableAccessWhoseGroupWillNotDeportReportsAWarning) {
   ASSERT_EQ(0, restoreState(node(), "fiid_uigid 0 0"));
   groupPresent(m_dg);
   answer("qzdg   deport " + m_dg, 13, out({"QZVM qzdg ERROR Q-5-1-103 volume in use"}));
-  NodeList list;
+  TestNodeList list;
   list.add(node());
   EXPECT_EQ(6, qzvmfi_fi_pgn_disable_access(list.get(), 0));
   EXPECT_TRUE(wasTraced(1, "Deport of diskgroup failed. dg=" + m_dg + " volume=vol1"));
@@ -356,7 +357,7 @@ TEST_F(DeportTest, DisableAccessWhoseGroupWillNotDeportReportsAWarning) {
 TEST_F(DeportTest, DisableAccessWhoseVolumeWillNotStopReportsAWarning) {
   withDisks();
   answer("qzvol   -g " + m_dg + " stop vol1", 1, out({"QZVM qzvol ERROR Q-5-1-1 cannot stop"}));
-  NodeList list;
+  TestNodeList list;
   list.add(node());
   EXPECT_EQ(6, qzvmfi_fi_pgn_disable_access(list.get(), 0x8000));
   EXPECT_EQ(run({"qzvol   -g " + m_dg + " stop vol1"}), commands());
@@ -374,7 +375,7 @@ TEST_F(DeportTest, DisableAccessWhoseDeportFailsStopsTheWalk) {
   answer("qzdg   deport " + m_dg, 13, out({"QZVM qzdg ERROR Q-5-1-103 volume in use"}));
   for (long flags : {0x8000L, 0L}) {
     CFiExecSeam::clearCommands();
-    NodeList list;
+    TestNodeList list;
     list.add(node());
     list.add(&second.domain);
     EXPECT_EQ(6, qzvmfi_fi_pgn_disable_access(list.get(), flags)) << flags;
@@ -382,7 +383,7 @@ TEST_F(DeportTest, DisableAccessWhoseDeportFailsStopsTheWalk) {
   }
   EXPECT_EQ(2u, traced("deportDGAndRemoveDisks() failed").size());
   CFiExecSeam::clearCommands();
-  NodeList list;
+  TestNodeList list;
   list.add(node());
   EXPECT_EQ(6, qzvmfi_fi_pgn_disable_access(list.get(), 0x400));
   EXPECT_TRUE(wasTraced(1, "deportDG() failed"));
@@ -426,7 +427,7 @@ TEST_F(DeportTest, DisableAccessOptimizeWhoseGroupWillNotDeportReturns6) {
 
 TEST_F(DeportTest, EnableAccessWithOptionBit0OrWithoutAListDoesNothing) {
   withDisks();
-  NodeList list;
+  TestNodeList list;
   list.add(node());
   EXPECT_EQ(0, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 1));
   EXPECT_EQ(0, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 3));
@@ -436,14 +437,14 @@ TEST_F(DeportTest, EnableAccessWithOptionBit0OrWithoutAListDoesNothing) {
 
 TEST_F(DeportTest, EnableAccessOfAnEntryWithoutNodeReturns3) {
   TestNode noObject;
-  NodeList list;
+  TestNodeList list;
   list.add(&noObject.domain);
   EXPECT_EQ(3, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0));
   EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::enableAccess invalid input"));
 }
 
 TEST_F(DeportTest, EnableAccessOfANodeWithoutProviderStateStopsWithSuccess) {
-  NodeList list;
+  TestNodeList list;
   list.add(node());
   EXPECT_EQ(0, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0));
   EXPECT_TRUE(wasTraced(3, "CQzVMPlugin::enableAccess  got null provider state."));
@@ -466,7 +467,7 @@ TEST_F(DeportTest, EnableAccessOfRestoredDisksRecreatesTheGroupAndGivesBackTheOw
          out({"TY  NAME  ASSOC  KSTATE  LENGTH  PLOFFS  STATE  TUTIL0  PUTIL0",
               "v  vol1  fsgen  ENABLED  204800  -  ACTIVE  -  -"}));
   volumeStarted(m_dg);
-  NodeList list;
+  TestNodeList list;
   list.add(&restored.domain, &subobjs);
   ASSERT_EQ(0, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0));
   Lines expected =
@@ -486,7 +487,7 @@ TEST_F(DeportTest, EnableAccessWhoseGroupCannotBeRecreatedReturns6) {
   withDisks();
   TestObjids subobjs({"/dev/sdb", "/dev/sdc", "/dev/sdd"});
   answer("qzdisk   scandisks  device=sdb,sdc,sdd", 1, out({"QZVM qzdisk ERROR Q-5-1-1 no"}));
-  NodeList list;
+  TestNodeList list;
   list.add(node(), &subobjs);
   EXPECT_EQ(6, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0));
   EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::enableAccess recreate dg on restored disks failed."));
@@ -498,7 +499,7 @@ TEST_F(DeportTest, EnableAccessOfAGroupStillPresentOnlyStartsItsVolume) {
   withoutDisks();
   groupPresent(m_dg);
   volumeStarted(m_dg);
-  NodeList list;
+  TestNodeList list;
   list.add(node());
   EXPECT_EQ(0, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0));
   Lines expected = run({"qzdg   list " + m_dg});
@@ -517,7 +518,7 @@ TEST_F(DeportTest, EnableAccessImportsADeportedGroupUnderItsOwnName) {
   groupAbsent(m_dg);
   answer("qzdg   -C  import " + m_dg, 0, {});
   volumeStarted(m_dg);
-  NodeList list;
+  TestNodeList list;
   list.add(node());
   EXPECT_EQ(0, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0));
   EXPECT_EQ(qz("qzdg   -C  import " + m_dg), commands()[1]);
@@ -528,7 +529,7 @@ TEST_F(DeportTest, EnableAccessWhoseImportFailsReturns6) {
   withoutDisks();
   groupAbsent(m_dg);
   answer("qzdg   -C  import " + m_dg, 20, out({"QZVM qzdg ERROR Q-5-1-203 a disk is missing"}));
-  NodeList list;
+  TestNodeList list;
   list.add(node());
   EXPECT_EQ(6, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0));
   EXPECT_TRUE(wasTraced(
@@ -542,7 +543,7 @@ TEST_F(DeportTest, EnableAccessWhoseVolumeWillNotStartReturns6) {
   answer("qzinfo   -g " + m_dg + " vol1", 0, out({"vol1  fsgen  Startable"}));
   answer("qzvol   -g " + m_dg + " start vol1", 15, out({"QZVM qzvol ERROR Q-5-1-305 no plex"}));
   TestNode second("/dev/qz/dsk/" + m_dg + "/vol2");
-  NodeList list;
+  TestNodeList list;
   list.add(node());
   list.add(&second.domain);
   EXPECT_EQ(6, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0));
@@ -564,7 +565,7 @@ TEST_F(DeportTest, EnableAccessOfANodeWithoutDisksUsesItsRelatedNode) {
   node()->related = &related.domain;
   groupPresent(m_dg);
   volumeStarted(m_dg);
-  NodeList list;
+  TestNodeList list;
   list.add(node());
   EXPECT_EQ(0, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0));
   EXPECT_EQ("1234:5678", ownerOf(device));

@@ -17,43 +17,10 @@ using qzvmfi_test::Lines;
 using qzvmfi_test::OperationsTest;
 using qzvmfi_test::out;
 using qzvmfi_test::TestDisk;
+using qzvmfi_test::TestPaths;
+using qzvmfi_test::TestTextArray;
 
 const int kPersistent = 0x200;
-
-// Disk names as the framework passes them, and the paths handed back.
-class TextArray {
- public:
-  explicit TextArray(const Lines& texts) : m_texts(texts) {
-    for (std::string& text : m_texts) {
-      m_pointers.push_back(&text[0]);
-    }
-    m_pointers.push_back(nullptr);
-  }
-  char** get() { return m_pointers.data(); }
-  int count() const { return static_cast<int>(m_texts.size()); }
-
- private:
-  Lines m_texts;
-  std::vector<char*> m_pointers;
-};
-
-class Paths {
- public:
-  ~Paths() { qzfi_pdk_4_4::CFiStringTool::tstrfreelist(m_paths); }
-  char*** paths() { return &m_paths; }
-  int* count() { return &m_count; }
-  Lines texts() const {
-    Lines texts;
-    for (int i = 0; m_paths != nullptr && i < m_count; ++i) {
-      texts.push_back(m_paths[i]);
-    }
-    return texts;
-  }
-
- private:
-  char** m_paths = nullptr;
-  int m_count = 0;
-};
 
 class ResourcesTest : public OperationsTest {
  protected:
@@ -220,7 +187,7 @@ TEST_F(ResourcesTest, IsParentPgnPassesOnTheStatusOfTheDiskCheck) {
 // ===== unformat =====
 
 TEST_F(ResourcesTest, UnformatWithoutDisksReturns3WithOnlineResourcesMessage) {
-  TextArray disks({"/dev/sde"});
+  TestTextArray disks({"/dev/sde"});
   char* withNull[] = {nullptr};
   EXPECT_EQ(3, qzvmfi_fi_pgn_unformat(nullptr, 1, 0));
   EXPECT_EQ(3, qzvmfi_fi_pgn_unformat(disks.get(), 0, 0));
@@ -237,7 +204,7 @@ TEST_F(ResourcesTest, UnformatDeletesEveryDiskWhenTheFirstCarriesTheVolumeManage
   for (const TestDisk& disk : m_plain) {
     CFiExecSeam::answer("/usr/lib/qzvm/bin/qzdiskunsetup   -C " + disk.node, 0, {});
   }
-  TextArray disks({"/dev/sde", "/dev/sdf", "/dev/sdg"});
+  TestTextArray disks({"/dev/sde", "/dev/sdf", "/dev/sdg"});
   EXPECT_EQ(0, qzvmfi_fi_pgn_unformat(disks.get(), disks.count(), 0));
   Lines unset;
   for (const std::string& line : commands()) {
@@ -250,18 +217,40 @@ TEST_F(ResourcesTest, UnformatDeletesEveryDiskWhenTheFirstCarriesTheVolumeManage
     expected.push_back("/usr/lib/qzvm/bin/qzdiskunsetup   -C " + disk.node);
   }
   EXPECT_EQ(expected, unset);
-  // Each pass cleans and asks about the first disk.
-  EXPECT_EQ(3u, runsHolding("qzdg   -C  import 17.9.A"));
+  // The first disk is cleaned and asked about once.
+  EXPECT_EQ(1u, runsHolding("qzdg   -C  import 17.9.A"));
+  EXPECT_EQ(3u, runsHolding("qzdg   destroy " + m_dg));
   EXPECT_EQ(1u, runsHolding("qzdisk   scandisks "));
   EXPECT_TRUE(wasTraced(3, "CQzVMPlugin::unformat - successful."));
 }
 
+// Deleting the first disk destroyed the group on all its disks: the others
+// lose their private regions and leave the view.
+TEST_F(ResourcesTest, UnformatClearsDisksWhoseGroupIsGoneAlready) {
+  disksCarryTheGroup();
+  answer("qzdg   destroy " + m_dg, 0, {});
+  const TestDisk& second = m_plain[1];
+  expect("qzdisk   list " + second.node, 0,
+         out({"Device:    " + second.node, "type:      auto", "disk:      id=17.3.A",
+              "group:     -", "info:      format=cdsdisk"}));
+  for (const TestDisk& disk : m_plain) {
+    CFiExecSeam::answer("/usr/lib/qzvm/bin/qzdiskunsetup   -C " + disk.node, 0, {});
+  }
+  TestTextArray disks({"/dev/sde", "/dev/sdf"});
+  EXPECT_EQ(0, qzvmfi_fi_pgn_unformat(disks.get(), disks.count(), kPersistent));
+  EXPECT_EQ(1u, runsHolding("qzdg   destroy " + m_dg));
+  EXPECT_EQ(1u, runsHolding("qzdiskunsetup   -C " + second.node));
+  EXPECT_EQ(qz("qzdisk   rm " + second.node), commands().back());
+  EXPECT_TRUE(wasTraced(
+      3, "CQzVMPlugin::unformat - disk '" + second.node + "' is in no disk group any more."));
+}
+
 TEST_F(ResourcesTest, UnformatOfPersistentDisksNeitherWaitsNorRefreshes) {
   disksArePlain();
-  TextArray disks({"/dev/sde", "/dev/sdf"});
+  TestTextArray disks({"/dev/sde", "/dev/sdf"});
   EXPECT_EQ(0, qzvmfi_fi_pgn_unformat(disks.get(), disks.count(), kPersistent));
   EXPECT_EQ(run({"qzdmpadm   getdmpnode  nodename=sde", "qzdmpadm   getdmpnode  nodename=sdf",
-                 "qzdisk   list " + m_plain[0].node, "qzdisk   list " + m_plain[0].node}),
+                 "qzdisk   list " + m_plain[0].node}),
             commands());
   EXPECT_TRUE(
       wasTraced(3, "Disk is persistently available to the host. Getting DMP node directly."));
@@ -270,7 +259,7 @@ TEST_F(ResourcesTest, UnformatOfPersistentDisksNeitherWaitsNorRefreshes) {
 
 TEST_F(ResourcesTest, UnformatWhoseDisksHaveNoNodeReturns6) {
   answer("qzdmpadm   getdmpnode  nodename=sde", 11, out({"QZVM qzdmpadm ERROR Q-5-1-401 no"}));
-  TextArray disks({"/dev/sde"});
+  TestTextArray disks({"/dev/sde"});
   EXPECT_EQ(6, qzvmfi_fi_pgn_unformat(disks.get(), disks.count(), kPersistent));
   EXPECT_TRUE(
       wasTraced(1, "CQzVMPlugin::unformat - getQzVMDiskForOSDiskHandler(_Waited)() failed"));
@@ -279,7 +268,7 @@ TEST_F(ResourcesTest, UnformatWhoseDisksHaveNoNodeReturns6) {
 TEST_F(ResourcesTest, UnformatPassesOnTheStatusOfTheDiskCheck) {
   dmpNode(m_plain[0]);
   answer("qzdisk   list " + m_plain[0].node, 11, out({"QZVM qzdisk ERROR Q-5-1-101 gone"}));
-  TextArray disks({"/dev/sde"});
+  TestTextArray disks({"/dev/sde"});
   EXPECT_EQ(1, qzvmfi_fi_pgn_unformat(disks.get(), disks.count(), kPersistent));
 }
 
@@ -288,7 +277,7 @@ TEST_F(ResourcesTest, UnformatWhoseDiskCannotBeDeletedReturns6) {
   answer("qzdg   destroy " + m_dg, 0, {});
   CFiExecSeam::answer("/usr/lib/qzvm/bin/qzdiskunsetup   -C " + m_plain[0].node, 13,
                       out({"QZVM qzdiskunsetup ERROR Q-5-1-103 in use"}));
-  TextArray disks({"/dev/sde"});
+  TestTextArray disks({"/dev/sde"});
   EXPECT_EQ(6, qzvmfi_fi_pgn_unformat(disks.get(), disks.count(), kPersistent));
   EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::unformat - deleteQzVMDisk() failed"));
 }
@@ -296,9 +285,9 @@ TEST_F(ResourcesTest, UnformatWhoseDiskCannotBeDeletedReturns6) {
 // ===== onlineResource =====
 
 TEST_F(ResourcesTest, OnlineResourceWithoutDisksOrOutputsReturns3) {
-  TextArray disks({"/dev/sde"});
+  TestTextArray disks({"/dev/sde"});
   char* withNull[] = {nullptr};
-  Paths paths;
+  TestPaths paths;
   EXPECT_EQ(3, qzvmfi_fi_pgn_online_resource(nullptr, 1, nullptr, nullptr, nullptr, nullptr, 0,
                                              paths.paths(), paths.count()));
   EXPECT_EQ(3, qzvmfi_fi_pgn_online_resource(disks.get(), 0, nullptr, nullptr, nullptr, nullptr, 0,
@@ -315,8 +304,8 @@ TEST_F(ResourcesTest, OnlineResourceWithoutDisksOrOutputsReturns3) {
 
 TEST_F(ResourcesTest, OnlineResourceBringsTheGroupOnTheDisksOnlineAndGivesItsPath) {
   disksCarryTheGroup();
-  TextArray disks({"/dev/sde", "/dev/sdf"});
-  Paths paths;
+  TestTextArray disks({"/dev/sde", "/dev/sdf"});
+  TestPaths paths;
   ASSERT_EQ(0, qzvmfi_fi_pgn_online_resource(disks.get(), disks.count(), nullptr, nullptr, nullptr,
                                              nullptr, 0, paths.paths(), paths.count()));
   EXPECT_EQ(Lines{"/dev/qz/dsk/" + m_dg + "/vol1"}, paths.texts());
@@ -332,8 +321,8 @@ TEST_F(ResourcesTest, OnlineResourceBringsTheGroupOnTheDisksOnlineAndGivesItsPat
 
 TEST_F(ResourcesTest, OnlineResourceOfPersistentDisksTakesTheShortcut) {
   disksCarryTheGroup();
-  TextArray disks({"/dev/sde"});
-  Paths paths;
+  TestTextArray disks({"/dev/sde"});
+  TestPaths paths;
   ASSERT_EQ(0, qzvmfi_fi_pgn_online_resource(disks.get(), disks.count(), nullptr, nullptr, nullptr,
                                              nullptr, kPersistent, paths.paths(), paths.count()));
   EXPECT_EQ(Lines{"/dev/qz/dsk/" + m_dg + "/vol1"}, paths.texts());
@@ -347,8 +336,8 @@ TEST_F(ResourcesTest, OnlineResourceOfPersistentDisksTakesTheShortcut) {
 
 TEST_F(ResourcesTest, OnlineResourceWhoseShortcutFindsNoDeviceFailsWithoutTheDetailedPath) {
   answer("qzdmpadm   getdmpnode  nodename=sde", 11, out({"QZVM qzdmpadm ERROR Q-5-1-401 no"}));
-  TextArray disks({"/dev/sde"});
-  Paths paths;
+  TestTextArray disks({"/dev/sde"});
+  TestPaths paths;
   EXPECT_EQ(6, qzvmfi_fi_pgn_online_resource(disks.get(), disks.count(), nullptr, nullptr, nullptr,
                                              nullptr, kPersistent, paths.paths(), paths.count()));
   EXPECT_EQ(run({"qzdmpadm   getdmpnode  nodename=sde"}), commands());
@@ -372,7 +361,7 @@ TEST_F(ResourcesTest, OnlineResourceWhoseShortcutGivesNoDeviceFails) {
   shortcut->registerTraceLog(qzvmfi_ctx::TraceLog::instance());
   char disk[] = "/dev/sde";
   char* disks[] = {disk, nullptr};
-  Paths paths;
+  TestPaths paths;
   EXPECT_EQ(6, shortcut->onlineResource(disks, 1, nullptr, nullptr, nullptr, nullptr, kPersistent,
                                         paths.paths(), paths.count()));
   EXPECT_TRUE(wasTraced(1,
@@ -403,8 +392,8 @@ TEST_F(ResourcesTest, OnlineResourceOptimizedFailuresAreTraced) {
 }
 
 TEST_F(ResourcesTest, OnlineResourceDetailedFailuresAreTraced) {
-  TextArray disks({"/dev/sde"});
-  Paths paths;
+  TestTextArray disks({"/dev/sde"});
+  TestPaths paths;
   const auto online = [&] {
     return qzvmfi_fi_pgn_online_resource(disks.get(), disks.count(), nullptr, nullptr, nullptr,
                                          nullptr, 0, paths.paths(), paths.count());
@@ -434,8 +423,8 @@ TEST_F(ResourcesTest, OnlineResourceDetailedFailuresAreTraced) {
 
 TEST_F(ResourcesTest, OnlineResourceAfterAnExceptionTracesItsFailure) {
   toolsThrow([] { throw std::runtime_error("lost"); });
-  TextArray disks({"/dev/sde"});
-  Paths paths;
+  TestTextArray disks({"/dev/sde"});
+  TestPaths paths;
   EXPECT_EQ(6, qzvmfi_fi_pgn_online_resource(disks.get(), disks.count(), nullptr, nullptr, nullptr,
                                              nullptr, 0, paths.paths(), paths.count()));
   EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::onlineResource - failed."));
@@ -470,7 +459,7 @@ class FormatTest : public ResourcesTest {
     });
   }
 
-  int format(TextArray& disks, char* name, char* options, int flags, Paths& paths) {
+  int format(TestTextArray& disks, char* name, char* options, int flags, TestPaths& paths) {
     return qzvmfi_fi_pgn_format(disks.get(), disks.count(), name, nullptr, options, flags,
                                 paths.paths(), paths.count());
   }
@@ -478,8 +467,8 @@ class FormatTest : public ResourcesTest {
 
 TEST_F(FormatTest, FormatWithoutNamesMakesAGroupOfItsOwnWithTheDefaultVolume) {
   toolsMakeGroups({});
-  TextArray disks({"/dev/sde", "/dev/sdf"});
-  Paths paths;
+  TestTextArray disks({"/dev/sde", "/dev/sdf"});
+  TestPaths paths;
   ASSERT_EQ(0, format(disks, nullptr, nullptr, 0x1, paths));
   ASSERT_EQ(1u, paths.texts().size());
   const std::string made = paths.texts()[0];
@@ -500,8 +489,8 @@ TEST_F(FormatTest, FormatWithoutNamesMakesAGroupOfItsOwnWithTheDefaultVolume) {
 
 TEST_F(FormatTest, FormatWithAGroupOptionAndANameUsesThem) {
   toolsMakeGroups({m_dg});
-  TextArray disks({"/dev/sde"});
-  Paths paths;
+  TestTextArray disks({"/dev/sde"});
+  TestPaths paths;
   char name[] = "data";
   std::string options = "diskGroup=" + m_dg + "new";
   ASSERT_EQ(0, format(disks, name, &options[0], 0x1, paths));
@@ -511,8 +500,8 @@ TEST_F(FormatTest, FormatWithAGroupOptionAndANameUsesThem) {
 
 TEST_F(FormatTest, FormatWithAGroupNameInUseFailsAndMakesNothing) {
   toolsMakeGroups({m_dg});
-  TextArray disks({"/dev/sde"});
-  Paths paths;
+  TestTextArray disks({"/dev/sde"});
+  TestPaths paths;
   std::string options = "diskGroup=" + m_dg;
   EXPECT_EQ(6, format(disks, nullptr, &options[0], 0x1, paths));
   EXPECT_EQ(run({"qzdg   list "}), commands());
@@ -527,8 +516,8 @@ TEST_F(FormatTest, FormatWhoseGroupCannotBeMadeReturns6) {
     answer.output.clear();
     return true;
   });
-  TextArray disks({"/dev/sde"});
-  Paths paths;
+  TestTextArray disks({"/dev/sde"});
+  TestPaths paths;
   char name[] = "data";
   std::string options = "diskGroup=" + m_dg;
   EXPECT_EQ(6, format(disks, name, &options[0], 0x1, paths));
@@ -542,24 +531,24 @@ TEST_F(FormatTest, FormatWith2BringsTheExistingVolumeOnline) {
   for (const TestDisk& disk : m_plain) {
     subpaths(disk);
   }
-  TextArray disks({"/dev/sde", "/dev/sdf", "/dev/sdg"});
-  Paths paths;
+  TestTextArray disks({"/dev/sde", "/dev/sdf", "/dev/sdg"});
+  TestPaths paths;
   char name[] = "vol1";
   std::string options = "diskGroup=" + m_dg;
   ASSERT_EQ(0, format(disks, name, &options[0], 0x2, paths));
   EXPECT_EQ(Lines{"/dev/qz/dsk/" + m_dg + "/vol1"}, paths.texts());
 
   // Disks that are not the volume's.
-  TextArray other({"/dev/sde"});
+  TestTextArray other({"/dev/sde"});
   EXPECT_EQ(6, format(other, name, &options[0], 0x2, paths));
   EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::format - unable to bring dg '" + m_dg +
                                "' and volume 'vol1' online on disks."));
 }
 
 TEST_F(FormatTest, FormatWithoutDisksOrOutputsReturns3) {
-  TextArray disks({"/dev/sde"});
+  TestTextArray disks({"/dev/sde"});
   char* withNull[] = {nullptr};
-  Paths paths;
+  TestPaths paths;
   EXPECT_EQ(3, qzvmfi_fi_pgn_format(nullptr, 1, nullptr, nullptr, nullptr, 1, paths.paths(),
                                     paths.count()));
   EXPECT_EQ(3, qzvmfi_fi_pgn_format(disks.get(), 0, nullptr, nullptr, nullptr, 1, paths.paths(),
@@ -577,8 +566,8 @@ TEST_F(FormatTest, FormatWithoutDisksOrOutputsReturns3) {
 
 // Asked to do nothing, format has no volume to name.
 TEST_F(FormatTest, FormatWithoutAFlagHasNoPathToGive) {
-  TextArray disks({"/dev/sde"});
-  Paths paths;
+  TestTextArray disks({"/dev/sde"});
+  TestPaths paths;
   EXPECT_EQ(6, format(disks, nullptr, nullptr, 0, paths));
   EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::format - unable to create path for dg '' and volume ''."));
   EXPECT_TRUE(commands().empty());
@@ -586,8 +575,8 @@ TEST_F(FormatTest, FormatWithoutAFlagHasNoPathToGive) {
 
 TEST_F(FormatTest, FormatAfterAnExceptionTracesItsFailure) {
   toolsThrow([] { throw std::runtime_error("lost"); });
-  TextArray disks({"/dev/sde"});
-  Paths paths;
+  TestTextArray disks({"/dev/sde"});
+  TestPaths paths;
   EXPECT_EQ(6, format(disks, nullptr, nullptr, 0x1, paths));
   EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::format - failed."));
   ASSERT_EQ(1u, pushed().size());
