@@ -164,6 +164,27 @@ TEST_F(AltTreeTest, InitAltNodeWhoseSubObjectsCannotBeMadeTakesTheNewGroupAway) 
   EXPECT_EQ(expected, commands());
 }
 
+// A plug-in whose sub-objects cannot be listed for an exception.
+class ThrowingSubObjects : public CQzVMPlugin {
+ public:
+  int AddSubObjects(qfi_domain*, CQzVMData*) override { throw std::runtime_error("no disks"); }
+};
+
+TEST_F(AltTreeTest, InitAltNodeAfterAnExceptionTakesTheNewGroupAway) {
+  qzfi_pdk_4_4::CFiSmartPtr<ThrowingSubObjects> throwing(new ThrowingSubObjects());
+  throwing->registerTraceLog(qzvmfi_ctx::TraceLog::instance());
+  throwing->registerPrivateDataManager(qzvmfi_ctx::PrivateDataManager::instance());
+  TestNode copy(copyPath());
+  answer("qzdg   list " + copyDG(), 11, out({"QZVM qzdg ERROR Q-5-1-201 not imported"}));
+  EXPECT_EQ(6, throwing->initAltNode(node(), nullptr, &copy.domain, false));
+  EXPECT_TRUE(wasTraced(
+      3, "CQzVMPlugin::deportAndDestroyDG - Deporting and Destroying DG - [" + copyDG() + "]"));
+  EXPECT_EQ(run({"qzdg   list " + copyDG(), "qzdg   list " + copyDG()}), commands());
+  ASSERT_FALSE(pushed().empty());
+  EXPECT_EQ("MSG_ERROR_UNHANDLED_RUNTIME_EXCEPTION", pushed().front().id);
+  EXPECT_EQ("initAltNode", pushed().front().args[2]);
+}
+
 // ===== buildAltTree =====
 
 TEST_F(AltTreeTest, BuildAltTreeWithoutAnOutputListReturns3AndSaysSo) {
