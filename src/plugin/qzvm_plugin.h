@@ -152,6 +152,7 @@ class CQzVMPlugin : public qzfi_pdk_4_4::CFiPluginBase {
   int keepConfiguration(const std::string& path, CQzVMData* data);
   int deportAndRemoveDisks(const std::string& path);
   int enableEntry(const qfi_node_subobj_list& entry);
+  void leaveGroupDeported(const std::string& path, const std::vector<std::string>& restoredDisks);
   // Start, or stop, the volume of path (with its DCO volumes and volume
   // sets): 0, or 6 after reporting the failure.
   int onlineVolume(qfi_domain* node, const std::string& path, CQzVMData* data);

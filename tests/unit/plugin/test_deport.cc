@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include <gtest/gtest.h>
@@ -491,8 +492,42 @@ TEST_F(DeportTest, EnableAccessWhoseGroupCannotBeRecreatedReturns6) {
   list.add(node(), &subobjs);
   EXPECT_EQ(6, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0));
   EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::enableAccess recreate dg on restored disks failed."));
-  EXPECT_EQ((Pushed{"MSG_ERROR_UNABLE_TO_CREATE_DISKGROUP", "../plugin", {}}), pushed().back());
-  EXPECT_EQ(3, severities().back());
+  const auto messages = pushed();
+  const auto created = std::find(messages.begin(), messages.end(),
+                                 Pushed{"MSG_ERROR_UNABLE_TO_CREATE_DISKGROUP", "../plugin", {}});
+  ASSERT_NE(messages.end(), created);
+  EXPECT_EQ(3, severities()[created - messages.begin()]);
+}
+
+// What a failed re-creation left imported on the disks goes again: the next
+// enableAccess starts from deported disks.
+TEST_F(DeportTest, EnableAccessWhoseRecreationFailsDeportsTheGroupItLeft) {
+  withDisks();
+  TestObjids subobjs({"/dev/sdb", "/dev/sdc", "/dev/sdd"});
+  answer("qzdisk   scandisks  device=sdb,sdc,sdd", 1, out({"QZVM qzdisk ERROR Q-5-1-1 no"}));
+  answer("qzdisk   list sdb", 0, diskListing(m_disks[0], m_dg, "17.9.D"));
+  answer("qzdisk   -s  -g " + m_dg + " list ", 0, out({"Disk:  x", "dgid:  17.9.D"}));
+  answer("qzinfo   -g " + m_dg + " vol1", 0, out({"vol1  fsgen  Startable"}));
+  groupDeports(m_dg);
+  TestNodeList list;
+  list.add(node(), &subobjs);
+  EXPECT_EQ(6, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0));
+  EXPECT_EQ(run({"qzdisk   scandisks  device=sdb,sdc,sdd", "qzdisk   list sdb",
+                 "qzdisk   -s  -g " + m_dg + " list ", "qzinfo   -g " + m_dg + " vol1",
+                 "qzdg   list " + m_dg, "qzdg   deport " + m_dg}),
+            commands());
+  EXPECT_TRUE(
+      wasTraced(2, "CQzVMPlugin::enableAccess - deporting the dg '" + m_dg + "' left half made."));
+
+  // A group whose volume runs, or another group of that name, stays.
+  CFiExecSeam::clearCommands();
+  volumeExists(m_dg, "vol1");
+  EXPECT_EQ(6, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0));
+  EXPECT_EQ(qz("qzinfo   -g " + m_dg + " vol1"), commands().back());
+  CFiExecSeam::clearCommands();
+  answer("qzdisk   -s  -g " + m_dg + " list ", 0, out({"Disk:  x", "dgid:  17.9.E"}));
+  EXPECT_EQ(6, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0));
+  EXPECT_EQ(qz("qzdisk   -s  -g " + m_dg + " list "), commands().back());
 }
 
 TEST_F(DeportTest, EnableAccessOfAGroupStillPresentOnlyStartsItsVolume) {
