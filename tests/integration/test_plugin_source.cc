@@ -68,12 +68,24 @@ class PluginSourceTest : public PluginHostTest {
     return count;
   }
 
+  // vol1's node initialised, and the list of it with its disks that access
+  // operations take.
+  void initVol1WithItsDisks() {
+    m_node = std::make_unique<TestNode>(kVol1);
+    ASSERT_EQ(0, plugin().init_node(&m_node->domain, nullptr, 0, m_node->objid()));
+    m_subObjects = std::make_unique<TestObjids>(plugin().subObjects(&m_node->domain));
+    m_list.add(&m_node->domain, m_subObjects.get());
+  }
+
   bool groupImported(const std::string& host, const std::string& dg) {
     return qzsim::simTool(root(), host, "qzdg list " + dg).status == 0;
   }
 
   std::vector<SimDisk> m_disks;
   Lines m_dms;
+  std::unique_ptr<TestNode> m_node;
+  std::unique_ptr<TestObjids> m_subObjects;
+  TestNodeList m_list;
 };
 
 TEST_F(PluginSourceTest, ClaimsBlockAndRawVolumePathsAndAVolumeSet) {
@@ -154,6 +166,7 @@ TEST_F(PluginSourceTest, ProviderStateIsRestoredWholeInAFreshPlugin) {
 // The split leaves the configuration to keep: nothing is deported, the
 // node's own object is named, and the first deport rescans the disks once.
 TEST_F(PluginSourceTest, DeportTreeKeepsTheConfigurationAndPostDeportRescansOnce) {
+  const std::string before = checksum("A", "dg1", "vol1");
   startPluginAs("A");
   TestNode vol1(kVol1);
   TestNode set1("/dev/qz/dsk/dg1/set1");
@@ -172,7 +185,7 @@ TEST_F(PluginSourceTest, DeportTreeKeepsTheConfigurationAndPostDeportRescansOnce
   }
   EXPECT_EQ(rescans + 1, fullRescans());
   EXPECT_TRUE(groupImported("A", "dg1"));
-  EXPECT_EQ(checksum("A", "dg1", "vol1"), checksum("A", "dg1", "vol1"));
+  EXPECT_EQ(before, checksum("A", "dg1", "vol1"));
 }
 
 // The volume taken out of use and brought back on the same host: its group
@@ -180,23 +193,21 @@ TEST_F(PluginSourceTest, DeportTreeKeepsTheConfigurationAndPostDeportRescansOnce
 TEST_F(PluginSourceTest, DisableThenEnableAccessBringsTheVolumeBackWithDataAndOwner) {
   const std::string before = checksum("A", "dg1", "vol1");
   startPluginAs("A");
-  TestNode node(kVol1);
-  ASSERT_EQ(0, plugin().init_node(&node.domain, nullptr, 0, node.objid()));
-  TestObjids disks(plugin().subObjects(&node.domain));
-  TestNodeList list;
-  list.add(&node.domain, &disks);
+  initVol1WithItsDisks();
+  TestNode& node = *m_node;
+  qfi_node_subobj_list* list = m_list.get();
 
   // The node's owner changes after the node was initialised; the simulator
   // would give a node made again that owner: the plug-in gives back the
   // one it recorded.
   setOwner("A", kVol1, "7", "8");
-  ASSERT_EQ(0, plugin().disable_access(list.get(), 0));
+  ASSERT_EQ(0, plugin().disable_access(list, 0));
   EXPECT_FALSE(groupImported("A", "dg1"));
   int exists = 1;
   EXPECT_EQ(0, plugin().check_node_existence(&node.domain, &exists));
   EXPECT_EQ(0, exists);
 
-  ASSERT_EQ(0, plugin().enable_access(list.get(), 0, 0, 0));
+  ASSERT_EQ(0, plugin().enable_access(list, 0, 0, 0));
   EXPECT_TRUE(groupImported("A", "dg1"));
   EXPECT_EQ(before, checksum("A", "dg1", "vol1"));
   EXPECT_EQ("1001:1002", ownerOf(kVol1));
@@ -212,26 +223,23 @@ TEST_F(PluginSourceTest, DisableThenEnableAccessBringsTheVolumeBackWithDataAndOw
 TEST_F(PluginSourceTest, AFaultAtAnyToolRunOfEnableAccessIsRecoveredByRunningItAgain) {
   const std::string before = checksum("A", "dg1", "vol1");
   startPluginAs("A");
-  TestNode node(kVol1);
-  ASSERT_EQ(0, plugin().init_node(&node.domain, nullptr, 0, node.objid()));
-  TestObjids disks(plugin().subObjects(&node.domain));
-  TestNodeList list;
-  list.add(&node.domain, &disks);
+  initVol1WithItsDisks();
+  qfi_node_subobj_list* list = m_list.get();
   const auto toolRuns = [this] { return std::stoul(admin({"log", "--host", "A", "--total"})); };
 
-  ASSERT_EQ(0, plugin().disable_access(list.get(), 0));
+  ASSERT_EQ(0, plugin().disable_access(list, 0));
   const unsigned long start = toolRuns();
-  ASSERT_EQ(0, plugin().enable_access(list.get(), 0, 0, 0));
+  ASSERT_EQ(0, plugin().enable_access(list, 0, 0, 0));
   const unsigned long runs = toolRuns() - start;
   ASSERT_GT(runs, 10u);
 
   for (unsigned long nth = 1; nth <= runs; ++nth) {
-    ASSERT_EQ(0, plugin().disable_access(list.get(), 0)) << nth;
+    ASSERT_EQ(0, plugin().disable_access(list, 0)) << nth;
     admin({"fault", "add", "--host", "A", "--nth", std::to_string(nth), "--status", "9", "--stderr",
            "QZVM fault ERROR Q-5-1-99 injected"});
-    plugin().enable_access(list.get(), 0, 0, 0);
+    plugin().enable_access(list, 0, 0, 0);
     admin({"fault", "clear"});
-    ASSERT_EQ(0, plugin().enable_access(list.get(), 0, 0, 0)) << "after a fault at run " << nth;
+    ASSERT_EQ(0, plugin().enable_access(list, 0, 0, 0)) << "after a fault at run " << nth;
     ASSERT_EQ(before, checksum("A", "dg1", "vol1")) << "after a fault at run " << nth;
     EXPECT_EQ("1001:1002", ownerOf(kVol1)) << nth;
     const std::string check = admin({"check"});
