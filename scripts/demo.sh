@@ -178,6 +178,8 @@ flow_same_host() {
 
 flow_resources() {
   "$qzsim" disk add --count 2 --size 64m --hosts A | tee "$work/plain"
+  echo "   (new LUNs the volume manager has not scanned yet: format waits for them, a progress"
+  echo "   line tells the wait, and the plug-in scans the disks after its pause)"
   local disks
   disks=$(secondary_of "$work/plain" | tr ',' ' ')
   # shellcheck disable=SC2086 # the disks are separate arguments
