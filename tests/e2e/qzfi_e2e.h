@@ -19,54 +19,16 @@
 #include <qzsim/sandbox.h>
 
 #include "../host/tempdir.h"
+#include "../integration/sim_commands.h"
 
 namespace qzfi_e2e {
 
 using Json = nlohmann::ordered_json;
-using Lines = std::vector<std::string>;
-
-inline Lines wordsOf(const std::string& text) {
-  std::istringstream in(text);
-  Lines words;
-  for (std::string word; in >> word;) {
-    words.push_back(word);
-  }
-  return words;
-}
-
-inline Lines linesOf(const std::string& text) {
-  std::istringstream in(text);
-  Lines lines;
-  for (std::string line; std::getline(in, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
-
-// A disk as "qzsim disk add", "disk attach" and "array split" print it:
-// "LUN NODE HOST=os,os".
-struct SimDisk {
-  std::string lun;
-  std::string node;
-  Lines osNames;
-};
-
-inline std::vector<SimDisk> parseDisks(const std::string& text) {
-  std::vector<SimDisk> disks;
-  for (const std::string& line : linesOf(text)) {
-    const Lines parts = wordsOf(line);
-    if (parts.size() < 3) {
-      continue;
-    }
-    SimDisk disk{parts[0], parts[1], {}};
-    std::istringstream paths(parts[2].substr(parts[2].find('=') + 1));
-    for (std::string name; std::getline(paths, name, ',');) {
-      disk.osNames.push_back(name);
-    }
-    disks.push_back(disk);
-  }
-  return disks;
-}
+using qzvmfi_it::Lines;
+using qzvmfi_it::linesOf;
+using qzvmfi_it::parseDisks;
+using qzvmfi_it::SimDisk;
+using qzvmfi_it::words;
 
 // What a qzfi run gave back.
 struct QzfiRun {
@@ -128,17 +90,11 @@ class QzfiTest : public ::testing::Test {
   }
 
   // "qzsim ARGS..." that must succeed; its standard output.
-  std::string admin(const Lines& args) {
-    const qzsim::CommandResult result = qzsim::simAdmin(root(), args);
-    EXPECT_EQ(result.status, 0) << "qzsim " << args[0] << ": " << result.err;
-    return result.out;
-  }
+  std::string admin(const Lines& args) { return qzvmfi_it::simAdminOk(root(), args); }
 
   // A tool run as host, outside qzfi, that must succeed.
   std::string tool(const std::string& host, const std::string& commandLine) {
-    const qzsim::CommandResult result = qzsim::simTool(root(), host, commandLine);
-    EXPECT_EQ(result.status, 0) << host << ": " << commandLine << ": " << result.err;
-    return result.out;
+    return qzvmfi_it::simToolOk(root(), host, commandLine);
   }
 
   // Tool runs of every host so far, from the simulator's log.
@@ -151,7 +107,7 @@ class QzfiTest : public ::testing::Test {
   // The owner of a device node on host, "uid:gid", or "missing".
   std::string ownerOf(const std::string& host, const std::string& path) {
     const qzsim::CommandResult result = sandboxed(host, {"stat", "-c", "%u:%g", path});
-    return result.status == 0 ? wordsOf(result.out).at(0) : "missing";
+    return result.status == 0 ? words(result.out).at(0) : "missing";
   }
 
   // The groups imported on host.
@@ -159,7 +115,7 @@ class QzfiTest : public ::testing::Test {
     Lines names;
     const Lines lines = linesOf(tool(host, "qzdg list"));
     for (size_t i = 1; i < lines.size(); ++i) {
-      names.push_back(wordsOf(lines[i]).at(0));
+      names.push_back(words(lines[i]).at(0));
     }
     return names;
   }
