@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -468,17 +469,64 @@ bool readRun(std::istream& in, RecordedRun& run) {
   return true;
 }
 
+// ---------------------------------------------------------------------------
+// The observer of every run, and the count of runs.
+
+std::atomic<CFiExecObserver*> execObserver{nullptr};
+std::atomic<unsigned long> execRuns{0};
+
+// Tells the observer of one run: started now, finished when the run ends
+// however it ends.
+class ObservedRun {
+ public:
+  explicit ObservedRun(const tstring& command)
+      : m_command(command), m_observer(execObserver.load()), m_start(Clock::now()) {
+    ++execRuns;
+    if (m_observer != nullptr) {
+      m_observer->started(m_command);
+    }
+  }
+  ~ObservedRun() {
+    if (m_observer != nullptr) {
+      m_observer->finished(m_command, m_status, elapsedMicroseconds());
+    }
+  }
+  ObservedRun(const ObservedRun&) = delete;
+  ObservedRun& operator=(const ObservedRun&) = delete;
+
+  void setStatus(int status) { m_status = status; }
+  long long elapsedMicroseconds() const {
+    return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - m_start).count();
+  }
+
+ private:
+  const tstring& m_command;
+  CFiExecObserver* m_observer;
+  Clock::time_point m_start;
+  int m_status = -1;
+};
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
 // CFiExecPipeBase
 
+CFiExecObserver::~CFiExecObserver() = default;
+
 CFiExecPipeBase::~CFiExecPipeBase() = default;
+
+CFiExecObserver* CFiExecPipeBase::setObserver(CFiExecObserver* observer) {
+  return execObserver.exchange(observer);
+}
+
+unsigned long CFiExecPipeBase::getRunCount() {
+  return execRuns.load();
+}
 
 int CFiExecPipeBase::Exec(const tstring& command, std::vector<tstring>& output,
                           const tstring& input, int limitSeconds, const tstring& directory,
                           const tstring& environment, const tstring&) {
-  auto started = Clock::now();
+  ObservedRun observed(command);
   CFiExecSeam::Answer answer;
   bool scripted = CFiExecSeam::intercept(command, answer);
   if (!scripted) {
@@ -493,10 +541,10 @@ int CFiExecPipeBase::Exec(const tstring& command, std::vector<tstring>& output,
     }
     CFiExecSeam::recordRun(command, answer.status, answer.output);
   }
+  observed.setStatus(answer.status);
   output.insert(output.end(), answer.output.begin(), answer.output.end());
   if (m_traceLog) {
-    long long elapsed =
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
+    long long elapsed = observed.elapsedMicroseconds() / 1000;
     m_traceLog->trace(QZFI_TRACE_DETAIL,
                       "CFiExecPipe::Exec command: %s status: %d duration: %lld ms%s",
                       command.c_str(), answer.status, elapsed, scripted ? " (scripted)" : "");

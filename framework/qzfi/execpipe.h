@@ -11,9 +11,27 @@
 
 namespace qzfi_pdk_4_4 {
 
+// Watches every run of CFiExecPipeBase::Exec in the process, whichever
+// plug-in or framework object makes it: a host program counts the tool runs
+// of a step and sees when a plug-in pauses between them. Both calls come on
+// the running thread, scripted runs of the test seam included; finished
+// follows started even when the command cannot be started (status -1).
+class CFiExecObserver {
+ public:
+  virtual ~CFiExecObserver();
+  virtual void started(const tstring& command) = 0;
+  virtual void finished(const tstring& command, int status, long long microseconds) = 0;
+};
+
 class CFiExecPipeBase : public virtual CFiTraceable {
  public:
   ~CFiExecPipeBase() override;
+
+  // The process-wide observer of Exec (null: none); returns the previous one.
+  // The caller keeps it alive while it is installed.
+  static CFiExecObserver* setObserver(CFiExecObserver* observer);
+  // Runs of Exec in this process so far.
+  static unsigned long getRunCount();
 
   // Runs command with /bin/sh -c and LC_ALL=C, appends each line it prints to
   // output (line feeds kept) and returns its exit status unchanged. Standard

@@ -640,6 +640,9 @@ int adminMain(const std::vector<std::string>& args, const std::string& binary) {
   try {
     std::string cmd = args.size() > 1 ? args[1] : "--help";
     std::string sub = args.size() > 2 ? args[2] : "";
+    // The command a host runs keeps its own options, whatever they look like.
+    if (cmd == "host" && sub != "add" && sub != "list")
+      return hostRun(args, binary);
     Flags f = parseFlags(args, 3);
     if (cmd == "--help" || cmd == "help" || cmd == "-h")
       return std::cout << kHelp, 0;
@@ -649,8 +652,6 @@ int adminMain(const std::vector<std::string>& args, const std::string& binary) {
       return hostAdd(f), 0;
     if (cmd == "host" && sub == "list")
       return hostList(), 0;
-    if (cmd == "host")
-      return hostRun(args, binary);
     if (cmd == "disk" && sub == "add")
       return diskAdd(f), 0;
     if (cmd == "disk" && (sub == "attach" || sub == "detach"))

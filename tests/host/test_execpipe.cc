@@ -317,4 +317,81 @@ TEST(ExecSeam, ReplayOfAMissingOrDamagedFileFails) {
   EXPECT_EQ(CFiExecSeam::replayFrom(dir.file("bad.rec")), -1);
 }
 
+// Records what the observer is told, one line per call.
+class RecordingObserver : public CFiExecObserver {
+ public:
+  void started(const tstring& command) override { calls.push_back("started " + command); }
+  void finished(const tstring& command, int status, long long microseconds) override {
+    calls.push_back("finished " + command + " " + std::to_string(status));
+    durations.push_back(microseconds);
+  }
+  Lines calls;
+  std::vector<long long> durations;
+};
+
+// Installs an observer for one test.
+class ObservedScope {
+ public:
+  explicit ObservedScope(CFiExecObserver* observer)
+      : m_previous(CFiExecPipeBase::setObserver(observer)) {}
+  ~ObservedScope() { CFiExecPipeBase::setObserver(m_previous); }
+  ObservedScope(const ObservedScope&) = delete;
+  ObservedScope& operator=(const ObservedScope&) = delete;
+
+ private:
+  CFiExecObserver* m_previous;
+};
+
+TEST(ExecObserver, SeesEachRealRunStartAndFinishWithItsStatusAndDuration) {
+  RecordingObserver observer;
+  ObservedScope scope(&observer);
+  Lines output;
+  runCommand("sleep 0.02; exit 3", output);
+  runCommand("true", output);
+  EXPECT_THAT(observer.calls,
+              ElementsAre("started sleep 0.02; exit 3", "finished sleep 0.02; exit 3 3",
+                          "started true", "finished true 0"));
+  ASSERT_EQ(observer.durations.size(), 2u);
+  EXPECT_GE(observer.durations[0], 20000);
+}
+
+TEST(ExecObserver, SeesScriptedRunsToo) {
+  RecordingObserver observer;
+  ObservedScope scope(&observer);
+  CFiExecSeamScope seam;
+  CFiExecSeam::answer("qzdg list", 11, {});
+  Lines output;
+  runCommand("qzdg list", output);
+  EXPECT_THAT(observer.calls, ElementsAre("started qzdg list", "finished qzdg list 11"));
+}
+
+TEST(ExecObserver, ARunThatCannotStartFinishesWithStatusMinusOne) {
+  RecordingObserver observer;
+  ObservedScope scope(&observer);
+  CFiExecPipePosix pipe(2);
+  Lines output;
+  EXPECT_THROW(pipe.Exec("true", output, "", 0, "", "", ""), EFiExecPipe);
+  EXPECT_THAT(observer.calls, ElementsAre("started true", "finished true -1"));
+}
+
+TEST(ExecObserver, SetObserverHandsBackThePreviousOne) {
+  RecordingObserver first;
+  RecordingObserver second;
+  CFiExecObserver* before = CFiExecPipeBase::setObserver(&first);
+  EXPECT_EQ(CFiExecPipeBase::setObserver(&second), &first);
+  EXPECT_EQ(CFiExecPipeBase::setObserver(before), &second);
+}
+
+TEST(ExecObserver, EveryRunCountsWithOrWithoutAnObserver) {
+  const unsigned long before = CFiExecPipeBase::getRunCount();
+  Lines output;
+  runCommand("true", output);
+  {
+    CFiExecSeamScope seam;
+    CFiExecSeam::answer("scripted", 0, {});
+    runCommand("scripted", output);
+  }
+  EXPECT_EQ(CFiExecPipeBase::getRunCount(), before + 2);
+}
+
 }  // namespace

@@ -3,7 +3,8 @@
 # packaged as a .deb, checked the way their users meet them:
 #  1. the staged tree holds exactly the expected files, none naming the build
 #     folder, every library path relative to the file; the man pages read
-#     without a warning; the installed programs run;
+#     without a warning; the installed programs run, qzfi info with the
+#     installed plug-in on a host of the installed simulator;
 #  2. a small plug-in (tinyfi/) builds against the staged CMake package and
 #     runs: it loads, claims and traces, the framework finds the installed
 #     plug-in and catalogue folders from its own location, and the installed
@@ -43,6 +44,7 @@ expected_tree() {
 etc/logrotate.d/qzfi
 etc/qzfi/
 var/log/qzfi/
+usr/$QZ_BINDIR/qzfi
 usr/$QZ_BINDIR/qzsim
 usr/$QZ_BINDIR/qzsim-sysblock
 $lib/libqzfi_pdk.so
@@ -134,13 +136,27 @@ check_man_pages() {  # check_man_pages ROOT
   done
 }
 
-# Programs installed in bin/, run from ROOT.
+# Programs installed in bin/, run from ROOT. "qzfi info" loads the installed
+# qzvmfi plug-in from the framework's plug-in folder and starts it on a host of
+# the installed simulator, where it finds its volume manager.
 check_programs() {  # check_programs ROOT
-  local output
-  output=$(installed "$1/usr/$QZ_BINDIR/qzsim" --help)
+  local bin=$1/usr/$QZ_BINDIR lib=$1/usr/$QZ_LIBDIR output sim
+  output=$(installed "$bin/qzsim" --help)
   [[ $output == "qzsim - QzVM simulator"* ]] || fail "the installed qzsim does not run: $output"
-  # The qzfi program, once it is installed, runs "qzfi info" here against the
-  # installed qzvmfi plug-in.
+  output=$(installed "$bin/qzfi" --version)
+  expect_output "qzfi --version" "qzfi $QZ_VERSION" "$output"
+  sim=$(mktemp -d "$work/sim.XXXXXX")
+  installed QZSIM_ROOT="$sim" "$bin/qzsim" init >/dev/null
+  installed QZSIM_ROOT="$sim" "$bin/qzsim" host add A >/dev/null
+  output=$(installed QZSIM_ROOT="$sim" "$bin/qzsim" host A -- "$bin/qzfi" info) ||
+    fail "the installed qzfi info failed:"$'\n'"$output"
+  expect_output "qzfi info against the installed plug-in" \
+    "plug-in:           qzvmfi
+file:              $lib/qzfi/plugins/libqzvmfi.so
+provider:          qzvmfi (handles qzvm)
+interface version: 7.0.0.0
+release:           Brovik_$QZ_VERSION
+fi access types:   none" "$(sed -n '/^plug-in:/,/^fi access types:/p' <<<"$output")"
 }
 
 step "install into a staging folder"
@@ -188,6 +204,7 @@ check_tree "the package" "$contents"
 mode_of() { awk -v name="./$1" '$6 == name {print $1}' <<<"$listing"; }
 expect_output "mode of qzsim" "-rwxr-xr-x" "$(mode_of "usr/$QZ_BINDIR/qzsim")"
 expect_output "mode of qzsim-sysblock" "-rwxr-xr-x" "$(mode_of "usr/$QZ_BINDIR/qzsim-sysblock")"
+expect_output "mode of qzfi" "-rwxr-xr-x" "$(mode_of "usr/$QZ_BINDIR/qzfi")"
 expect_output "mode of the plug-in" "-rw-r--r--" "$(mode_of "usr/$QZ_LIBDIR/qzfi/plugins/libqzvmfi.so")"
 expect_output "mode of the framework" "-rw-r--r--" \
   "$(mode_of "usr/$QZ_LIBDIR/libqzfi_pdk.so.$QZ_VERSION")"

@@ -120,6 +120,12 @@ TEST_F(SandboxTest, RestOfDevKeepsWorking) {
   EXPECT_EQ(r.out, "8\n8\n/dev/fd/0\n");
 }
 
+TEST_F(SandboxTest, TheHostsCommandKeepsItsOptions) {
+  CommandResult r = admin({"host", "A", "--", "echo", "--record", "--raw"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "--record --raw\n");
+}
+
 TEST_F(SandboxTest, UnknownHostIsAClearError) {
   CommandResult r = inHost("Q", "true");
   EXPECT_NE(r.status, 0);

@@ -1,0 +1,211 @@
+// A whole backup cycle through qzfi on the simulator, as the main job runs
+// it: prepare on host A, the array's split to host B, deport on A, import on
+// B, release on B. Per cycle it reports the tool runs of each qzfi command
+// and where the wall time of the qzfi commands goes:
+//   wall_ms      the qzfi processes, from start to exit (the sandbox that the
+//                simulator sets up around a host's command is measured apart
+//                and left out: it is the simulator's, not the plug-in's);
+//   exec_ms      the tool runs as the framework's pipe runner times them,
+//                from spawning the shell to the tool's exit;
+//   tools_ms     the tools' own time, from the simulator's log;
+//   plugin_pct   (wall - exec) / wall: the plug-in's and qzfi's own work,
+//                loading and starting the plug-in included;
+//   start_pct    (exec - tools) / wall: starting and ending the tools'
+//                processes (shell, program load, database commit);
+//   share_pct    (wall - tools) / wall: both together, the share of
+//                everything but the tools' own work.
+// Target: the plug-in and qzfi under 10 % of the wall time.
+#include <benchmark/benchmark.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "fsutil.h"
+#include "qzsim/sandbox.h"
+
+namespace {
+
+using Json = nlohmann::json;
+using Clock = std::chrono::steady_clock;
+
+std::vector<std::string> wordsOf(const std::string& text) {
+  std::istringstream in(text);
+  std::vector<std::string> words;
+  for (std::string word; in >> word;) {
+    words.push_back(word);
+  }
+  return words;
+}
+
+// One simulation with the source group of the main job.
+class Cycle {
+ public:
+  Cycle() {
+    char pattern[] = "/tmp/qzfi-bench-XXXXXX";
+    m_root = mkdtemp(pattern);
+    record = m_root + "/backup.json";
+    admin({"init"});
+    admin({"host", "add", "A"});
+    admin({"host", "add", "B"});
+    const std::string disks =
+        admin({"disk", "add", "--count", "2", "--hosts", "A", "--paths", "2", "--size", "64m"});
+    tool("qzdisk scandisks");
+    tool("qzdisk -f init qzarr0_0 type=auto");
+    tool("qzdisk -f init qzarr0_1 type=auto");
+    tool("qzdg init dg1 qzarr0_0 qzarr0_1");
+    tool("qzassist -g dg1 make vol1 32m logtype=dco");
+    admin({"volume", "write", "--host", "A", "dg1", "vol1", "--seed", "7"});
+  }
+  ~Cycle() { qzsim::removeTree(m_root); }
+
+  std::string admin(const std::vector<std::string>& args) {
+    qzsim::CommandResult result = qzsim::simAdmin(m_root, args);
+    if (result.status != 0) {
+      error = "qzsim " + args[0] + ": " + result.err;
+    }
+    return result.out;
+  }
+  void tool(const std::string& line) {
+    qzsim::CommandResult result = qzsim::simTool(m_root, "A", line);
+    if (result.status != 0) {
+      error = line + ": " + result.err;
+    }
+  }
+
+  // COMMAND on host in the sandbox, and its wall time in seconds.
+  qzsim::CommandResult sandboxed(const std::string& host, const std::vector<std::string>& command,
+                                 double& seconds) {
+    std::vector<std::string> argv = {qzsim::simBinary(), "host", host, "--"};
+    argv.insert(argv.end(), command.begin(), command.end());
+    const Clock::time_point start = Clock::now();
+    qzsim::CommandResult result = qzsim::runCommand(argv, {"QZSIM_ROOT=" + m_root});
+    seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    return result;
+  }
+
+  // What the sandbox alone costs: the least of a few runs of true.
+  void measureSandbox() {
+    sandboxSeconds = 1e9;
+    for (int i = 0; i < 5; ++i) {
+      double seconds = 0;
+      sandboxed("A", {"/bin/true"}, seconds);
+      sandboxSeconds = std::min(sandboxSeconds, seconds);
+    }
+  }
+
+  // qzfi on host, measured; its --json document.
+  Json qzfi(const std::string& host, std::vector<std::string> args, const std::string& step) {
+    args.insert(args.begin(), {QZFI_BINARY, "--json"});
+    const long firstRun = std::stol(admin({"log", "--total"}));
+    double seconds = 0;
+    qzsim::CommandResult result = sandboxed(host, args, seconds);
+    if (result.status != 0) {
+      error = step + ": " + result.out + result.err;
+      return Json::object();
+    }
+    Json json = Json::parse(result.out);
+    wallSeconds += std::max(0.0, seconds - sandboxSeconds);
+    execSeconds += json["tool_seconds"].get<double>();
+    toolRuns[step] = json["tool_runs"].get<long>();
+    toolSeconds += toolTimeSince(firstRun);
+    return json;
+  }
+
+  // The tools' own time of the runs after the first n, from the log.
+  double toolTimeSince(long n) {
+    double seconds = 0;
+    std::istringstream log(admin({"log"}));
+    std::string line;
+    std::getline(log, line);  // the header
+    while (std::getline(log, line)) {
+      const std::vector<std::string> words = wordsOf(line);
+      if (words.size() >= 4 && std::stol(words[0]) > n) {
+        seconds += std::stod(words[3]) / 1e6;
+      }
+    }
+    return seconds;
+  }
+
+  // The disks of the record's sub-objects, split to B; the copies' first
+  // paths as a --secondary list.
+  std::string split() {
+    std::string out = admin(
+        {"array", "split", "--disks", "qzarr0_0,qzarr0_1", "--from-host", "A", "--to-host", "B"});
+    std::string secondary;
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);) {
+      const std::vector<std::string> words = wordsOf(line);
+      if (words.size() < 3) {
+        continue;
+      }
+      const std::string paths = words[2].substr(words[2].find('=') + 1);
+      secondary += (secondary.empty() ? "/dev/" : ",/dev/") + paths.substr(0, paths.find(','));
+    }
+    return secondary;
+  }
+
+  void run() {
+    measureSandbox();
+    qzfi("A", {"prepare", "/dev/qz/dsk/dg1/vol1", "--record", record}, "prepare");
+    const std::string secondary = split();
+    qzfi("A", {"deport", "--record", record}, "deport");
+    qzfi("B", {"import", "--record", record, "--secondary", secondary}, "import");
+    qzfi("B", {"release", "--record", record}, "release");
+  }
+
+  std::string record;
+  std::string error;
+  double sandboxSeconds = 0;
+  double wallSeconds = 0;
+  double execSeconds = 0;
+  double toolSeconds = 0;
+  std::map<std::string, long> toolRuns;
+
+ private:
+  std::string m_root;
+};
+
+void BM_BackupCycle(benchmark::State& state) {
+  double wall = 0;
+  double exec = 0;
+  double tools = 0;
+  std::map<std::string, long> runs;
+  for (auto _ : state) {
+    state.PauseTiming();
+    Cycle cycle;
+    state.ResumeTiming();
+    cycle.run();
+    if (!cycle.error.empty()) {
+      state.SkipWithError(cycle.error.c_str());
+      return;
+    }
+    wall += cycle.wallSeconds;
+    exec += cycle.execSeconds;
+    tools += cycle.toolSeconds;
+    runs = cycle.toolRuns;
+  }
+  const double cycles = static_cast<double>(state.iterations());
+  for (const auto& [step, count] : runs) {
+    state.counters["runs_" + step] = static_cast<double>(count);
+  }
+  auto percentOfWall = [wall](double part) { return wall > 0 ? part / wall * 100 : 0; };
+  state.counters["wall_ms"] = wall / cycles * 1000;
+  state.counters["exec_ms"] = exec / cycles * 1000;
+  state.counters["tools_ms"] = tools / cycles * 1000;
+  state.counters["plugin_pct"] = percentOfWall(wall - exec);
+  state.counters["start_pct"] = percentOfWall(exec - tools);
+  state.counters["share_pct"] = percentOfWall(wall - tools);
+}
+
+BENCHMARK(BM_BackupCycle)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+}  // namespace
+
+BENCHMARK_MAIN();

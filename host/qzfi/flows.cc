@@ -1,0 +1,254 @@
+// Running a command: the plug-in loaded and started, each call a step, and
+// the record read and written around them.
+#include "flows.h"
+
+#include <algorithm>
+#include <chrono>
+
+namespace qzfi_host {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+std::string versionText(const qfi_version& version) {
+  return std::to_string(version.major) + "." + std::to_string(version.minor) + "." +
+         std::to_string(version.micro) + "." + std::to_string(version.build);
+}
+
+const char* accessTypeName(int32_t type) {
+  switch (type) {
+    case QFI_ACCESS_NONE:
+      return "none";
+    case QFI_ACCESS_READ:
+      return "read";
+    case QFI_ACCESS_WRITE:
+      return "write";
+    default:
+      return "unknown";
+  }
+}
+
+// Why a command does not follow the step the record is at.
+std::string refusal(const CSnapshotRecord& record, const std::vector<RecordStep>& allowed,
+                    Command command) {
+  const std::string& copy = record.alternate.object;
+  if (record.step == RecordStep::released && command == Command::release) {
+    return "the copy " + copy + " was released already";
+  }
+  if (record.step == RecordStep::imported && command == Command::import) {
+    return "the copy " + copy + " is imported already: release it, or move it on first";
+  }
+  if (record.step == RecordStep::moved &&
+      (command == Command::release || command == Command::move)) {
+    return "the copy " + copy + " was moved on: import it on the host that has its disks first";
+  }
+  std::vector<std::string> names;
+  for (RecordStep step : allowed) {
+    names.emplace_back(stepName(step));
+  }
+  return std::string("the record is at the step \"") + stepName(record.step) + "\", not " +
+         joined(names, " or ");
+}
+
+}  // namespace
+
+CFlows::CFlows(const Options& options, CReport& report)
+    : m_options(options),
+      m_report(report),
+      m_watch([this](const std::string& line) { m_report.progress(line); }) {}
+
+CFlows::~CFlows() = default;
+
+int CFlows::run() {
+  try {
+    m_watch.install();
+    switch (m_options.command) {
+      case Command::info:
+        return info();
+      case Command::claim:
+        return claim();
+      case Command::prepare:
+        return prepare();
+      case Command::deport:
+        return deport();
+      case Command::import:
+        return importCopy();
+      case Command::move:
+        return move();
+      case Command::release:
+        return release();
+      case Command::access:
+        return access();
+      case Command::format:
+        return format();
+      case Command::online:
+        return online();
+      case Command::unformat:
+        return unformat();
+      case Command::help:
+      case Command::version:
+        break;
+    }
+    return m_report.finish(kExitUsage, "not a flow: " + m_options.commandName);
+  } catch (const Failure& failure) {
+    return m_report.finish(failure.code, failure.why);
+  } catch (const PluginLoadError& error) {
+    return m_report.finish(kExitPluginLoad, error.what());
+  } catch (const RecordError& error) {
+    return m_report.finish(kExitRecord, error.what());
+  }
+}
+
+void CFlows::startPlugin() {
+  m_plugin = std::make_unique<CPluginLibrary>(m_options.plugin);
+  m_plugin->load();
+  StepOutcome outcome = runStep("init", [this] { return m_plugin->start(); });
+  const std::string version = versionText(m_plugin->interfaceVersion());
+  if (outcome.status != 0) {
+    const std::string why = "the plug-in " + m_plugin->name() + " did not start (init returned " +
+                            std::to_string(outcome.status) + ")";
+    outcome.ok = false;
+    outcome.detail = why;
+    m_report.step(outcome);
+    throw Failure{kExitPluginStart, why};
+  }
+  finishStep(outcome, true, "started " + m_plugin->name() + " (interface version " + version + ")");
+}
+
+StepOutcome CFlows::runStep(const std::string& name, const std::function<int()>& call) {
+  StepOutcome outcome;
+  outcome.name = name;
+  m_watch.beginStep(name, !m_options.quiet);
+  const auto start = std::chrono::steady_clock::now();
+  outcome.status = call();
+  outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  outcome.counts = m_watch.endStep();
+  if (m_plugin) {
+    outcome.messages = m_plugin->takeMessages();
+  }
+  return outcome;
+}
+
+void CFlows::finishStep(StepOutcome outcome, bool ok, const std::string& detail) {
+  outcome.ok = ok;
+  outcome.detail = detail;
+  const std::string name = outcome.name;
+  m_report.step(std::move(outcome));
+  if (!ok) {
+    throw Failure{kExitFailed, name + " failed: " + detail};
+  }
+}
+
+void CFlows::requireSuccess(const std::string& name, const std::function<int()>& call,
+                            const std::string& done, const std::string& failure) {
+  StepOutcome outcome = runStep(name, call);
+  const bool ok = outcome.status == 0;
+  const std::string status = std::to_string(outcome.status);
+  finishStep(std::move(outcome), ok, ok ? done : failure + " (status " + status + ")");
+}
+
+void CFlows::restoreNode(CNode& node, const ProviderState& state, const std::string& what) {
+  requireSuccess(
+      "processProviderState", [&] { return node.restore(state); },
+      what + " restored from the record (" + std::to_string(state.bytes.size()) + " bytes)",
+      what + " could not be restored from the record");
+}
+
+ProviderState CFlows::saveNode(CNode& node, const std::string& what) {
+  ProviderState state;
+  StepOutcome outcome = runStep("processProviderState", [&] { return node.save(state); });
+  const bool ok = outcome.status == 0 && !state.empty();
+  const std::string status = std::to_string(outcome.status);
+  finishStep(std::move(outcome), ok,
+             ok ? what + " saved (" + std::to_string(state.bytes.size()) + " bytes)"
+                : what + " could not be saved (status " + status + ", " +
+                      std::to_string(state.bytes.size()) + " bytes)");
+  return state;
+}
+
+CSnapshotRecord CFlows::loadRecord(const std::vector<RecordStep>& allowed) {
+  CSnapshotRecord record = CSnapshotRecord::load(m_options.record);
+  const std::string plugin =
+      CPluginLibrary::pluginNameOf(CPluginLibrary::libraryFile(m_options.plugin));
+  if (record.plugin != plugin) {
+    throw Failure{kExitRecord, "the record " + m_options.record + " was made through the plug-in " +
+                                   record.plugin + ", not " + plugin};
+  }
+  if (std::find(allowed.begin(), allowed.end(), record.step) == allowed.end()) {
+    throw Failure{kExitRecord, refusal(record, allowed, m_options.command) + " (record " +
+                                   m_options.record + "); nothing was changed"};
+  }
+  CSnapshotRecord::checkWritable(m_options.record, false);
+  return record;
+}
+
+void CFlows::saveRecord(CSnapshotRecord& record, const std::string& event, bool exclusive) {
+  record.note(m_options.commandName, event);
+  record.save(m_options.record, exclusive);
+  m_report.result("record", m_options.record, "record: " + m_options.record);
+}
+
+int CFlows::info() {
+  m_plugin = std::make_unique<CPluginLibrary>(m_options.plugin);
+  m_plugin->load();
+  m_report.begin("info: plug-in " + m_plugin->name() + " at " + m_plugin->file());
+  StepOutcome init = runStep("init", [this] { return m_plugin->start(); });
+  const bool started = init.status == 0;
+  const std::string version = versionText(m_plugin->interfaceVersion());
+  init.ok = started;
+  init.detail = started ? "started (interface version " + version + ")"
+                        : "did not start (init returned " + std::to_string(init.status) + ")";
+  m_report.step(init);
+
+  qfi_provider_list* providers = nullptr;
+  StepOutcome providerStep =
+      runStep("getProviderInfo", [&] { return m_plugin->call().getProviderInfo(&providers); });
+  Json providerJson = Json::array();
+  std::vector<std::string> providerTexts;
+  for (const qfi_provider_list* item = providers; item != nullptr; item = item->next) {
+    std::vector<std::string> kinds;
+    for (int i = 0; i < item->nnames; ++i) {
+      kinds.emplace_back(item->names[i] != nullptr ? item->names[i] : "");
+    }
+    const std::string provider = item->provider != nullptr ? item->provider : "";
+    providerJson.push_back({{"provider", provider}, {"handles", kinds}});
+    providerTexts.push_back(provider + " (handles " + joined(kinds, ", ") + ")");
+  }
+  qzfi_free_providerlist(providers);
+  const bool providerOk = providerStep.status == 0 && !providerTexts.empty();
+  providerStep.ok = providerOk;
+  providerStep.detail =
+      providerOk ? joined(providerTexts, "; ")
+                 : "no provider information (status " + std::to_string(providerStep.status) + ")";
+  m_report.step(providerStep);
+
+  CNode probe(*m_plugin, "");
+  probe.domain()->access->type = -1;
+  char fiType[] = "";
+  StepOutcome typeStep = runStep(
+      "supportsFiType", [&] { return m_plugin->call().supportsFiType(probe.domain(), fiType); });
+  const int32_t type = probe.domain()->access->type;
+  const std::string types = type == -1 ? std::string() : accessTypeName(type);
+  typeStep.detail = types.empty() ? "no access type chosen" : "access type " + types;
+  m_report.step(typeStep);
+
+  const std::string release = m_plugin->releaseText();
+  m_report.result("plugin", m_plugin->name(), "plug-in:           " + m_plugin->name());
+  m_report.result("file", m_plugin->file(), "file:              " + m_plugin->file());
+  m_report.result("providers", providerJson, "provider:          " + joined(providerTexts, "; "));
+  m_report.result("interface_version", version, "interface version: " + version);
+  m_report.result("release", release, "release:           " + (release.empty() ? "-" : release));
+  m_report.result("fi_access_types", types.empty() ? Json::array() : Json::array({types}),
+                  "fi access types:   " + (types.empty() ? "-" : types));
+  m_report.result("started", started, started ? "" : "started:           no");
+  if (!started) {
+    return m_report.finish(kExitPluginStart, "the plug-in " + m_plugin->name() +
+                                                 " did not start (init returned " +
+                                                 std::to_string(init.status) + ")");
+  }
+  return m_report.finish(providerOk ? kExitDone : kExitFailed,
+                         providerOk ? "" : "the plug-in gave no provider information");
+}
+
+}  // namespace qzfi_host

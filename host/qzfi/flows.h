@@ -1,0 +1,95 @@
+// The commands of qzfi: the framework's flows driven through a plug-in's
+// entry points. One class over the files of this folder, each named for
+// what it holds:
+//   flows.cc            running a command, loading and starting the plug-in,
+//                       steps, and info
+//   source_flows.cc     claim, prepare, deport and access: the source host
+//   alternate_flows.cc  import, move and release: the alternate host
+//   resource_flows.cc   format, online and unformat: plain disks
+// Each command is its own process: every step after prepare first restores
+// the plug-in's nodes from the provider state kept in the record.
+#ifndef QZFI_HOST_FLOWS_H
+#define QZFI_HOST_FLOWS_H
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "nodes.h"
+#include "options.h"
+#include "plugin_library.h"
+#include "progress.h"
+#include "record.h"
+#include "report.h"
+
+namespace qzfi_host {
+
+class CFlows {
+ public:
+  CFlows(const Options& options, CReport& report);
+  ~CFlows();
+  CFlows(const CFlows&) = delete;
+  CFlows& operator=(const CFlows&) = delete;
+
+  // Runs the command of the options; its exit code.
+  int run();
+
+ private:
+  // A command that cannot go on: its exit code and why, for the user.
+  struct Failure {
+    int code;
+    std::string why;
+  };
+
+  // flows.cc
+  int info();
+  // Loads the plug-in and starts it as the step "init".
+  void startPlugin();
+  // Runs one plug-in call as a step: time, tool runs, waits and the
+  // messages it pushed. Not reported yet: see finishStep.
+  StepOutcome runStep(const std::string& name, const std::function<int()>& call);
+  // Reports the step, ok or failed with detail; a failed step ends the
+  // command with exit code 6 and the reason "<step> failed: <detail>".
+  void finishStep(StepOutcome outcome, bool ok, const std::string& detail);
+  // Steps with status 0 wanted; done tells what they did.
+  void requireSuccess(const std::string& name, const std::function<int()>& call,
+                      const std::string& done, const std::string& failure);
+  // processProviderState steps of a node.
+  void restoreNode(CNode& node, const ProviderState& state, const std::string& what);
+  ProviderState saveNode(CNode& node, const std::string& what);
+  // The record of the options, checked for this command: made by this
+  // plug-in, at one of the steps allowed, writable. Exit code 3 otherwise.
+  CSnapshotRecord loadRecord(const std::vector<RecordStep>& allowed);
+  void saveRecord(CSnapshotRecord& record, const std::string& event, bool exclusive);
+
+  // source_flows.cc
+  int claim();
+  int prepare();
+  int deport();
+  int access();
+
+  // alternate_flows.cc
+  int importCopy();
+  int move();
+  int release();
+  void checkSecondaryDisks(const CSnapshotRecord& record) const;
+  std::string ownerOfDevices(const CSnapshotRecord& record, const std::string& block);
+
+  // resource_flows.cc
+  int format();
+  int online();
+  int unformat();
+  void checkParentPlugin(const std::string& disk, int flags);
+  // The device path the plug-in handed back in paths, as the result.
+  void reportDevice(CPathOutput& paths, const std::string& step);
+
+  const Options& m_options;
+  CReport& m_report;
+  CProgressWatch m_watch;
+  std::unique_ptr<CPluginLibrary> m_plugin;
+};
+
+}  // namespace qzfi_host
+
+#endif  // QZFI_HOST_FLOWS_H

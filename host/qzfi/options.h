@@ -1,0 +1,75 @@
+// The command line of qzfi: global options, the command and its own
+// options, checked before anything is loaded or run.
+#ifndef QZFI_HOST_OPTIONS_H
+#define QZFI_HOST_OPTIONS_H
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace qzfi_host {
+
+// Exit codes of qzfi, as its help and man page list them.
+enum ExitCode {
+  kExitDone = 0,         // done; for claim: the plug-in claims the path
+  kExitNotClaimed = 1,   // claim: the plug-in does not claim the path
+  kExitUsage = 2,        // the command line is wrong
+  kExitRecord = 3,       // the record cannot be used for this command
+  kExitPluginLoad = 4,   // the plug-in cannot be found or loaded, or lacks an entry point
+  kExitPluginStart = 5,  // the plug-in did not start (its init failed)
+  kExitFailed = 6        // a plug-in operation failed
+};
+
+enum class Command {
+  help,
+  version,
+  info,
+  claim,
+  prepare,
+  deport,
+  import,
+  move,
+  release,
+  access,
+  format,
+  online,
+  unformat
+};
+
+struct Options {
+  std::string plugin = "qzvmfi";  // a name in the plug-in folder, or a file path
+  bool json = false;
+  bool quiet = false;
+  Command command = Command::help;
+  std::string commandName;
+  std::string path;                    // claim, prepare: the object path
+  std::string record;                  // --record FILE
+  std::vector<std::string> secondary;  // import: --secondary DISK[,DISK...]
+  bool raw = false;                    // import: print the raw device path
+  int disposition = 1;                 // release: --disposition N
+  bool accessOn = false;               // access on|off
+  long accessFlags = 0;                // access off: --flags N
+  std::string group;                   // format: --group DG
+  std::string volume;                  // format: --volume VOL
+  std::vector<std::string> disks;      // format, online, unformat
+  bool persistent = false;             // online, unformat: the disks stay visible to this host
+};
+
+// A command line qzfi refuses; what() says why, for the user.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// The options of argv (argv[0] is the program). Throws UsageError.
+Options parseOptions(const std::vector<std::string>& args);
+
+// The help text: usage, commands, options and exit codes.
+std::string helpText();
+
+// The name of an exit code, for the JSON output ("done", "failed", ...).
+const char* exitCodeName(int code);
+
+}  // namespace qzfi_host
+
+#endif  // QZFI_HOST_OPTIONS_H

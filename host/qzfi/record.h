@@ -1,0 +1,89 @@
+// The snapshot record: what one qzfi command hands the next, on the same or
+// another host. A JSON file holding the object, its sub-objects, the owner of
+// its device node, the nodes' provider state as their blobs, the step the
+// backup has reached and the copy made on the alternate host.
+#ifndef QZFI_HOST_RECORD_H
+#define QZFI_HOST_RECORD_H
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "nodes.h"
+
+namespace qzfi_host {
+
+// The steps of a backup, in order; each command needs the record at one of
+// them and leaves it at the next.
+enum class RecordStep { prepared, deported, imported, moved, released };
+
+const char* stepName(RecordStep step);
+
+// The copy on the alternate host.
+struct AlternateCopy {
+  std::string object;                  // the new volume's device path
+  std::vector<std::string> secondary;  // the split disks it was built on
+  ProviderState state;                 // the alternate node's provider state
+};
+
+// One command that changed the record.
+struct RecordEvent {
+  std::string command;
+  std::string time;  // UTC, ISO 8601
+  std::string detail;
+};
+
+// The record cannot be read or written; what() says why.
+class RecordError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+class CSnapshotRecord {
+ public:
+  static constexpr int kFormatVersion = 1;
+
+  std::string plugin;  // the plug-in's name
+  std::string object;  // the source object path
+  RecordStep step = RecordStep::prepared;
+  long long ownerUid = -1;  // owner of the source's device node
+  long long ownerGid = -1;
+  std::vector<std::string> subObjects;  // the node's sub-objects (its disks), in order
+  ProviderState state;                  // the source node's provider state
+  std::string deportedObject;           // what deportTree named in the access record
+  bool sourceAccess = true;             // false after "access off"
+  bool hasAlternate = false;
+  AlternateCopy alternate;
+  std::vector<AlternateCopy> earlierCopies;  // copies moved on to another host
+  std::vector<RecordEvent> events;
+
+  // Reads and checks the file; throws RecordError naming the file and what
+  // is wrong with it.
+  static CSnapshotRecord load(const std::string& file);
+  // Writes the file atomically: a new file beside it, synced and renamed
+  // over it, so that a reader sees the old record or the new one, never a
+  // part. exclusive: the file must not exist yet. Throws RecordError.
+  void save(const std::string& file, bool exclusive) const;
+  // Throws RecordError unless a record can be written as file: its folder
+  // exists and is writable (and, when exclusive, the file does not exist).
+  static void checkWritable(const std::string& file, bool exclusive);
+
+  // Appends an event of command at the current time.
+  void note(const std::string& command, const std::string& detail);
+
+  nlohmann::ordered_json toJson() const;
+  // Throws RecordError (without the file's name) when a field is missing or
+  // has the wrong type.
+  static CSnapshotRecord fromJson(const nlohmann::ordered_json& json);
+};
+
+// The provider state in the record: the blob's text when it is UTF-8, its
+// base64 form otherwise, with its length either way.
+nlohmann::ordered_json providerStateJson(const ProviderState& state);
+ProviderState providerStateOf(const nlohmann::ordered_json& json);
+
+}  // namespace qzfi_host
+
+#endif  // QZFI_HOST_RECORD_H
