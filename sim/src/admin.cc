@@ -1,9 +1,12 @@
 #include "admin.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <cstdlib>
 #include <iostream>
 #include <map>
@@ -43,10 +46,14 @@ struct Flags {
       usage("--" + k + " is required");
     return it->second;
   }
-  uint64_t num(const std::string& k, uint64_t fallback) const {
+  uint64_t num(const std::string& k, uint64_t fallback, uint64_t min = 0,
+               uint64_t max = UINT64_MAX) const {
     uint64_t v = fallback;
-    if (kv.count(k) && !parseUint(kv.at(k), &v))
-      usage("--" + k + " needs a number");
+    if (kv.count(k) && (!parseUint(kv.at(k), &v) || v < min || v > max))
+      usage("--" + k + " takes a whole number" +
+            (max == UINT64_MAX ? std::string(" of at least ") + std::to_string(min)
+                               : " from " + std::to_string(min) + " to " + std::to_string(max)) +
+            ".");
     return v;
   }
   uint64_t length(const std::string& k, uint64_t fallback) const {
@@ -58,6 +65,10 @@ struct Flags {
 };
 
 const std::set<std::string> kBoolFlags = {"no-dmp", "no-vset", "no-cds", "not-installed", "total"};
+
+// A simulation holds at most this many sectors per disk (1 PiB), so that
+// no offset or length sum can overflow.
+constexpr uint64_t kMaxDiskSectors = 1ull << 41;
 
 Flags parseFlags(const std::vector<std::string>& args, size_t from) {
   Flags f;
@@ -106,8 +117,15 @@ void withDb(Fn fn) {
 
 void syncHost(Db& db, const std::string& root, const std::string& host) {
   Sim s(db, root, host);
-  s.applyDeletes();
-  s.syncHostFiles();
+  s.sync(true);
+}
+
+// Every host that sees the disk.
+std::vector<std::string> hostsOf(Db& db, int64_t disk) {
+  std::vector<std::string> hosts;
+  for (const auto& r : db.query("SELECT host FROM hostdisks WHERE disk=? ORDER BY host", {disk}))
+    hosts.push_back(r[0].s);
+  return hosts;
 }
 
 std::string osName(int64_t n) {
@@ -120,7 +138,7 @@ std::string osName(int64_t n) {
 std::vector<std::string> attach(Db& db, int64_t disk, const std::string& host, int paths) {
   Sim::loadHost(db, host);
   if (db.queryInt("SELECT count(*) FROM hostdisks WHERE host=? AND disk=?", {host, disk}, 0))
-    usage("disk is already attached to host " + host);
+    usage(Sim::loadDisk(db, disk).lun + " is already attached to host " + host + ".");
   db.exec("INSERT INTO hostdisks(host, disk) VALUES(?,?)", {host, disk});
   std::vector<std::string> names;
   for (int i = 0; i < paths; ++i) {
@@ -141,8 +159,13 @@ int64_t newDisk(Db& db, const std::string& root, const std::string& enclosure, i
   if (fd < 0 || ftruncate(fd, size * 512) != 0)
     usage("cannot create disk image " + image);
   close(fd);
+  int64_t index = db.nextSeq("encl:" + enclosure) - 1;
+  std::string problem = nameProblem(enclosure + "_" + std::to_string(index));
+  if (!problem.empty())
+    usage("enclosure " + enclosure + " makes node names that are not valid: the name " + problem +
+          ".");
   db.exec("INSERT INTO disks(lun, enclosure, encl_index, size, image) VALUES(?,?,?,?,?)",
-          {lun, enclosure, db.nextSeq("encl:" + enclosure) - 1, size, image});
+          {lun, enclosure, index, size, image});
   return db.lastInsertId();
 }
 
@@ -163,18 +186,24 @@ void cmdInit() {
 }
 
 void hostAdd(const Flags& f) {
-  if (f.words.empty())
+  if (f.words.size() != 1)
     usage(
         "Usage: qzsim host add NAME [--no-dmp] [--no-vset] [--no-cds] [--not-installed] [--version "
         "V]");
+  const std::string& name = f.words[0];
+  std::string problem = nameProblem(name);
+  if (!problem.empty())
+    usage("host name '" + name + "' " + problem + ".");
   withDb([&](Db& db, const std::string& root) {
+    if (db.queryInt("SELECT count(*) FROM hosts WHERE name=?", {name}, 0))
+      usage("host " + name + " already exists.");
     db.exec("INSERT INTO hosts(name, installed, version, dmp, vset, cds) VALUES(?,?,?,?,?,?)",
-            {f.words[0], f.flags.count("not-installed") ? 0 : 1, f.get("version", "8.0.1"),
+            {name, f.flags.count("not-installed") ? 0 : 1, f.get("version", "8.0.1"),
              f.flags.count("no-dmp") ? 0 : 1, f.flags.count("no-vset") ? 0 : 1,
              f.flags.count("no-cds") ? 0 : 1});
-    std::string dir = hostDir(root, f.words[0]);
-    for (const char* sub :
-         {"/dev_qz/dsk", "/dev_qz/rdsk", "/sys_block", "/qzfi_config", "/qzfi_log"})
+    std::string dir = hostDir(root, name);
+    for (const char* sub : {"/dev_qz/dsk", "/dev_qz/rdsk", "/dev_qz/dmp", "/dev_qz/rdmp", "/dev_os",
+                            "/qzfi_config", "/qzfi_log"})
       makeDirs(dir + sub);
   });
 }
@@ -208,14 +237,26 @@ int hostRun(const std::vector<std::string>& args, const std::string& binary) {
   return 127;
 }
 
+std::vector<std::string> knownHosts(Db& db, const std::string& list) {
+  std::vector<std::string> hosts;
+  for (const auto& h : splitChar(list, ','))
+    if (!h.empty())
+      hosts.push_back(Sim::loadHost(db, h).name);
+  return hosts;
+}
+
 void diskAdd(const Flags& f) {
+  if (!f.words.empty())
+    usage(
+        "Usage: qzsim disk add [--size LEN] [--count N] [--hosts A,B] [--paths N] "
+        "[--enclosure E]");
   withDb([&](Db& db, const std::string& root) {
     int64_t size = static_cast<int64_t>(f.length("size", 2048ull * 1024));
-    uint64_t count = f.num("count", 1);
-    int paths = static_cast<int>(f.num("paths", 1));
-    std::vector<std::string> hosts;
-    if (!f.get("hosts").empty())
-      hosts = splitChar(f.get("hosts"), ',');
+    if (size < 2048 || static_cast<uint64_t>(size) > kMaxDiskSectors)
+      usage("--size takes a length from 1m to 1024t.");
+    uint64_t count = f.num("count", 1, 1, 1000);
+    int paths = static_cast<int>(f.num("paths", 1, 1, 8));
+    std::vector<std::string> hosts = knownHosts(db, f.get("hosts"));
     for (uint64_t i = 0; i < count; ++i) {
       int64_t id = newDisk(db, root, f.get("enclosure", "qzarr0"), size);
       std::map<std::string, std::vector<std::string>> byHost;
@@ -237,41 +278,62 @@ int64_t resolveDisk(Db& db, const std::string& root, const std::string& name,
       id = db.queryInt("SELECT disk FROM paths WHERE host=? AND osname=?", {host, name}, 0);
   }
   if (!id)
-    usage("unknown disk " + name);
+    usage("there is no disk " + name + (host.empty() ? "" : " on host " + host) + ".");
   return id;
 }
 
 void diskAttach(const Flags& f, bool attachIt) {
-  if (f.words.empty())
+  if (f.words.size() != 1)
     usage("Usage: qzsim disk attach|detach LUN --host H [--paths N]");
   withDb([&](Db& db, const std::string& root) {
-    std::string host = f.need("host");
+    std::string host = Sim::loadHost(db, f.need("host")).name;
     int64_t id = resolveDisk(db, root, f.words[0], host);
     if (attachIt) {
       std::map<std::string, std::vector<std::string>> byHost;
-      byHost[host] = attach(db, id, host, static_cast<int>(f.num("paths", 1)));
+      byHost[host] = attach(db, id, host, static_cast<int>(f.num("paths", 1, 1, 8)));
       std::cout << describe(db, id, byHost) << "\n";
     } else {
       db.exec("DELETE FROM paths WHERE host=? AND disk=?", {host, id});
       db.exec("DELETE FROM hostdisks WHERE host=? AND disk=?", {host, id});
+      if (db.changes() == 0)
+        usage(Sim::loadDisk(db, id).lun + " is not attached to host " + host + ".");
     }
     syncHost(db, root, host);
+  });
+}
+
+// The array takes a LUN away: every host loses its paths at once.
+void diskRemove(const Flags& f) {
+  if (f.words.size() != 1)
+    usage("Usage: qzsim disk remove LUN [--host H]");
+  withDb([&](Db& db, const std::string& root) {
+    int64_t id = resolveDisk(db, root, f.words[0], f.get("host"));
+    Disk d = Sim::loadDisk(db, id);
+    std::vector<std::string> hosts = hostsOf(db, id);
+    for (const char* table : {"paths", "hostdisks", "members"})
+      db.exec(std::string("DELETE FROM ") + table + " WHERE disk=?", {id});
+    db.exec("DELETE FROM disks WHERE id=?", {id});
+    db.exec("UPDATE disks SET copy_of=0 WHERE copy_of=?", {id});
+    unlink(d.image.c_str());
+    for (const auto& h : hosts) syncHost(db, root, h);
   });
 }
 
 void diskList() {
   withDb([&](Db& db, const std::string&) {
     std::vector<std::vector<std::string>> rows = {
-        {"LUN", "NODE", "SIZE", "FORMAT", "GROUP", "LOCK", "PATHS"}};
+        {"LUN", "NODE", "SIZE", "FORMAT", "GROUP", "LOCK", "COPYOF", "PATHS"}};
     for (const auto& r : db.query("SELECT id FROM disks ORDER BY id")) {
       Disk d = Sim::loadDisk(db, r[0].i);
       std::vector<std::string> paths;
       for (const auto& p :
            db.query("SELECT host, osname, enabled FROM paths WHERE disk=? ORDER BY ord", {d.id}))
         paths.push_back(p[0].s + ":" + p[1].s + (p[2].i ? "" : "(disabled)"));
+      std::string source =
+          d.copyOf ? db.queryText("SELECT lun FROM disks WHERE id=?", {d.copyOf}, "-") : "-";
       rows.push_back({d.lun, d.node(), std::to_string(d.size), d.ptype + ":" + d.pformat,
                       d.dgname.empty() ? "-" : d.dgname, d.hostlock.empty() ? "-" : d.hostlock,
-                      paths.empty() ? "-" : join(paths, ",")});
+                      source, paths.empty() ? "-" : join(paths, ",")});
     }
     std::cout << formatTable(rows);
   });
@@ -281,20 +343,19 @@ void diskList() {
 // on the target host, not seen by QzVM there until a scan.
 void arraySplit(const Flags& f) {
   withDb([&](Db& db, const std::string& root) {
-    std::string to = f.need("to-host"), from = f.get("from-host");
+    std::string to = Sim::loadHost(db, f.need("to-host")).name, from = f.get("from-host");
+    if (!from.empty())
+      Sim::loadHost(db, from);
     for (const auto& name : splitChar(f.need("disks"), ',')) {
       Disk src = Sim::loadDisk(db, resolveDisk(db, root, name, from));
       int64_t id = newDisk(db, root, src.enclosure, src.size);
       Disk copy = src;
       copy.id = id;
-      Disk fresh = Sim::loadDisk(db, id);
-      copy.lun = fresh.lun;
-      copy.image = fresh.image;
-      copy.enclIndex = fresh.enclIndex;
       Sim::saveDisk(db, copy);
-      if (!copySparse(src.image, copy.image))
+      db.exec("UPDATE disks SET copy_of=? WHERE id=?", {src.id, id});
+      if (!copySparse(src.image, Sim::loadDisk(db, id).image))
         usage("cannot copy " + src.image);
-      int paths = static_cast<int>(f.num("paths", 0));
+      int paths = static_cast<int>(f.num("paths", 0, 0, 8));
       if (!paths)
         paths = from.empty()
                     ? 1
@@ -306,6 +367,40 @@ void arraySplit(const Flags& f) {
       std::cout << describe(db, id, byHost) << "\n";
     }
     syncHost(db, root, to);
+  });
+}
+
+// The array copies copies back onto the LUNs they were made from: images and
+// private regions, as a restore from a snapshot does.
+void arrayRestore(const Flags& f) {
+  withDb([&](Db& db, const std::string& root) {
+    std::string from = f.get("from-host");
+    if (!from.empty())
+      Sim::loadHost(db, from);
+    std::set<std::string> hosts;
+    for (const auto& name : splitChar(f.need("disks"), ',')) {
+      Disk copy = Sim::loadDisk(db, resolveDisk(db, root, name, from));
+      if (!copy.copyOf)
+        usage(copy.lun + " is not an array copy of another LUN; only copies can be restored.");
+      if (!db.queryInt("SELECT count(*) FROM disks WHERE id=?", {copy.copyOf}, 0))
+        usage("the LUN that " + copy.lun + " was copied from is gone.");
+      Disk src = Sim::loadDisk(db, copy.copyOf);
+      auto users = db.query(
+          "SELECT i.host, i.dgname FROM members m JOIN imports i ON i.host=m.host AND "
+          "i.dgid=m.dgid WHERE m.disk=? ORDER BY i.host",
+          {src.id});
+      if (!users.empty())
+        usage(src.lun + " belongs to disk group " + users[0][1].s + " imported on host " +
+              users[0][0].s + "; deport the group before restoring onto it.");
+      if (!copySparse(copy.image, src.image))
+        usage("cannot copy " + copy.image + " onto " + src.image);
+      Disk restored = copy;
+      restored.id = src.id;
+      Sim::saveDisk(db, restored);
+      std::cout << src.lun << " " << src.node() << " restored from " << copy.lun << "\n";
+      for (const auto& h : hostsOf(db, src.id)) hosts.insert(h);
+    }
+    for (const auto& h : hosts) syncHost(db, root, h);
   });
 }
 
@@ -324,7 +419,7 @@ void volumeCmd(const std::string& op, const Flags& f) {
       std::cout << checksumVolume(s, dg, vol) << "\n";
     } else if (op == "hold" || op == "release") {
       Sim::Group g = s.requireGroup(dg);
-      if (!g.cfg.findVol(vol))
+      if (!g.cfg.findVol(requireName("Volume", vol)))
         fail(kNoObject, "Volume " + vol + " not found");
       if (op == "hold")
         db.exec("INSERT OR IGNORE INTO holds VALUES(?,?,?)", {s.host.name, g.dgid, vol});
@@ -336,23 +431,121 @@ void volumeCmd(const std::string& op, const Flags& f) {
   });
 }
 
+void groupCmd(const std::string& op, const Flags& f) {
+  if (op != "disable" || f.words.size() != 1)
+    usage("Usage: qzsim group disable --host H DG");
+  withDb([&](Db& db, const std::string& root) {
+    Sim s(db, root, f.need("host"));
+    s.setDisabled(s.requireGroup(f.words[0]).dgid);
+    s.sync(true);
+  });
+}
+
+// Device nodes as a sandbox shows them, and where they are kept.
+std::string nodeShownPath(const std::string& rel) {
+  if (startsWith(rel, "dev_qz/"))
+    return "/dev/qz/" + rel.substr(7);
+  if (startsWith(rel, "dev_os/"))
+    return "/dev/" + rel.substr(7);
+  return rel;
+}
+
+std::string modeText(int64_t mode) {
+  char buf[8];
+  snprintf(buf, sizeof buf, "%04llo", static_cast<unsigned long long>(mode & 07777));
+  return buf;
+}
+
+void nodeCmd(const std::string& op, const Flags& f) {
+  if (op != "list" && op != "set")
+    usage(
+        "Usage: qzsim node list --host H [PATH...] | node set --host H PATH [--uid N] [--gid N] "
+        "[--mode OCTAL]");
+  if (op == "set" && f.words.size() != 1)
+    usage("Usage: qzsim node set --host H PATH [--uid N] [--gid N] [--mode OCTAL]");
+  withDb([&](Db& db, const std::string& root) {
+    Sim s(db, root, f.need("host"));
+    s.syncHostFiles();                   // picks up what chown and chmod changed on the nodes
+    std::map<std::string, Row> current;  // shown path -> key, rel path, uid, gid, mode
+    std::string dir = hostDir(root, s.host.name);
+    for (const auto& r :
+         db.query("SELECT key, path, uid, gid, mode FROM nodes WHERE host=?", {s.host.name}))
+      if (access((dir + "/" + r[1].s).c_str(), F_OK) == 0)
+        current[nodeShownPath(r[1].s)] = r;
+    for (const auto& w : f.words)
+      if (!current.count(w))
+        usage("host " + s.host.name + " has no device node " + w + ".");
+    if (op == "set") {
+      Row& r = current[f.words[0]];
+      int64_t uid =
+          static_cast<int64_t>(f.num("uid", static_cast<uint64_t>(r[2].i), 0, 0xfffffffe));
+      int64_t gid =
+          static_cast<int64_t>(f.num("gid", static_cast<uint64_t>(r[3].i), 0, 0xfffffffe));
+      int64_t mode = r[4].i;
+      if (f.kv.count("mode")) {
+        char* end = nullptr;
+        const std::string& text = f.kv.at("mode");
+        unsigned long m = strtoul(text.c_str(), &end, 8);
+        if (text.empty() || *end || m > 07777)
+          usage("--mode takes an octal mode from 0 to 7777.");
+        mode = static_cast<int64_t>(m);
+      }
+      std::string file = dir + "/" + r[1].s;
+      if (chown(file.c_str(), static_cast<uid_t>(uid), static_cast<gid_t>(gid)) != 0 ||
+          chmod(file.c_str(), static_cast<mode_t>(mode)) != 0)
+        usage("cannot change " + f.words[0] + ": " + strerror(errno) + ".");
+      db.exec("UPDATE nodes SET uid=?, gid=?, mode=? WHERE host=? AND key=?",
+              {uid, gid, mode, s.host.name, r[0].s});
+      return;
+    }
+    std::vector<std::vector<std::string>> rows = {{"PATH", "UID", "GID", "MODE"}};
+    for (const auto& c : current)
+      if (f.words.empty() || std::count(f.words.begin(), f.words.end(), c.first))
+        rows.push_back({c.first, std::to_string(c.second[2].i), std::to_string(c.second[3].i),
+                        modeText(c.second[4].i)});
+    std::cout << formatTable(rows);
+  });
+}
+
+void addFault(Db& db, const Flags& f, const std::string& kind) {
+  bool busy = kind == "busy";
+  std::string host = f.get("host");
+  if (!host.empty())
+    Sim::loadHost(db, host);
+  std::string tool = f.get("tool", busy ? "qzvol" : "");
+  if (!tool.empty() && !findTool(tool))
+    usage("there is no tool " + tool + ".");
+  db.exec(
+      "INSERT INTO faults(host, tool, pattern, kind, nth, remaining, status, out, err) "
+      "VALUES(?,?,?,?,?,?,?,?,?)",
+      {host, tool, squeezeBlanks(f.get("match", busy ? "stop" : "")), kind,
+       static_cast<int64_t>(f.num("nth", 1, 1)),
+       static_cast<int64_t>(busy ? f.num("count", 1, 1) : f.num("times", 1, 1)),
+       static_cast<int64_t>(busy ? 31 : f.num("status", 1, 0, 255)), f.get("stdout"),
+       f.get("stderr")});
+}
+
 void faultCmd(const std::string& op, const Flags& f) {
-  withDb([&](Db& db, const std::string&) {
-    if (op == "add" || op == "busy") {
-      bool busy = op == "busy";
-      db.exec(
-          "INSERT INTO faults(host, tool, pattern, kind, nth, remaining, status, out, err) "
-          "VALUES(?,?,?,?,?,?,?,?,?)",
-          {f.get("host"), f.get("tool", busy ? "qzvol" : ""), f.get("match", busy ? "stop" : ""),
-           busy ? "busy" : "fail", static_cast<int64_t>(f.num("nth", 1)),
-           static_cast<int64_t>(f.num(busy ? "count" : "times", 1)),
-           static_cast<int64_t>(busy ? 31 : f.num("status", 1)), f.get("stdout"), f.get("stderr")});
+  withDb([&](Db& db, const std::string& root) {
+    if (op == "add" || op == "busy" || op == "hang") {
+      addFault(db, f, op == "add" ? "fail" : op);
     } else if (op == "hide-scans") {
+      std::string host = Sim::loadHost(db, f.need("host")).name;
       db.exec("UPDATE hosts SET hide_scans=? WHERE name=?",
-              {static_cast<int64_t>(f.num("count", 1)), f.need("host")});
+              {static_cast<int64_t>(f.num("count", 1)), host});
+    } else if (op == "late-disk") {
+      if (f.words.size() != 1)
+        usage("Usage: qzsim fault late-disk DISK --host H --scans N");
+      std::string host = Sim::loadHost(db, f.need("host")).name;
+      int64_t id = resolveDisk(db, root, f.words[0], host);
+      db.exec("UPDATE hostdisks SET late=? WHERE host=? AND disk=?",
+              {static_cast<int64_t>(f.num("scans", 1)), host, id});
+      if (db.changes() == 0)
+        usage(Sim::loadDisk(db, id).lun + " is not attached to host " + host + ".");
     } else if (op == "clear") {
       db.exec("DELETE FROM faults");
       db.exec("UPDATE hosts SET hide_scans=0");
+      db.exec("UPDATE hostdisks SET late=0");
     } else if (op == "list") {
       std::vector<std::vector<std::string>> rows = {
           {"ID", "HOST", "TOOL", "MATCH", "KIND", "NTH", "LEFT", "STATUS", "HITS"}};
@@ -362,15 +555,24 @@ void faultCmd(const std::string& op, const Flags& f) {
                         r[2].s.empty() ? "*" : r[2].s, "'" + r[3].s + "'", r[4].s,
                         std::to_string(r[5].i), std::to_string(r[6].i), std::to_string(r[7].i),
                         std::to_string(r[8].i)});
+      for (const auto& r : db.query("SELECT name, hide_scans FROM hosts WHERE hide_scans>0"))
+        rows.push_back({"-", r[0].s, "qzdisk", "'scandisks'", "hide-scans", "-",
+                        std::to_string(r[1].i), "-", "-"});
+      for (const auto& r : db.query("SELECT h.host, d.lun, h.late FROM hostdisks h JOIN disks d "
+                                    "ON d.id=h.disk WHERE h.late>0 ORDER BY h.host, d.id"))
+        rows.push_back({"-", r[0].s, "qzdisk", "'" + r[1].s + "'", "late-disk", "-",
+                        std::to_string(r[2].i), "-", "-"});
       std::cout << formatTable(rows);
     } else {
-      usage("Usage: qzsim fault add|busy|hide-scans|list|clear ...");
+      usage("Usage: qzsim fault add|busy|hang|hide-scans|late-disk|list|clear ...");
     }
   });
 }
 
 void logCmd(const Flags& f) {
   withDb([&](Db& db, const std::string&) {
+    if (!f.get("host").empty())
+      Sim::loadHost(db, f.get("host"));
     std::string sql =
         "SELECT id, host, status, usec, cmd FROM runs WHERE (?='' OR host=?) AND (?='' OR cmd LIKE "
         "?) ORDER BY id";
@@ -382,8 +584,9 @@ void logCmd(const Flags& f) {
     }
     std::vector<std::vector<std::string>> out = {{"ID", "HOST", "STATUS", "USEC", "COMMAND"}};
     for (const auto& r : rows)
-      out.push_back(
-          {std::to_string(r[0].i), r[1].s, std::to_string(r[2].i), std::to_string(r[3].i), r[4].s});
+      out.push_back({std::to_string(r[0].i), r[1].s,
+                     r[2].i == kHungStatus ? "hung" : std::to_string(r[2].i),
+                     std::to_string(r[3].i), r[4].s});
     std::cout << formatTable(out);
   });
 }
@@ -393,8 +596,9 @@ int toolRun(const std::vector<std::string>& args) {
   if (args.size() < 5 || args[2] != "--host")
     usage("Usage: qzsim run --host H TOOL [ARGS...]");
   RunResult r = runTool(rootDir(), args[3], args[4], {args.begin() + 5, args.end()});
-  std::cout << r.out;
-  std::cerr << r.err;
+  std::cout << r.out << std::flush;
+  std::cerr << r.err << std::flush;
+  while (r.hang) pause();
   return r.status;
 }
 
@@ -405,18 +609,27 @@ const char* kHelp = R"(qzsim - QzVM simulator
   qzsim host NAME -- COMMAND [ARGS...]         run COMMAND as host NAME in a private sandbox
   qzsim disk add [--size LEN] [--count N] [--hosts A,B] [--paths N] [--enclosure E]
   qzsim disk attach|detach DISK --host H [--paths N]
+  qzsim disk remove DISK [--host H]            the array takes the LUN away from every host
   qzsim disk list
   qzsim array split --disks D1,D2 [--from-host H] --to-host H2 [--paths N]
+  qzsim array restore --disks C1,C2 [--from-host H]   copies back onto their source LUNs
   qzsim volume write|read|checksum|hold|release --host H DG VOL [--seed N] [--offset LEN] [--length LEN]
+  qzsim group disable --host H DG
+  qzsim node list --host H [PATH...]
+  qzsim node set --host H PATH [--uid N] [--gid N] [--mode OCTAL]
   qzsim fault add [--host H] [--tool T] [--match TEXT] [--nth N] [--times K] [--status S] [--stdout T] [--stderr T]
   qzsim fault busy [--host H] [--tool qzvol] [--match stop] --count K
+  qzsim fault hang [--host H] [--tool T] [--match TEXT] [--nth N] [--times K] [--stdout T] [--stderr T]
   qzsim fault hide-scans --host H --count K
+  qzsim fault late-disk DISK --host H --scans N
   qzsim fault list|clear
   qzsim log [--host H] [--tool T] [--total]
   qzsim check
   qzsim run --host H TOOL [ARGS...]            run one tool as host H without the sandbox
 Called as qzdg, qzdisk, qzprint, qzvol, qzinfo, qzassist, qzvset, qzmake, qzdmpadm,
 qzdisksetup, qzdiskunsetup, qzcdsconvert, rpm or parted, it is that tool for host $QZSIM_HOST.
+A fault's TEXT is matched against the command line as "qzsim log" shows it (the tool's
+name and its arguments joined by single blanks); runs of blanks in TEXT count as one.
 )";
 
 }  // namespace
@@ -442,12 +655,20 @@ int adminMain(const std::vector<std::string>& args, const std::string& binary) {
       return diskAdd(f), 0;
     if (cmd == "disk" && (sub == "attach" || sub == "detach"))
       return diskAttach(f, sub == "attach"), 0;
+    if (cmd == "disk" && sub == "remove")
+      return diskRemove(f), 0;
     if (cmd == "disk" && sub == "list")
       return diskList(), 0;
     if (cmd == "array" && sub == "split")
       return arraySplit(f), 0;
+    if (cmd == "array" && sub == "restore")
+      return arrayRestore(f), 0;
     if (cmd == "volume")
       return volumeCmd(sub, f), 0;
+    if (cmd == "group")
+      return groupCmd(sub, f), 0;
+    if (cmd == "node")
+      return nodeCmd(sub, f), 0;
     if (cmd == "fault")
       return faultCmd(sub, f), 0;
     if (cmd == "log")
@@ -456,7 +677,7 @@ int adminMain(const std::vector<std::string>& args, const std::string& binary) {
       return checkMain();
     if (cmd == "run")
       return toolRun(args);
-    usage(std::string("unknown command; see qzsim --help"));
+    usage("unknown command " + cmd + "; see qzsim --help");
   } catch (const AdminError& e) {
     std::cerr << "qzsim: " << e.text << "\n";
     return 2;

@@ -1,12 +1,15 @@
 // "qzsim check": verifies that the simulation database is consistent, for
 // example after many hosts ran tools at once.
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
+#include <map>
 #include <set>
-#include <unistd.h>
 
 #include "sim.h"
+#include "text.h"
 
 namespace qzsim {
 
@@ -54,6 +57,46 @@ void checkExtents(Sim& s, const Sim::Group& g, Problems& p) {
   }
 }
 
+void checkName(const std::string& where, const std::string& kind, const std::string& name,
+               Problems& p) {
+  std::string problem = nameProblem(name);
+  if (!problem.empty())
+    p.push_back(where + kind + " name '" + name + "' " + problem);
+}
+
+void checkNames(const GroupConfig& c, const std::string& where, Problems& p) {
+  checkName(where, "disk group", c.dg.name, p);
+  for (const auto& d : c.dms) checkName(where, "disk media", d.name, p);
+  for (const auto& v : c.vols) {
+    checkName(where, "volume", v.name, p);
+    checkName(where, "usage type", v.usetype, p);
+  }
+  for (const auto& pl : c.plexes) checkName(where, "plex", pl.name, p);
+  for (const auto& sd : c.sds) checkName(where, "subdisk", sd.name, p);
+  for (const auto& d : c.dcos) checkName(where, "DCO", d.name, p);
+  for (const auto& vs : c.vsets) checkName(where, "volume set", vs.name, p);
+}
+
+// Every plex maps each sector of its volume exactly once.
+void checkCoverage(const GroupConfig& c, const std::string& where, Problems& p) {
+  for (const auto& pl : c.plexes) {
+    const VolRec* v = c.findVol(pl.vol);
+    if (!v)
+      continue;
+    auto sds = c.sdsOf(pl.name);
+    std::sort(sds.begin(), sds.end(),
+              [](const SdRec* a, const SdRec* b) { return a->plOffset < b->plOffset; });
+    uint64_t pos = 0;
+    bool contiguous = true;
+    for (const SdRec* sd : sds) {
+      contiguous = contiguous && sd->plOffset == pos;
+      pos = sd->plOffset + sd->len;
+    }
+    if (!contiguous || pos != v->len || pl.len != v->len)
+      p.push_back(where + "plex " + pl.name + " does not cover volume " + v->name);
+  }
+}
+
 void checkObjects(Sim& s, const Sim::Group& g, Problems& p) {
   const GroupConfig& c = g.cfg;
   const std::string where = c.dg.name + "@" + s.host.name + ": ";
@@ -76,19 +119,43 @@ void checkObjects(Sim& s, const Sim::Group& g, Problems& p) {
     for (const auto& v : vs.vols)
       if (!c.findVol(v))
         p.push_back(where + "volume set " + vs.name + " names unknown volume " + v);
+  checkNames(c, where, p);
+  checkCoverage(c, where, p);
   checkExtents(s, g, p);
+}
+
+// The disks of an imported group: each holds the disk medium it is recorded
+// for, and no two carry one identity (a clone never joins its source's group).
+void checkMembers(Sim& s, const Sim::Group& g, const std::string& name, Problems& p) {
+  const std::string where = name + "@" + s.host.name + ": ";
+  std::map<std::string, std::string> byDiskid;  // disk id -> LUN
+  for (const auto& r : s.db.query("SELECT m.dm, d.lun, d.diskid FROM members m JOIN disks d ON "
+                                  "d.id=m.disk WHERE m.host=? AND m.dgid=? ORDER BY d.id",
+                                  {s.host.name, g.dgid})) {
+    const DmRec* dm = g.cfg.findDm(r[0].s);
+    if (!dm)
+      p.push_back(where + r[1].s + " holds disk media " + r[0].s + " that the group lacks");
+    else if (dm->diskid != r[2].s)
+      p.push_back(where + r[1].s + " holds disk media " + r[0].s + " but carries disk id " +
+                  r[2].s + ", not " + dm->diskid);
+    auto seen = byDiskid.emplace(r[2].s, r[1].s);
+    if (!seen.second)
+      p.push_back(where + "the group holds two disks with disk id " + r[2].s + " (" +
+                  seen.first->second + " and " + r[1].s + ")");
+  }
 }
 
 void checkCopies(Sim& s, const Sim::Group& g, const std::string& name, Problems& p) {
   const std::string where = name + "@" + s.host.name + ": ";
-  std::string text;
+  std::string kernel = s.db.queryText("SELECT config FROM imports WHERE host=? AND dgid=?",
+                                      {s.host.name, g.dgid}, "");
   for (const auto& dd : g.dmDisk) {
     Disk d = Sim::loadDisk(s.db, dd.second);
-    if (d.dgname != name || d.hostlock != s.host.name || d.dmname != dd.first)
+    bool lockOk = d.hostlock == s.host.name || g.shared;
+    if (d.dgid != g.dgid || d.dgname != name || !lockOk || d.dmname != dd.first)
       p.push_back(where + "private region of " + d.lun + " disagrees with the import");
-    if (!text.empty() && d.config != text)
-      p.push_back(where + "configuration copies differ");
-    text = d.config;
+    if (!g.disabled && d.config != kernel)
+      p.push_back(where + "configuration copy on " + d.lun + " differs from the host's");
   }
   if (g.cfg.dg.name != name)
     p.push_back(where + "configuration names group " + g.cfg.dg.name);
@@ -98,13 +165,49 @@ void checkGroups(Db& db, const std::string& root, Problems& p) {
   for (const auto& r : db.query("SELECT host, dgid, dgname FROM imports")) {
     Sim s(db, root, r[0].s);
     Sim::Group g;
-    if (!s.loadGroupById(r[1].s, &g)) {
-      p.push_back(r[2].s + "@" + r[0].s + ": no configuration copy on any visible disk");
+    if (!s.loadImported(r[1].s, &g)) {
+      p.push_back(r[2].s + "@" + r[0].s + ": the host's configuration of the group is unreadable");
       continue;
     }
     checkCopies(s, g, r[2].s, p);
+    checkMembers(s, g, r[2].s, p);
     checkObjects(s, g, p);
   }
+  // A disk imported on two hosts at once is safe only in a shared group.
+  for (const auto& r :
+       db.query("SELECT lun, group_concat(who, ' ') FROM (SELECT d.lun AS lun, m.disk AS disk, "
+                "i.host || ':' || i.dgname AS who, i.shared AS shared FROM members m JOIN "
+                "imports i ON i.host=m.host AND i.dgid=m.dgid JOIN disks d ON d.id=m.disk "
+                "ORDER BY m.disk, i.host) GROUP BY disk HAVING count(*) > 1 AND min(shared) = 0"))
+    p.push_back(r[0].s + " is in groups imported on several hosts without sharing: " + r[1].s);
+}
+
+// Private-region geometry within what the tools accept.
+void checkDisks(Db& db, Problems& p) {
+  for (const auto& r : db.query("SELECT id FROM disks ORDER BY id")) {
+    Disk d = Sim::loadDisk(db, r[0].i);
+    if (!d.initialized())
+      continue;
+    const std::string where = d.lun + ": ";
+    std::vector<std::pair<const char*, int64_t>> values = {
+        {"privoffset", d.privoffset}, {"privlen", d.privlen},     {"puboffset", d.puboffset},
+        {"publen", d.publen},         {"configlen", d.configlen}, {"loglen", d.loglen}};
+    for (const auto& v : values)
+      if (v.second < 0 || v.second > d.size)
+        p.push_back(where + v.first + "=" + std::to_string(v.second) + " is out of range");
+    for (int64_t n : {d.nconfig, d.nlog})
+      if (n < 0 || n > 32)
+        p.push_back(where + "configuration or log copy count " + std::to_string(n) +
+                    " is out of range");
+    for (int64_t slice : {d.privslice, d.pubslice})
+      if ((slice < 0 || slice > 15) && slice != 9999)
+        p.push_back(where + "slice " + std::to_string(slice) + " is out of range");
+    if (d.privoffset >= 0 && d.privlen >= 0 && d.privoffset + d.privlen > d.size)
+      p.push_back(where + "private region does not fit on the disk");
+    if (d.puboffset >= 0 && d.publen >= 0 && d.puboffset + d.publen > d.size)
+      p.push_back(where + "public region does not fit on the disk");
+  }
+  for (const auto& r : db.query("SELECT name FROM hosts")) checkName("", "host", r[0].s, p);
 }
 
 }  // namespace
@@ -122,6 +225,7 @@ int checkMain() {
   if (integrity != "ok")
     p.push_back("database integrity: " + integrity);
   checkLinks(db, p);
+  checkDisks(db, p);
   checkGroups(db, root, p);
   int64_t runs = db.queryInt("SELECT count(*) FROM runs", {}, 0);
   int64_t groups = db.queryInt("SELECT count(*) FROM imports", {}, 0);

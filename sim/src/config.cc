@@ -64,26 +64,55 @@ std::string DumpRecord::get(const std::string& key) const {
   return "";
 }
 
+namespace {
+
+bool isBlankChar(char c) {
+  return c == ' ' || c == '\t' || c == '\r';
+}
+
+// [b, e) of text without the blanks at either end.
+void trimRange(const std::string& text, size_t* b, size_t* e) {
+  while (*b < *e && isBlankChar(text[*b])) ++*b;
+  while (*e > *b && isBlankChar(text[*e - 1])) --*e;
+}
+
+}  // namespace
+
+// Reads the text in place, line by line: a dump of a large group is read
+// several times in a tool run.
 std::vector<DumpRecord> parseDump(const std::string& text) {
   std::vector<DumpRecord> recs;
-  for (const std::string& raw : splitChar(text, '\n')) {
-    if (trim(raw).empty())
+  for (size_t pos = 0; pos < text.size();) {
+    size_t end = text.find('\n', pos);
+    if (end == std::string::npos)
+      end = text.size();
+    size_t b = pos, e = end;
+    pos = end + 1;
+    bool indented = isBlankChar(text[b]);
+    trimRange(text, &b, &e);
+    if (b == e)
       continue;
-    bool indented = raw[0] == ' ' || raw[0] == '\t';
-    std::string line = trim(raw);
-    std::string key, value;
-    if (indented || (line.find(' ') == std::string::npos && splitKeyValue(line, &key, &value))) {
-      if (!recs.empty() && splitKeyValue(line, &key, &value)) {
-        recs.back().attrs.emplace_back(trim(key), trim(value));
+    size_t eq = text.find('=', b);
+    bool hasEq = eq < e;
+    size_t blank = b;
+    while (blank < e && !isBlankChar(text[blank])) ++blank;
+    if (indented || (blank == e && hasEq)) {
+      if (!recs.empty() && hasEq) {
+        size_t kb = b, ke = eq, vb = eq + 1, ve = e;
+        trimRange(text, &kb, &ke);
+        trimRange(text, &vb, &ve);
+        recs.back().attrs.emplace_back(text.substr(kb, ke - kb), text.substr(vb, ve - vb));
       }
       continue;
     }
-    auto words = splitBlanks(line);
     DumpRecord r;
-    r.kind = words[0];
-    if (words.size() > 1)
-      r.name = words[1];
-    recs.push_back(r);
+    r.kind = text.substr(b, blank - b);
+    size_t nb = blank;
+    while (nb < e && isBlankChar(text[nb])) ++nb;
+    size_t ne = nb;
+    while (ne < e && !isBlankChar(text[ne])) ++ne;
+    r.name = text.substr(nb, ne - nb);
+    recs.push_back(std::move(r));
   }
   return recs;
 }

@@ -8,7 +8,8 @@ const char* kSchema = R"SQL(
 CREATE TABLE IF NOT EXISTS seq(name TEXT PRIMARY KEY, value INTEGER NOT NULL);
 CREATE TABLE IF NOT EXISTS hosts(
   name TEXT PRIMARY KEY, installed INTEGER, version TEXT,
-  dmp INTEGER, vset INTEGER, cds INTEGER, hide_scans INTEGER DEFAULT 0);
+  dmp INTEGER, vset INTEGER, cds INTEGER, hide_scans INTEGER DEFAULT 0,
+  synced_gen INTEGER DEFAULT 0);
 CREATE TABLE IF NOT EXISTS disks(
   id INTEGER PRIMARY KEY, lun TEXT UNIQUE, enclosure TEXT, encl_index INTEGER,
   size INTEGER, image TEXT,
@@ -20,14 +21,21 @@ CREATE TABLE IF NOT EXISTS disks(
   nconfig INTEGER DEFAULT 0, nlog INTEGER DEFAULT 0,
   diskid TEXT DEFAULT '', dmname TEXT DEFAULT '', dgname TEXT DEFAULT '',
   dgid TEXT DEFAULT '', hostlock TEXT DEFAULT '', seqno INTEGER DEFAULT 0,
-  config TEXT DEFAULT '');
+  config TEXT DEFAULT '', udid TEXT DEFAULT '', copy_of INTEGER DEFAULT 0);
 CREATE TABLE IF NOT EXISTS paths(
   host TEXT, osname TEXT, disk INTEGER, enabled INTEGER DEFAULT 1, ord INTEGER,
   PRIMARY KEY(host, osname));
 CREATE TABLE IF NOT EXISTS hostdisks(
   host TEXT, disk INTEGER, discovered INTEGER DEFAULT 0, inview INTEGER DEFAULT 0,
-  PRIMARY KEY(host, disk));
-CREATE TABLE IF NOT EXISTS imports(host TEXT, dgid TEXT, dgname TEXT, PRIMARY KEY(host, dgid));
+  late INTEGER DEFAULT 0, PRIMARY KEY(host, disk));
+CREATE TABLE IF NOT EXISTS imports(
+  host TEXT, dgid TEXT, dgname TEXT, config TEXT DEFAULT '', disabled INTEGER DEFAULT 0,
+  shared INTEGER DEFAULT 0, PRIMARY KEY(host, dgid));
+CREATE TABLE IF NOT EXISTS members(
+  host TEXT, dgid TEXT, dm TEXT, disk INTEGER, PRIMARY KEY(host, dgid, dm));
+CREATE TABLE IF NOT EXISTS nodes(
+  host TEXT, key TEXT, path TEXT, uid INTEGER, gid INTEGER, mode INTEGER,
+  PRIMARY KEY(host, key));
 CREATE TABLE IF NOT EXISTS started(host TEXT, dgid TEXT, obj TEXT, PRIMARY KEY(host, dgid, obj));
 CREATE TABLE IF NOT EXISTS holds(host TEXT, dgid TEXT, vol TEXT, PRIMARY KEY(host, dgid, vol));
 CREATE TABLE IF NOT EXISTS faults(
@@ -150,6 +158,9 @@ int64_t Db::lastInsertId() {
 }
 int Db::changes() {
   return sqlite3_changes(db_);
+}
+int64_t Db::totalChanges() {
+  return sqlite3_total_changes64(db_);
 }
 
 int64_t Db::nextSeq(const std::string& name) {

@@ -48,6 +48,7 @@ class Db {
                         const std::string& fallback);
   int64_t lastInsertId();
   int changes();
+  int64_t totalChanges();  // rows changed through this connection so far
 
   // Takes the write lock at once so that two hosts never interleave a run.
   void begin() { exec("BEGIN IMMEDIATE"); }

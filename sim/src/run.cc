@@ -16,28 +16,35 @@ bool isQzvmTool(const std::string& tool) {
 }
 
 // A fault that fires replaces the run: no state changes, only its output.
+// Every fault counts the runs its pattern matches, whether or not it fires;
+// when several are due in one run the oldest fires and the others stay due.
 bool fireFault(Db& db, const std::string& host, const std::string& tool, const std::string& cmdline,
                RunResult* r) {
   auto rows = db.query(
       "SELECT id, pattern, kind, nth, remaining, status, out, err, hits FROM faults "
       "WHERE (host='' OR host=?) AND (tool='' OR tool=?) ORDER BY id",
       {host, tool});
+  const std::string line = squeezeBlanks(cmdline);
+  const Row* due = nullptr;
   for (const auto& f : rows) {
-    if (cmdline.find(f[1].s) == std::string::npos)
+    if (line.find(f[1].s) == std::string::npos)
       continue;
     int64_t hits = f[8].i + 1;
     db.exec("UPDATE faults SET hits=? WHERE id=?", {hits, f[0].i});
-    if (hits < f[3].i || f[4].i <= 0)
-      continue;
-    db.exec("UPDATE faults SET remaining=remaining-1 WHERE id=?", {f[0].i});
-    r->status = static_cast<int>(f[5].i);
-    r->out = f[6].s;
-    r->err = f[7].s;
-    if (f[2].s == "busy" && r->err.empty())
-      r->err = errorLine(tool, 304, "Volume is busy");
-    return true;
+    if (!due && hits >= f[3].i && f[4].i > 0)
+      due = &f;
   }
-  return false;
+  if (!due)
+    return false;
+  const Row& f = *due;
+  db.exec("UPDATE faults SET remaining=remaining-1 WHERE id=?", {f[0].i});
+  r->status = static_cast<int>(f[5].i);
+  r->out = f[6].s;
+  r->err = f[7].s;
+  r->hang = f[2].s == "hang";
+  if (f[2].s == "busy" && r->err.empty())
+    r->err = errorLine(tool, 304, "Volume is busy");
+  return true;
 }
 
 void logRun(Db& db, const std::string& host, const std::string& cmdline, int status,
@@ -52,9 +59,9 @@ void logRun(Db& db, const std::string& host, const std::string& cmdline, int sta
 RunResult runInTransaction(Db& db, Sim& s, const std::string& tool,
                            const std::vector<std::string>& args, const std::string& cmdline) {
   RunResult r;
-  s.applyDeletes();
   if (fireFault(db, s.host.name, tool, cmdline, &r))
     return r;
+  int64_t before = db.totalChanges();
   db.exec("SAVEPOINT tool");
   try {
     if (isQzvmTool(tool) && !s.host.installed)
@@ -68,7 +75,7 @@ RunResult runInTransaction(Db& db, Sim& s, const std::string& tool,
     r.err = e.code ? errorLine(tool, e.code, e.text) : e.text + "\n";
   }
   db.exec("RELEASE tool");
-  s.syncHostFiles();
+  s.sync(db.totalChanges() != before);
   return r;
 }
 
@@ -98,7 +105,7 @@ RunResult runTool(const std::string& root, const std::string& host, const std::s
     } catch (const ToolError& e) {
       r = {e.status, "", errorLine(tool, e.code, e.text)};
     }
-    logRun(db, host, cmdline, r.status, start);
+    logRun(db, host, cmdline, r.hang ? kHungStatus : r.status, start);
     db.commit();
   } catch (const DbError& e) {
     return {99, "", errorLine(tool, 99, std::string("simulation database: ") + e.what())};

@@ -9,10 +9,15 @@ namespace qzsim {
 struct RunResult {
   int status = 0;
   std::string out, err;
+  // A hanging fault: after printing, the run waits until it is killed.
+  bool hang = false;
 };
 
-// Runs a tool as a host: applies pending device deletions, fault injection,
-// the tool itself, refreshes the host's device folders and logs the run.
+// The status "qzsim log" keeps for a run that hung.
+constexpr int kHungStatus = -1;
+
+// Runs a tool as a host: fault injection, the tool itself, the host's device
+// nodes refreshed, and the run logged; all in one transaction.
 RunResult runTool(const std::string& root, const std::string& host, const std::string& tool,
                   const std::vector<std::string>& args);
 

@@ -4,7 +4,9 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -31,6 +33,7 @@ namespace {
 struct NsState {
   bool entered = false;
   std::vector<std::string> hostMounts;  // unmounted by leaveHost, last first
+  pid_t sysBlockServer = -1;            // serves the host's /sys/block
 };
 
 NsState& ns() {
@@ -105,8 +108,10 @@ bool isDir(const std::string& p) {
 }
 
 // Overlays dir with layer on top, keeping the mounts below dir in place.
+// With a writable folder (and its overlay work folder, on the same file
+// system) changes land there; without, the overlay is read-only.
 bool overlay(const std::string& dir, const std::string& layer, const std::string& stash,
-             std::string* error) {
+             std::string* error, const std::string& writable = "") {
   auto subs = submounts(dir);
   std::vector<std::string> stashed;
   for (size_t i = 0; i < subs.size(); ++i) {
@@ -120,6 +125,11 @@ bool overlay(const std::string& dir, const std::string& layer, const std::string
     stashed.push_back(s);
   }
   std::string opts = "lowerdir=" + layer + ":" + dir;
+  if (!writable.empty()) {
+    makeDirs(writable + "/upper");
+    makeDirs(writable + "/work");
+    opts += ",upperdir=" + writable + "/upper,workdir=" + writable + "/work";
+  }
   if (mount("overlay", dir.c_str(), "overlay", 0, opts.c_str()) != 0)
     return sysFail(error, "overlay on " + dir + " (is overlayfs available?)");
   for (size_t i = 0; i < subs.size(); ++i)
@@ -230,8 +240,7 @@ bool syncFiles(const std::string& root, const std::string& host, std::string* er
     Db db(dbPath(root));
     db.begin();
     Sim s(db, root, host);
-    s.applyDeletes();
-    s.syncHostFiles();
+    s.sync(true);
     db.commit();
     return true;
   } catch (const ToolError& e) {
@@ -240,6 +249,78 @@ bool syncFiles(const std::string& root, const std::string& host, std::string* er
     *error = e.what();
   }
   return false;
+}
+
+std::string folderOf(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash);
+}
+
+// Starts qzsim-sysblock (beside binary) serving host's /sys/block in this
+// namespace, and waits until it has mounted.
+bool startSysBlock(const std::string& root, const std::string& host, const std::string& binary,
+                   std::string* error) {
+  std::string server = folderOf(binary) + "/qzsim-sysblock";
+  int ready[2];
+  if (pipe2(ready, O_CLOEXEC) != 0)
+    return sysFail(error, "pipe");
+  pid_t parent = getpid();
+  pid_t pid = fork();
+  if (pid < 0)
+    return sysFail(error, "fork");
+  if (pid == 0) {
+    // The server dies with whoever started it; it holds no other file.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent)
+      _exit(1);
+    int null = open("/dev/null", O_RDWR);
+    for (int fd = 0; fd < 3; ++fd) dup2(null, fd);
+    fcntl(ready[1], F_SETFD, 0);
+    for (int fd = 3; fd < 1024; ++fd)
+      if (fd != ready[1])
+        close(fd);
+    std::string fd = std::to_string(ready[1]);
+    execl(server.c_str(), "qzsim-sysblock", root.c_str(), host.c_str(), "/sys/block", fd.c_str(),
+          static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(ready[1]);
+  std::string answer;
+  char buf[256];
+  ssize_t n;
+  while ((n = read(ready[0], buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR))
+    if (n > 0)
+      answer.append(buf, static_cast<size_t>(n));
+  close(ready[0]);
+  if (answer != "ok\n") {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    *error = "simulated /sys/block: " + (answer.empty() ? "cannot run " + server : trim(answer));
+    return false;
+  }
+  ns().sysBlockServer = pid;
+  return true;
+}
+
+void stopSysBlock() {
+  pid_t& pid = ns().sysBlockServer;
+  if (pid <= 0)
+    return;
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+  pid = -1;
+}
+
+// The links to the host's OS disk nodes go with the host.
+void removeDiskLinks() {
+  const std::string prefix = std::string(kSandboxOsDir).substr(5) + "/";
+  char buf[PATH_MAX];
+  for (const std::string& name : listDir("/dev")) {
+    std::string path = "/dev/" + name;
+    ssize_t n = readlink(path.c_str(), buf, sizeof buf - 1);
+    if (n > 0 && startsWith(std::string(buf, static_cast<size_t>(n)), prefix))
+      unlink(path.c_str());
+  }
 }
 
 }  // namespace
@@ -259,13 +340,16 @@ bool enterNamespace(std::string* error) {
   }
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
     return sysFail(error, "make mounts private");
-  // /dev/qz must exist to be bound per host; an overlay adds it without
-  // touching the machine's /dev.
+  // /dev/qz and the folder of OS disk nodes must exist to be bound per
+  // host, and /dev/sdX come and go with the host: a writable overlay whose
+  // changes stay in a scratch file system of this namespace adds them
+  // without touching the machine's /dev.
   Scratch scratch;
   if (!scratch.open(error))
     return false;
   makeDirs(scratch.dir + "/devlayer/qz");
-  if (!overlay("/dev", scratch.dir + "/devlayer", scratch.dir, error))
+  makeDirs(scratch.dir + "/devlayer" + std::string(kSandboxOsDir).substr(4));
+  if (!overlay("/dev", scratch.dir + "/devlayer", scratch.dir, error, scratch.dir + "/devrw"))
     return false;
   ns().entered = true;
   return true;
@@ -289,11 +373,14 @@ bool actAsHost(const std::string& root, const std::string& host, std::string* er
     *error = e.what();
     return false;
   }
-  if (!syncFiles(root, host, error))
-    return false;
   std::string dir = hostDir(root, host);
-  if (!mountTools(h, binary, error) || !bindHostFolder(dir + "/dev_qz", "/dev/qz", error) ||
-      !bindHostFolder(dir + "/sys_block", "/sys/block", error))
+  if (!mountTools(h, binary, error) || !bindHostFolder(devQzDir(root, host), "/dev/qz", error) ||
+      !bindHostFolder(devOsDir(root, host), kSandboxOsDir, error) ||
+      !startSysBlock(root, host, binary, error))
+    return false;
+  ns().hostMounts.push_back("/sys/block");
+  // Now that the sandbox shows the host, the sync also links /dev/sdX.
+  if (!syncFiles(root, host, error))
     return false;
   makeDirs(dir + "/qzfi_config");
   makeDirs(dir + "/qzfi_log");
@@ -305,9 +392,12 @@ bool actAsHost(const std::string& root, const std::string& host, std::string* er
 }
 
 void leaveHost() {
+  if (ns().entered)
+    removeDiskLinks();
   auto& mounts = ns().hostMounts;
   for (auto it = mounts.rbegin(); it != mounts.rend(); ++it) umount2(it->c_str(), MNT_DETACH);
   mounts.clear();
+  stopSysBlock();
 }
 
 namespace {

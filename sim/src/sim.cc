@@ -1,8 +1,11 @@
 #include "sim.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <climits>
 
 #include <algorithm>
 #include <cstdio>
@@ -57,6 +60,12 @@ ErrInfo errInfo(Err kind) {
       return {1, 306};
     case kNoPath:
       return {11, 401};
+    case kBadName:
+      return {1, 8};
+    case kGroupDisabled:
+      return {13, 205};
+    case kBadRecord:
+      return {16, 307};
   }
   return {1, 1};
 }
@@ -64,7 +73,7 @@ ErrInfo errInfo(Err kind) {
 const char* kDiskCols =
     "id, lun, enclosure, encl_index, size, image, ptype, pformat, privslice, pubslice, "
     "privoffset, privlen, puboffset, publen, configlen, loglen, nconfig, nlog, diskid, dmname, "
-    "dgname, dgid, hostlock, seqno, config";
+    "dgname, dgid, hostlock, seqno, config, udid, copy_of";
 
 Disk diskFromRow(const Row& r) {
   Disk d;
@@ -86,6 +95,8 @@ Disk diskFromRow(const Row& r) {
   d.hostlock = r[22].s;
   d.seqno = r[23].i;
   d.config = r[24].s;
+  d.udid = r[25].s;
+  d.copyOf = r[26].i;
   return d;
 }
 
@@ -96,11 +107,24 @@ void fail(Err kind, const std::string& text) {
   throw ToolError{e.status, e.code, text};
 }
 
+const std::string& requireName(const std::string& kind, const std::string& name) {
+  std::string problem = nameProblem(name);
+  if (!problem.empty())
+    fail(kBadName, kind + " name '" + name + "' " + problem + ".");
+  return name;
+}
+
 std::string dbPath(const std::string& root) {
   return root + "/qzsim.db";
 }
 std::string hostDir(const std::string& root, const std::string& host) {
   return root + "/hosts/" + host;
+}
+std::string devQzDir(const std::string& root, const std::string& host) {
+  return hostDir(root, host) + "/dev_qz";
+}
+std::string devOsDir(const std::string& root, const std::string& host) {
+  return hostDir(root, host) + "/dev_os";
 }
 
 Sim::Sim(Db& d, const std::string& r, const std::string& h) : db(d), root(r) {
@@ -109,7 +133,8 @@ Sim::Sim(Db& d, const std::string& r, const std::string& h) : db(d), root(r) {
 
 Host Sim::loadHost(Db& db, const std::string& name) {
   auto rows = db.query(
-      "SELECT name, installed, version, dmp, vset, cds, hide_scans FROM hosts WHERE name=?",
+      "SELECT name, installed, version, dmp, vset, cds, hide_scans, synced_gen FROM hosts "
+      "WHERE name=?",
       {name});
   if (rows.empty())
     throw ToolError{2, 2, "host " + name + " is not part of the simulation"};
@@ -121,6 +146,7 @@ Host Sim::loadHost(Db& db, const std::string& name) {
   h.vset = rows[0][4].i != 0;
   h.cds = rows[0][5].i != 0;
   h.hideScans = rows[0][6].i;
+  h.syncedGen = rows[0][7].i;
   return h;
 }
 
@@ -135,10 +161,10 @@ void Sim::saveDisk(Db& db, const Disk& d) {
   db.exec(
       "UPDATE disks SET ptype=?, pformat=?, privslice=?, pubslice=?, privoffset=?, privlen=?, "
       "puboffset=?, publen=?, configlen=?, loglen=?, nconfig=?, nlog=?, diskid=?, dmname=?, "
-      "dgname=?, dgid=?, hostlock=?, seqno=?, config=? WHERE id=?",
+      "dgname=?, dgid=?, hostlock=?, seqno=?, config=?, udid=? WHERE id=?",
       {d.ptype,  d.pformat,   d.privslice, d.pubslice, d.privoffset, d.privlen, d.puboffset,
        d.publen, d.configlen, d.loglen,    d.nconfig,  d.nlog,       d.diskid,  d.dmname,
-       d.dgname, d.dgid,      d.hostlock,  d.seqno,    d.config,     d.id});
+       d.dgname, d.dgid,      d.hostlock,  d.seqno,    d.config,     d.udid,    d.id});
 }
 
 std::vector<OsPath> Sim::paths(int64_t disk) {
@@ -166,20 +192,24 @@ std::string Sim::dmpPath(const Disk& d) {
 }
 
 std::vector<Disk> Sim::viewDisks() {
-  std::vector<Disk> out;
+  std::vector<std::pair<std::string, Disk>> named;
   for (const auto& r : db.query(std::string("SELECT ") + kDiskCols +
                                     " FROM disks WHERE id IN (SELECT disk FROM hostdisks "
                                     "WHERE host=? AND inview=1)",
                                 {host.name})) {
-    out.push_back(diskFromRow(r));
+    Disk d = diskFromRow(r);
+    named.emplace_back(daName(d), d);
   }
-  std::sort(out.begin(), out.end(),
-            [this](const Disk& a, const Disk& b) { return daName(a) < daName(b); });
+  std::sort(named.begin(), named.end(),
+            [](const auto& a, const auto& b) { return a.first < b.first; });
+  std::vector<Disk> out;
+  for (auto& n : named) out.push_back(std::move(n.second));
   return out;
 }
 
 int64_t Sim::findDisk(const std::string& rawName, bool requireView) {
   std::string name = startsWith(rawName, "/dev/") ? rawName.substr(5) : rawName;
+  requireName("Disk", name);
   std::string cond = requireView ? "inview=1" : "discovered=1";
   int64_t byOs = db.queryInt(
       "SELECT p.disk FROM paths p JOIN hostdisks h ON h.host=p.host AND h.disk=p.disk "
@@ -222,34 +252,38 @@ std::vector<std::pair<std::string, std::string>> Sim::imports() {
   return out;
 }
 
-bool Sim::loadGroupById(const std::string& dgid, Group* g) {
-  Disk best;
-  std::vector<Disk> carriers;
-  for (const Disk& d : viewDisks()) {
-    if (d.dgid != dgid || d.config.empty())
-      continue;
-    carriers.push_back(d);
-    if (best.id == 0 || d.seqno > best.seqno)
-      best = d;
+bool Sim::loadImported(const std::string& dgid, Group* g) {
+  auto rows = db.query("SELECT config, disabled, shared FROM imports WHERE host=? AND dgid=?",
+                       {host.name, dgid});
+  if (rows.empty())
+    return false;
+  // A run reads the same configuration several times; it is parsed once.
+  auto parsed = parsedConfigs_.find(rows[0][0].s);
+  if (parsed == parsedConfigs_.end()) {
+    GroupConfig cfg;
+    std::string error;
+    if (!configFromDump(rows[0][0].s, &cfg, &error))
+      return false;
+    parsed = parsedConfigs_.emplace(rows[0][0].s, cfg).first;
   }
-  if (best.id == 0)
-    return false;
-  std::string error;
+  g->cfg = parsed->second;
   g->dgid = dgid;
+  g->disabled = rows[0][1].i != 0;
+  g->shared = rows[0][2].i != 0;
   g->dmDisk.clear();
-  if (!configFromDump(best.config, &g->cfg, &error))
-    return false;
-  for (const auto& dm : g->cfg.dms)
-    for (const Disk& d : carriers)
-      if (d.diskid == dm.diskid)
-        g->dmDisk[dm.name] = d.id;
+  for (const auto& r : db.query("SELECT m.dm, m.disk FROM members m JOIN hostdisks h ON "
+                                "h.host=m.host AND h.disk=m.disk AND h.inview=1 "
+                                "WHERE m.host=? AND m.dgid=?",
+                                {host.name, dgid}))
+    g->dmDisk[r[0].s] = r[1].i;
   return true;
 }
 
 bool Sim::findGroup(const std::string& name, Group* g) {
+  requireName("Disk group", name);
   std::string dgid =
       db.queryText("SELECT dgid FROM imports WHERE host=? AND dgname=?", {host.name, name}, "");
-  return !dgid.empty() && loadGroupById(dgid, g);
+  return !dgid.empty() && loadImported(dgid, g);
 }
 
 Sim::Group Sim::requireGroup(const std::string& name) {
@@ -257,6 +291,22 @@ Sim::Group Sim::requireGroup(const std::string& name) {
   if (!findGroup(name, &g))
     fail(kNoGroup, "Disk group " + name + ": not found");
   return g;
+}
+
+Sim::Group Sim::requireEnabledGroup(const std::string& name) {
+  Group g = requireGroup(name);
+  if (g.disabled)
+    fail(kGroupDisabled, "Disk group " + name +
+                             " is disabled; deport it and import it again once its disks "
+                             "are back");
+  return g;
+}
+
+void Sim::addImport(Group& g) {
+  db.exec("DELETE FROM members WHERE host=? AND dgid=?", {host.name, g.dgid});
+  db.exec("INSERT INTO imports(host, dgid, dgname, shared) VALUES(?,?,?,?)",
+          {host.name, g.dgid, g.cfg.dg.name, g.shared ? 1 : 0});
+  saveGroup(g);
 }
 
 DumpView Sim::dumpView(const Group& g) {
@@ -278,6 +328,18 @@ void Sim::saveGroup(Group& g) {
   g.cfg.dg.seqno++;
   DumpView view;  // the copy on disk holds no host-specific attributes
   std::string text = writeDump(g.cfg, view, DumpSelect());
+  std::vector<std::string> hosts = {host.name};
+  if (g.shared)
+    for (const auto& r : db.query("SELECT host FROM imports WHERE dgid=? AND shared=1 AND host<>?",
+                                  {g.dgid, host.name}))
+      hosts.push_back(r[0].s);
+  parsedConfigs_[text] = g.cfg;
+  for (const auto& h : hosts) {
+    db.exec("UPDATE imports SET config=? WHERE host=? AND dgid=?", {text, h, g.dgid});
+    for (const auto& dd : g.dmDisk)
+      db.exec("INSERT OR REPLACE INTO members(host, dgid, dm, disk) VALUES(?,?,?,?)",
+              {h, g.dgid, dd.first, dd.second});
+  }
   for (const auto& dm : g.cfg.dms) {
     auto it = g.dmDisk.find(dm.name);
     if (it == g.dmDisk.end())
@@ -294,11 +356,15 @@ void Sim::saveGroup(Group& g) {
 }
 
 std::string Sim::groupOfDisk(int64_t disk) {
-  Disk d = loadDisk(db, disk);
-  if (d.dgid.empty())
-    return "";
-  return db.queryText("SELECT dgname FROM imports WHERE host=? AND dgid=?", {host.name, d.dgid},
-                      "");
+  return db.queryText(
+      "SELECT i.dgname FROM members m JOIN imports i ON i.host=m.host AND i.dgid=m.dgid "
+      "WHERE m.host=? AND m.disk=?",
+      {host.name, disk}, "");
+}
+
+void Sim::setDisabled(const std::string& dgid) {
+  db.exec("UPDATE imports SET disabled=1 WHERE host=? AND dgid=?", {host.name, dgid});
+  db.exec("DELETE FROM started WHERE host=? AND dgid=?", {host.name, dgid});
 }
 
 bool Sim::isStarted(const std::string& dgid, const std::string& obj) {
@@ -333,68 +399,221 @@ std::string Sim::newId() {
   return std::to_string(1700000000 + n * 13) + "." + std::to_string(n) + "." + host.name;
 }
 
-void Sim::applyDeletes() {
-  std::string sys = hostDir(root, host.name) + "/sys_block";
-  for (const std::string& name : listDir(sys)) {
-    std::string text;
-    if (!readFile(sys + "/" + name + "/device/delete", &text) || trim(text) != "1")
-      continue;
-    int64_t disk =
-        db.queryInt("SELECT disk FROM paths WHERE host=? AND osname=?", {host.name, name}, 0);
-    db.exec("DELETE FROM paths WHERE host=? AND osname=?", {host.name, name});
-    if (disk && paths(disk).empty())
-      db.exec("DELETE FROM hostdisks WHERE host=? AND disk=?", {host.name, disk});
-    removeTree(sys + "/" + name);
-  }
+bool Sim::deleteOsPath(const std::string& osname) {
+  int64_t disk =
+      db.queryInt("SELECT disk FROM paths WHERE host=? AND osname=?", {host.name, osname}, 0);
+  if (!disk)
+    return false;
+  db.exec("DELETE FROM paths WHERE host=? AND osname=?", {host.name, osname});
+  if (paths(disk).empty())
+    db.exec("DELETE FROM hostdisks WHERE host=? AND disk=?", {host.name, disk});
+  return true;
+}
+
+namespace {
+
+// A device node the host should have: its key in the nodes table (stable
+// across renames and re-imports), its path below the host folder and the
+// mode it starts with.
+struct WantedNode {
+  std::string key, path;
+  mode_t mode;
+};
+
+struct NodeRow {
+  std::string path;
+  int64_t uid, gid, mode;
+};
+
+bool validNames(std::initializer_list<std::string> names) {
+  for (const auto& n : names)
+    if (!nameProblem(n).empty())
+      return false;
+  return true;
+}
+
+// "sdb", "sdaa", "sdb1": the machine's names of SCSI disks and partitions.
+bool isOsDiskName(const std::string& name) {
+  size_t i = 2;
+  if (!startsWith(name, "sd"))
+    return false;
+  while (i < name.size() && name[i] >= 'a' && name[i] <= 'z') ++i;
+  if (i == 2)
+    return false;
+  while (i < name.size() && name[i] >= '0' && name[i] <= '9') ++i;
+  return i == name.size();
+}
+
+bool sameFile(const std::string& a, const std::string& b) {
+  struct stat sa, sb;
+  return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
+         sa.st_ino == sb.st_ino;
+}
+
+}  // namespace
+
+void Sim::sync(bool changed) {
+  // Any change may concern any host: it starts a new generation, and a host
+  // whose files are of an older one syncs at its next run.
+  int64_t gen =
+      changed ? db.nextSeq("gen") : db.queryInt("SELECT value FROM seq WHERE name='gen'", {}, 0);
+  if (!changed && gen == host.syncedGen)
+    return;
+  syncHostFiles();
+  db.exec("UPDATE hosts SET synced_gen=? WHERE name=?", {gen, host.name});
+  host.syncedGen = gen;
 }
 
 void Sim::syncHostFiles() {
-  std::string dir = hostDir(root, host.name);
-  // /sys/block: one folder per OS path, with its delete control file.
-  std::set<std::string> osnames;
-  for (const auto& r : db.query("SELECT osname FROM paths WHERE host=?", {host.name}))
-    osnames.insert(r[0].s);
-  std::string sys = dir + "/sys_block";
-  for (const std::string& n : listDir(sys))
-    if (!osnames.count(n))
-      removeTree(sys + "/" + n);
-  for (const std::string& n : osnames) {
-    std::string del = sys + "/" + n + "/device/delete";
-    if (access(del.c_str(), F_OK) != 0) {
-      makeDirs(sys + "/" + n + "/device");
-      writeFile(del, "");
-    }
-  }
-  // /dev/qz/dsk and rdsk: one node per volume of each imported group.
-  std::map<std::string, std::set<std::string>> wanted;
+  std::vector<WantedNode> wanted;
   for (const auto& imp : imports()) {
     Group g;
-    if (!loadGroupById(imp.first, &g))
+    if (!loadImported(imp.first, &g))
       continue;
-    auto& vols = wanted[imp.second];
-    for (const auto& v : g.cfg.vols) vols.insert(v.name);
-  }
-  for (const char* kind : {"dsk", "rdsk"}) {
-    std::string base = dir + "/dev_qz/" + kind;
-    makeDirs(base);
-    for (const std::string& dg : listDir(base)) {
-      auto it = wanted.find(dg);
-      if (it == wanted.end()) {
-        removeTree(base + "/" + dg);
+    // A group whose disks all lost their paths has lost every configuration
+    // copy: it is disabled, and stays so until it is deported.
+    bool reachable = false;
+    for (const auto& dd : g.dmDisk)
+      for (const auto& p : paths(dd.second)) reachable = reachable || p.enabled;
+    if (!g.disabled && !reachable)
+      setDisabled(g.dgid);
+    std::vector<std::string> objs;
+    for (const auto& v : g.cfg.vols) objs.push_back(v.name);
+    for (const auto& v : g.cfg.vsets) objs.push_back(v.name);
+    for (const auto& obj : objs) {
+      if (!validNames({imp.second, obj}))
         continue;
-      }
-      for (const std::string& v : listDir(base + "/" + dg))
-        if (!it->second.count(v))
-          unlink((base + "/" + dg + "/" + v).c_str());
+      for (const char* kind : {"dsk", "rdsk"})
+        wanted.push_back({std::string(kind) + ":" + imp.first + ":" + obj,
+                          std::string("dev_qz/") + kind + "/" + imp.second + "/" + obj, 0600});
     }
-    for (const auto& dg : wanted) {
-      makeDirs(base + "/" + dg.first);
-      for (const std::string& v : dg.second) {
-        std::string node = base + "/" + dg.first + "/" + v;
-        if (access(node.c_str(), F_OK) != 0)
-          writeFile(node, "", 0600);
-      }
+  }
+  std::set<std::string> osnames;
+  for (const auto& r : db.query("SELECT osname FROM paths WHERE host=?", {host.name})) {
+    osnames.insert(r[0].s);
+    if (validNames({r[0].s}))
+      wanted.push_back({"os:" + r[0].s, "dev_os/" + r[0].s, 0660});
+  }
+  for (const auto& r :
+       db.query("SELECT id, enclosure, encl_index, pformat, privslice, pubslice FROM disks "
+                "WHERE id IN (SELECT disk FROM hostdisks WHERE host=? AND discovered=1)",
+                {host.name})) {
+    Disk d;  // what the node names need
+    d.id = r[0].i;
+    d.enclosure = r[1].s;
+    d.enclIndex = r[2].i;
+    d.pformat = r[3].s;
+    d.privslice = r[4].i;
+    d.pubslice = r[5].i;
+    std::string da = daName(d);
+    std::vector<std::string> names = {da};
+    for (int64_t slice : {d.pubslice, d.privslice})
+      if (d.initialized() && slice != 9999 && names.back() != da + "s" + std::to_string(slice))
+        names.push_back(da + "s" + std::to_string(slice));
+    for (const auto& n : names) {
+      if (!validNames({n}))
+        continue;
+      for (const char* kind : {"dmp", "rdmp"})
+        wanted.push_back(
+            {std::string(kind) + ":" + n, std::string("dev_qz/") + kind + "/" + n, 0660});
     }
+  }
+
+  std::string dir = hostDir(root, host.name);
+  std::map<std::string, NodeRow> rows;
+  for (const auto& r :
+       db.query("SELECT key, path, uid, gid, mode FROM nodes WHERE host=?", {host.name}))
+    rows[r[0].s] = {r[1].s, r[2].i, r[3].i, r[4].i};
+  // Owners and modes changed on the nodes themselves (chown, chmod) are
+  // kept, so that a node made again later gets them back.
+  for (auto& row : rows) {
+    struct stat st;
+    if (lstat((dir + "/" + row.second.path).c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+      continue;
+    NodeRow now{row.second.path, st.st_uid, st.st_gid, st.st_mode & 07777};
+    if (now.uid != row.second.uid || now.gid != row.second.gid || now.mode != row.second.mode) {
+      db.exec("UPDATE nodes SET uid=?, gid=?, mode=? WHERE host=? AND key=?",
+              {now.uid, now.gid, now.mode, host.name, row.first});
+      row.second = now;
+    }
+  }
+
+  std::set<std::string> wantedPaths, wantedDirs;
+  for (const auto& w : wanted) {
+    wantedPaths.insert(w.path);
+    wantedDirs.insert(w.path.substr(0, w.path.rfind('/')));
+  }
+  auto prune = [&](const std::string& rel) {
+    for (const std::string& n : listDir(dir + "/" + rel))
+      if (!wantedPaths.count(rel + "/" + n))
+        removeTree(dir + "/" + rel + "/" + n);
+  };
+  for (const char* kind : {"dsk", "rdsk"}) {
+    std::string base = std::string("dev_qz/") + kind;
+    makeDirs(dir + "/" + base);
+    for (const std::string& dg : listDir(dir + "/" + base)) {
+      if (!wantedDirs.count(base + "/" + dg))
+        removeTree(dir + "/" + base + "/" + dg);
+      else
+        prune(base + "/" + dg);
+    }
+  }
+  for (const char* rel : {"dev_qz/dmp", "dev_qz/rdmp", "dev_os"}) {
+    makeDirs(dir + "/" + rel);
+    prune(rel);
+  }
+  for (const auto& w : wanted) {
+    std::string path = dir + "/" + w.path;
+    if (access(path.c_str(), F_OK) == 0)
+      continue;
+    makeDirs(path.substr(0, path.rfind('/')));
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, w.mode);
+    if (fd < 0)
+      continue;
+    auto it = rows.find(w.key);
+    struct stat st;
+    fstat(fd, &st);
+    if (it != rows.end()) {
+      // An id that a user namespace cannot map keeps the creator's.
+      if (it->second.uid != st.st_uid || it->second.gid != st.st_gid)
+        (void)!fchown(fd, static_cast<uid_t>(it->second.uid), static_cast<gid_t>(it->second.gid));
+      fchmod(fd, static_cast<mode_t>(it->second.mode));
+    } else {
+      fchmod(fd, w.mode);
+    }
+    fstat(fd, &st);
+    close(fd);
+    db.exec("INSERT OR REPLACE INTO nodes(host, key, path, uid, gid, mode) VALUES(?,?,?,?,?,?)",
+            {host.name, w.key, w.path, static_cast<int64_t>(st.st_uid),
+             static_cast<int64_t>(st.st_gid), static_cast<int64_t>(st.st_mode & 07777)});
+  }
+  syncSandboxDisks(osnames);
+}
+
+// Inside a sandbox that shows this host, /dev/sdX are links into the host's
+// OS disk nodes. Never anywhere else: the machine's /dev is not ours.
+void Sim::syncSandboxDisks(const std::set<std::string>& osnames) {
+  if (!sameFile(kSandboxOsDir, devOsDir(root, host.name)))
+    return;
+  const std::string link = std::string(kSandboxOsDir).substr(5) + "/";  // ".qzsim-os/"
+  char buf[PATH_MAX];
+  for (const std::string& name : listDir("/dev")) {
+    if (!isOsDiskName(name))
+      continue;
+    std::string path = "/dev/" + name;
+    ssize_t n = readlink(path.c_str(), buf, sizeof buf - 1);
+    bool ours = n > 0 && std::string(buf, static_cast<size_t>(n)) == link + name;
+    if (ours && osnames.count(name))
+      continue;
+    // A stale link, or a node of the machine that this host's disk replaces.
+    if (ours || osnames.count(name))
+      unlink(path.c_str());
+  }
+  for (const std::string& name : osnames) {
+    std::string path = "/dev/" + name;
+    struct stat st;
+    if (validNames({name}) && lstat(path.c_str(), &st) != 0)
+      symlink((link + name).c_str(), path.c_str());
   }
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -39,13 +40,21 @@ enum Err {
   kVolCannotStart,
   kUsageType,
   kNoPath,
+  kBadName,
+  kGroupDisabled,
+  kBadRecord,
 };
 [[noreturn]] void fail(Err kind, const std::string& text);
+
+// Refuses a name outside the volume manager's rules; kind starts the
+// sentence ("Disk group", "Volume", ...). Returns the name.
+const std::string& requireName(const std::string& kind, const std::string& name);
 
 struct Host {
   std::string name, version;
   bool installed = true, dmp = true, vset = true, cds = true;
   int64_t hideScans = 0;
+  int64_t syncedGen = 0;  // the change generation its device nodes reflect
 };
 
 struct Disk {
@@ -58,9 +67,15 @@ struct Disk {
   std::string diskid, dmname, dgname, dgid, hostlock;
   int64_t seqno = 0;
   std::string config;
+  // The unique device id of the LUN the private region was written on: an
+  // array copy carries its source's, which marks it as a clone.
+  std::string udid;
+  int64_t copyOf = 0;  // the LUN an array copy was made from
 
   std::string node() const { return enclosure + "_" + std::to_string(enclIndex); }
   bool initialized() const { return pformat != "none"; }
+  std::string ownUdid() const { return "QZARR%5F" + enclosure + "%5F" + lun; }
+  bool isClone() const { return initialized() && !udid.empty() && udid != ownUdid(); }
 };
 
 struct OsPath {
@@ -98,21 +113,31 @@ class Sim {
   bool inView(int64_t disk);
   void setView(int64_t disk, bool discovered, bool inview);
 
-  // Disk groups imported on this host.
+  // Disk groups imported on this host. The host keeps the configuration it
+  // imported (and changed since) and which disk holds each disk medium; a
+  // disk that carries the same identity, such as an array copy, never
+  // becomes part of the group by showing up.
   struct Group {
     std::string dgid;
     GroupConfig cfg;
     std::map<std::string, int64_t> dmDisk;  // dm name -> disk, when present
+    bool shared = false, disabled = false;
   };
   std::vector<std::pair<std::string, std::string>> imports();  // (dgid, name)
   bool findGroup(const std::string& name, Group* g);
   Group requireGroup(const std::string& name);
-  // Reads a group's newest configuration copy from the disks that carry it.
-  bool loadGroupById(const std::string& dgid, Group* g);
-  // Writes the configuration to the private region of every disk of the group.
+  // requireGroup for changes and volume starts: a disabled group refuses them.
+  Group requireEnabledGroup(const std::string& name);
+  bool loadImported(const std::string& dgid, Group* g);
+  // Records a new import of g under its configuration's name.
+  void addImport(Group& g);
+  // Writes the configuration to this host's import (and every other host's
+  // that shares the group) and to the private region of every present disk.
   void saveGroup(Group& g);
   std::string groupOfDisk(int64_t disk);  // imported group name holding it, or ""
   DumpView dumpView(const Group& g);
+  // A group whose disks all lost their paths is disabled until deported.
+  void setDisabled(const std::string& dgid);
 
   bool isStarted(const std::string& dgid, const std::string& obj);
   void setStarted(const std::string& dgid, const std::string& obj, bool on);
@@ -121,10 +146,27 @@ class Sim {
   std::string newGuid();
   std::string newId();  // disk and group ids
 
-  // Applies writes of "1" to the host's /sys/block/NAME/device/delete files.
-  void applyDeletes();
-  // Makes the host's /dev/qz and /sys/block folders match the model.
+  // Takes an OS path away from the host, as the kernel does when its SCSI
+  // device is deleted; false when the host has no such path.
+  bool deleteOsPath(const std::string& osname);
+  // After a run (changed: it changed the model), brings the host's device
+  // nodes up to date unless nothing changed anywhere since they last were.
+  void sync(bool changed);
+  // Makes the host's device nodes match the model: /dev/qz (volumes, volume
+  // sets, DMP nodes) and the OS disks, keeping each node's owner and mode,
+  // and disables groups that lost every disk.
   void syncHostFiles();
+
+ private:
+  void syncSandboxDisks(const std::set<std::string>& osnames);
+  std::map<std::string, GroupConfig> parsedConfigs_;  // by configuration text
 };
+
+// Per-host folders below the simulation root.
+std::string devQzDir(const std::string& root, const std::string& host);  // shown as /dev/qz
+std::string devOsDir(const std::string& root, const std::string& host);  // OS disk nodes
+// Where a sandbox shows the current host's OS disk nodes; /dev/sdX there are
+// links into it.
+constexpr const char* kSandboxOsDir = "/dev/.qzsim-os";
 
 }  // namespace qzsim

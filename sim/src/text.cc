@@ -78,6 +78,10 @@ bool splitKeyValue(const std::string& word, std::string* key, std::string* value
   return true;
 }
 
+namespace {
+constexpr uint64_t kMaxValue = 9223372036854775807ull;  // INT64_MAX
+}  // namespace
+
 bool parseUint(const std::string& text, uint64_t* value) {
   if (text.empty() || text.size() > 19)
     return false;
@@ -87,6 +91,8 @@ bool parseUint(const std::string& text, uint64_t* value) {
       return false;
     v = v * 10 + static_cast<uint64_t>(c - '0');
   }
+  if (v > kMaxValue)
+    return false;
   *value = v;
   return true;
 }
@@ -120,10 +126,28 @@ bool parseLength(const std::string& text, uint64_t* sectors) {
     }
   }
   uint64_t v = 0;
-  if (!parseUint(digits, &v))
+  if (!parseUint(digits, &v) || v > kMaxValue / scale)
     return false;
   *sectors = v * scale;
   return true;
+}
+
+std::string nameProblem(const std::string& name) {
+  if (name.empty())
+    return "is empty";
+  if (name.size() > kMaxNameLength)
+    return "is longer than " + std::to_string(kMaxNameLength) + " characters";
+  if (name[0] == '-' || name[0] == '.')
+    return "begins with '" + name.substr(0, 1) + "'";
+  for (char c : name)
+    if (!((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+          c == '-' || c == '.'))
+      return "holds a character other than letters, digits, '_', '-' and '.'";
+  return "";
+}
+
+std::string squeezeBlanks(const std::string& text) {
+  return join(splitBlanks(text), " ");
 }
 
 std::string formatTable(const std::vector<std::vector<std::string>>& rows) {

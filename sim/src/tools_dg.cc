@@ -8,24 +8,35 @@ namespace qzsim {
 
 namespace {
 
+std::string stateOf(const Sim::Group& g) {
+  std::string state = g.disabled ? "disabled" : "enabled";
+  if (g.shared)
+    state += ",shared";
+  if (g.cfg.dg.cds)
+    state += ",cds";
+  return state;
+}
+
 void listGroups(Sim& s) {
   std::vector<std::vector<std::string>> rows = {{"NAME", "STATE", "ID"}};
   for (const auto& imp : s.imports()) {
     Sim::Group g;
-    std::string state = "enabled";
-    if (s.loadGroupById(imp.first, &g) && g.cfg.dg.cds)
-      state += ",cds";
-    rows.push_back({imp.second, state, imp.first});
+    rows.push_back(
+        {imp.second, s.loadImported(imp.first, &g) ? stateOf(g) : "disabled", imp.first});
   }
   s.out += formatTable(rows);
 }
 
 void showGroup(Sim& s, const std::string& name) {
   Sim::Group g = s.requireGroup(name);
+  std::vector<std::string> flags;
+  for (const auto& f : splitChar(stateOf(g), ','))
+    if (f != "enabled")
+      flags.push_back(f);
   std::string& o = s.out;
   o += keyLine("Group", g.cfg.dg.name);
   o += keyLine("dgid", g.dgid);
-  o += keyLine("flags", g.cfg.dg.cds ? "cds" : "-");
+  o += keyLine("flags", flags.empty() ? "-" : join(flags, " "));
   o += keyLine("copies", "nconfig=default nlog=default");
   o += keyLine("config", "seqno=0." + std::to_string(g.cfg.dg.seqno));
   for (const auto& dm : g.cfg.dms) {
@@ -42,6 +53,7 @@ void parseDiskArg(const std::string& word, std::string* dm, std::string* da) {
     *dm = *da = word;
   if (dm->empty() || da->empty())
     fail(kUsage, "invalid disk argument " + word);
+  requireName("Disk media", *dm);
 }
 
 void addDiskToGroup(Sim& s, Sim::Group& g, const std::string& word) {
@@ -54,7 +66,7 @@ void addDiskToGroup(Sim& s, Sim::Group& g, const std::string& word) {
   if (!d.dgid.empty()) {
     std::string other = s.groupOfDisk(id);
     fail(kDiskInUse, "Disk " + da + " belongs to disk group " +
-                         (other.empty() ? d.dgname + " (deported)" : other));
+                         (other.empty() ? d.dgname + " (not imported here)" : other));
   }
   if (g.cfg.hasName(dm))
     fail(kObjectExists, "Disk media name " + dm + " is already in use");
@@ -65,15 +77,16 @@ void addDiskToGroup(Sim& s, Sim::Group& g, const std::string& word) {
   g.dmDisk[dm] = id;
 }
 
-void initGroup(Sim& s, const std::vector<std::string>& words) {
+void initGroup(Sim& s, const std::vector<std::string>& words, bool shared) {
   if (words.size() < 3)
-    fail(kUsage, "Usage: qzdg init DG [dm=]disk ... [cds=on|off]");
-  const std::string& name = words[1];
+    fail(kUsage, "Usage: qzdg [-s] init DG [dm=]disk ... [cds=on|off]");
+  const std::string& name = requireName("Disk group", words[1]);
   Sim::Group g;
   if (s.findGroup(name, &g))
     fail(kGroupExists, "Disk group " + name + " exists and is imported");
   g = Sim::Group();
   g.cfg.dg.name = name;
+  g.shared = shared;
   std::vector<std::string> disks;
   std::string cds;
   for (size_t i = 2; i < words.size(); ++i) {
@@ -99,17 +112,26 @@ void initGroup(Sim& s, const std::vector<std::string>& words) {
   g.cfg.dg.dgid = g.dgid;
   g.cfg.dg.guid = s.newGuid();
   for (const auto& w : disks) addDiskToGroup(s, g, w);
-  s.db.exec("INSERT INTO imports(host, dgid, dgname) VALUES(?,?,?)", {s.host.name, g.dgid, name});
-  s.saveGroup(g);
+  s.addImport(g);
 }
 
 struct ImportArgs {
   std::string target, newName;
-  bool clearLocks = false;
+  bool clearLocks = false, shared = false;
 };
 
+// "1700000039.3.A": time, sequence and host, as group and disk ids read.
+bool isIdShaped(const std::string& text) {
+  auto parts = splitChar(text, '.');
+  uint64_t n = 0;
+  return parts.size() >= 3 && parseUint(parts[0], &n) && parseUint(parts[1], &n) &&
+         !parts[2].empty();
+}
+
 // The id of the only group on visible disks that has this id or name.
-std::string findDeportedGroup(Sim& s, const std::string& target) {
+std::string findGroupId(Sim& s, const std::string& target) {
+  if (!isIdShaped(target))
+    requireName("Disk group", target);
   std::set<std::string> byName;
   for (const Disk& d : s.viewDisks()) {
     if (d.dgid.empty())
@@ -128,36 +150,107 @@ std::string findDeportedGroup(Sim& s, const std::string& target) {
   return *byName.begin();
 }
 
-void checkLocks(Sim& s, const Sim::Group& g, const ImportArgs& ia) {
+// Visible disks that carry the group and belong to no group imported here.
+std::vector<Disk> freeCarriers(Sim& s, const std::string& dgid) {
+  std::vector<Disk> out;
+  for (const Disk& d : s.viewDisks())
+    if (d.dgid == dgid && s.groupOfDisk(d.id).empty())
+      out.push_back(d);
+  return out;
+}
+
+// The disk that holds a disk medium: the disk with its identity, and a clone
+// of it only when the original is not there.
+const Disk* diskFor(const std::string& target, const DmRec& dm, const std::vector<Disk>& carriers) {
+  std::vector<const Disk*> originals, clones;
+  for (const Disk& d : carriers)
+    if (d.diskid == dm.diskid)
+      (d.isClone() ? clones : originals).push_back(&d);
+  const auto& pick = originals.empty() ? clones : originals;
+  if (pick.size() > 1)
+    fail(kImportNoDisks, "Disk group " + target + ": import failed: disks " + pick[0]->lun +
+                             " and " + pick[1]->lun + " both carry disk media " + dm.name +
+                             "; take one of them out of view (qzdisk rm) and import again");
+  return pick.empty() ? nullptr : pick[0];
+}
+
+Sim::Group groupOnDisks(const std::string& target, const std::string& dgid,
+                        const std::vector<Disk>& carriers) {
+  const Disk* newest = nullptr;
+  for (const Disk& d : carriers)
+    if (!d.config.empty() && (!newest || d.seqno > newest->seqno))
+      newest = &d;
+  Sim::Group g;
+  std::string error;
+  if (!newest || !configFromDump(newest->config, &g.cfg, &error))
+    fail(kImportNoDisks,
+         "Disk group " + target + ": import failed: No valid configuration copy found");
+  g.dgid = dgid;
   for (const auto& dm : g.cfg.dms) {
-    auto it = g.dmDisk.find(dm.name);
-    if (it == g.dmDisk.end())
+    const Disk* d = diskFor(target, dm, carriers);
+    if (!d)
       fail(kImportNoDisks,
-           "Disk group " + ia.target + ": import failed: Disk for media " + dm.name + " not found");
-    Disk d = Sim::loadDisk(s.db, it->second);
-    if (!d.hostlock.empty() && d.hostlock != s.host.name && !ia.clearLocks)
+           "Disk group " + target + ": import failed: Disk for media " + dm.name + " not found");
+    g.dmDisk[dm.name] = d->id;
+  }
+  return g;
+}
+
+bool importedShared(Sim& s, const std::string& host, const std::string& dgid) {
+  return s.db.queryInt("SELECT count(*) FROM imports WHERE host=? AND dgid=? AND shared=1",
+                       {host, dgid}, 0) > 0;
+}
+
+void checkLocks(Sim& s, const Sim::Group& g, const ImportArgs& ia) {
+  for (const auto& dd : g.dmDisk) {
+    Disk d = Sim::loadDisk(s.db, dd.second);
+    bool sharing = ia.shared && importedShared(s, d.hostlock, g.dgid);
+    if (!d.hostlock.empty() && d.hostlock != s.host.name && !ia.clearLocks && !sharing)
       fail(kImportLocked, "Disk group " + ia.target + ": import failed: Disk " + s.daName(d) +
                               " is in use by another host (" + d.hostlock + ")");
   }
 }
 
+// Clones imported beside their source get their own group and disk ids, so
+// that no two disks of this host carry one identity.
+void giveNewIdentity(Sim& s, Sim::Group& g) {
+  g.dgid = s.newId();
+  g.cfg.dg.dgid = g.dgid;
+  for (auto& dm : g.cfg.dms) {
+    Disk d = Sim::loadDisk(s.db, g.dmDisk.at(dm.name));
+    dm.diskid = d.diskid = s.newId();
+    d.udid = d.ownUdid();
+    Sim::saveDisk(s.db, d);
+  }
+}
+
 void importGroup(Sim& s, const ImportArgs& ia) {
-  std::string dgid = findDeportedGroup(s, ia.target);
-  if (s.db.queryInt("SELECT count(*) FROM imports WHERE host=? AND dgid=?", {s.host.name, dgid}, 0))
+  if (!ia.newName.empty())
+    requireName("Disk group", ia.newName);
+  std::string dgid = findGroupId(s, ia.target);
+  bool importedHere =
+      s.db.queryInt("SELECT count(*) FROM imports WHERE host=? AND dgid=?", {s.host.name, dgid}, 0);
+  std::vector<Disk> carriers = freeCarriers(s, dgid);
+  if (importedHere && carriers.empty())
     fail(kGroupExists,
          "Disk group " + ia.target + ": import failed: Disk group is already imported");
-  Sim::Group g;
-  if (!s.loadGroupById(dgid, &g))
-    fail(kImportNoDisks,
-         "Disk group " + ia.target + ": import failed: No valid configuration copy found");
-  checkLocks(s, g, ia);
+  if (importedHere && (!ia.clearLocks || ia.newName.empty()))
+    fail(kGroupExists, "Disk group " + ia.target +
+                           ": import failed: Disk group is already imported and the other disks "
+                           "that carry it are clones; import them as a new disk group with -C "
+                           "-n NEWNAME");
+  Sim::Group g = groupOnDisks(ia.target, dgid, carriers);
+  if (!importedHere)
+    checkLocks(s, g, ia);
   std::string name = ia.newName.empty() ? g.cfg.dg.name : ia.newName;
   Sim::Group other;
   if (s.findGroup(name, &other))
     fail(kGroupExists, "Disk group " + name + " exists and is imported");
   g.cfg.dg.name = name;
-  s.db.exec("INSERT INTO imports(host, dgid, dgname) VALUES(?,?,?)", {s.host.name, dgid, name});
-  s.saveGroup(g);
+  g.shared = ia.shared;
+  if (importedHere)
+    giveNewIdentity(s, g);
+  s.addImport(g);
 }
 
 void checkNotBusy(Sim& s, const Sim::Group& g, const std::string& op) {
@@ -168,26 +261,43 @@ void checkNotBusy(Sim& s, const Sim::Group& g, const std::string& op) {
 }
 
 void forgetImport(Sim& s, const Sim::Group& g) {
-  for (const char* table : {"imports", "started", "holds"})
+  for (const char* table : {"imports", "members", "started", "holds"})
     s.db.exec(std::string("DELETE FROM ") + table + " WHERE host=? AND dgid=?",
               {s.host.name, g.dgid});
+}
+
+// Another host that has the group imported shared, or "".
+std::string otherSharer(Sim& s, const Sim::Group& g) {
+  if (!g.shared)
+    return "";
+  return s.db.queryText(
+      "SELECT host FROM imports WHERE dgid=? AND shared=1 AND host<>? ORDER BY host",
+      {g.dgid, s.host.name}, "");
 }
 
 void deportGroup(Sim& s, const std::string& name) {
   Sim::Group g = s.requireGroup(name);
   checkNotBusy(s, g, "deport");
-  s.saveGroup(g);
-  for (const auto& dd : g.dmDisk) {
-    Disk d = Sim::loadDisk(s.db, dd.second);
-    d.hostlock.clear();
-    Sim::saveDisk(s.db, d);
+  // A disabled group has lost its disks: nothing is written to them.
+  if (!g.disabled) {
+    s.saveGroup(g);
+    std::string lock = otherSharer(s, g);
+    for (const auto& dd : g.dmDisk) {
+      Disk d = Sim::loadDisk(s.db, dd.second);
+      d.hostlock = lock;
+      Sim::saveDisk(s.db, d);
+    }
   }
   forgetImport(s, g);
 }
 
 void destroyGroup(Sim& s, const std::string& name) {
-  Sim::Group g = s.requireGroup(name);
+  Sim::Group g = s.requireEnabledGroup(name);
   checkNotBusy(s, g, "destroy");
+  std::string sharer = otherSharer(s, g);
+  if (!sharer.empty())
+    fail(kDiskInUse, "Disk group " + name + ": destroy failed: the group is imported on host " +
+                         sharer + " too; deport it there first");
   for (const auto& dd : g.dmDisk) {
     Disk d = Sim::loadDisk(s.db, dd.second);
     d.dgid.clear();
@@ -222,22 +332,22 @@ void toolQzdg(Sim& s, const Args& a) {
     return listGroups(s);
   }
   if (cmd == "init")
-    return initGroup(s, o.words);
+    return initGroup(s, o.words, o.has('s'));
   if (cmd == "adddisk") {
     if (!o.has('g') || o.words.size() < 2)
       fail(kUsage, "Usage: qzdg -g DG adddisk [dm=]disk ...");
-    Sim::Group g = s.requireGroup(o.get('g'));
+    Sim::Group g = s.requireEnabledGroup(o.get('g'));
     for (size_t i = 1; i < o.words.size(); ++i) addDiskToGroup(s, g, o.words[i]);
     return s.saveGroup(g);
   }
   if (cmd == "import")
-    return importGroup(s, {oneGroupArg(o, cmd), o.get('n'), o.has('C')});
+    return importGroup(s, {oneGroupArg(o, cmd), o.get('n'), o.has('C'), o.has('s')});
   if (cmd == "deport")
     return deportGroup(s, oneGroupArg(o, cmd));
   if (cmd == "destroy")
     return destroyGroup(s, oneGroupArg(o, cmd));
   if (cmd == "flush") {
-    Sim::Group g = s.requireGroup(oneGroupArg(o, cmd));
+    Sim::Group g = s.requireEnabledGroup(oneGroupArg(o, cmd));
     return s.saveGroup(g);
   }
   fail(kUsage, "unknown operation " + cmd);

@@ -9,18 +9,24 @@ namespace qzsim {
 
 namespace {
 
+constexpr int64_t kMaxCopies = 32;
+constexpr int64_t kMaxSlice = 15;
+constexpr int64_t kNoSlice = 9999;
+
 const std::set<std::string> kGeometryKeys = {"type",      "format", "privoffset", "privlen",
                                              "puboffset", "publen", "configlen",  "loglen",
                                              "nconfig",   "nlog",   "privslice",  "pubslice"};
 
+// A geometry attribute: a whole number from 0 to max, or the fallback.
 int64_t geometryValue(const std::map<std::string, std::string>& attrs, const std::string& key,
-                      int64_t fallback) {
+                      int64_t fallback, int64_t max) {
   auto it = attrs.find(key);
   if (it == attrs.end())
     return fallback;
   uint64_t v = 0;
-  if (!parseUint(it->second, &v))
-    fail(kBadGeometry, "invalid value for " + key + ": " + it->second);
+  if (!parseUint(it->second, &v) || v > static_cast<uint64_t>(max))
+    fail(kBadGeometry, key + "=" + it->second + " is out of range: " + key +
+                           " takes a whole number from 0 to " + std::to_string(max) + ".");
   return static_cast<int64_t>(v);
 }
 
@@ -55,18 +61,21 @@ void applyGeometry(Disk& d, const std::map<std::string, std::string>& attrs) {
     fail(kUsage, "unknown disk type " + d.ptype);
   d.pformat = formatFor(d.ptype, attrs);
   bool nopriv = d.ptype == "nopriv";
-  d.privoffset = geometryValue(attrs, "privoffset", nopriv ? 0 : 256);
-  d.privlen = geometryValue(attrs, "privlen", nopriv ? 0 : 65536);
-  d.puboffset = geometryValue(attrs, "puboffset", d.privoffset + d.privlen);
-  d.publen = geometryValue(attrs, "publen", d.size - d.puboffset);
-  d.configlen = geometryValue(attrs, "configlen", nopriv ? 0 : 48144);
-  d.loglen = geometryValue(attrs, "loglen", nopriv ? 0 : 7296);
-  d.nconfig = geometryValue(attrs, "nconfig", nopriv ? 0 : 1);
-  d.nlog = geometryValue(attrs, "nlog", nopriv ? 0 : 1);
+  // Offsets and lengths are sectors of this disk; every value is bounded so
+  // that no sum or product below can overflow.
+  const int64_t size = d.size;
+  d.privoffset = geometryValue(attrs, "privoffset", nopriv ? 0 : 256, size);
+  d.privlen = geometryValue(attrs, "privlen", nopriv ? 0 : 65536, size);
+  d.puboffset = geometryValue(attrs, "puboffset", d.privoffset + d.privlen, size);
+  d.publen = geometryValue(attrs, "publen", d.size - d.puboffset, size);
+  d.configlen = geometryValue(attrs, "configlen", nopriv ? 0 : 48144, size);
+  d.loglen = geometryValue(attrs, "loglen", nopriv ? 0 : 7296, size);
+  d.nconfig = geometryValue(attrs, "nconfig", nopriv ? 0 : 1, kMaxCopies);
+  d.nlog = geometryValue(attrs, "nlog", nopriv ? 0 : 1, kMaxCopies);
   bool sliced = d.pformat == "sliced";
   bool cds = d.pformat == "cdsdisk";
-  d.privslice = geometryValue(attrs, "privslice", sliced ? 4 : cds ? 3 : 9999);
-  d.pubslice = geometryValue(attrs, "pubslice", sliced || cds ? 3 : 9999);
+  d.privslice = geometryValue(attrs, "privslice", sliced ? 4 : cds ? 3 : kNoSlice, kMaxSlice);
+  d.pubslice = geometryValue(attrs, "pubslice", sliced || cds ? 3 : kNoSlice, kMaxSlice);
   checkGeometry(d);
 }
 
@@ -75,7 +84,16 @@ std::string statusText(Sim& s, const Disk& d) {
   for (const auto& p : s.paths(d.id)) anyPath = anyPath || p.enabled;
   if (!anyPath)
     return "error";
-  return d.initialized() ? "online" : "online invalid";
+  if (!d.initialized())
+    return "online invalid";
+  return d.isClone() ? "online clone_disk" : "online";
+}
+
+bool importedShared(Sim& s, int64_t disk) {
+  return s.db.queryInt(
+             "SELECT count(*) FROM members m JOIN imports i ON i.host=m.host AND i.dgid=m.dgid "
+             "WHERE m.host=? AND m.disk=? AND i.shared=1",
+             {s.host.name, disk}, 0) > 0;
 }
 
 std::vector<std::string> listRow(Sim& s, const Disk& d) {
@@ -110,6 +128,10 @@ std::string flagsOf(Sim& s, const Disk& d) {
   flags += " autoconfig";
   if (!d.dgid.empty())
     flags += s.groupOfDisk(d.id).empty() ? " autoimport" : " autoimport imported";
+  if (importedShared(s, d.id))
+    flags += " shared";
+  if (d.isClone())
+    flags += " clone_disk";
   if (statusText(s, d) == "error")
     flags += " error";
   return flags;
@@ -186,8 +208,8 @@ void list(Sim& s, const Opts& o, const std::vector<std::string>& names) {
 void scan(Sim& s, const std::vector<std::string>& devices, bool newOnly) {
   std::set<std::string> wanted(devices.begin(), devices.end());
   bool hide = s.host.hideScans > 0;
-  for (const auto& r :
-       s.db.query("SELECT disk, discovered FROM hostdisks WHERE host=?", {s.host.name})) {
+  for (const auto& r : s.db.query(
+           "SELECT disk, discovered, inview, late FROM hostdisks WHERE host=?", {s.host.name})) {
     int64_t id = r[0].i;
     bool discovered = r[1].i != 0;
     if (!wanted.empty()) {
@@ -200,6 +222,11 @@ void scan(Sim& s, const std::vector<std::string>& devices, bool newOnly) {
       continue;
     if (discovered && newOnly)
       continue;
+    // A late disk stays out of the view for as many scans as it has left.
+    if (r[2].i == 0 && r[3].i > 0) {
+      s.db.exec("UPDATE hostdisks SET late=late-1 WHERE host=? AND disk=?", {s.host.name, id});
+      continue;
+    }
     s.setView(id, true, true);
   }
   if (hide)
@@ -216,7 +243,7 @@ void scanCommand(Sim& s, const Opts& o) {
     else if (splitKeyValue(o.words[i], &key, &value) && key == "device") {
       for (const auto& dev : splitChar(value, ','))
         if (!dev.empty())
-          devices.push_back(startsWith(dev, "/dev/") ? dev.substr(5) : dev);
+          devices.push_back(requireName("Disk", startsWith(dev, "/dev/") ? dev.substr(5) : dev));
     } else
       fail(kUsage, "scandisks: unexpected argument " + o.words[i]);
   }
@@ -274,6 +301,7 @@ void initDisk(Sim& s, int64_t id, const std::map<std::string, std::string>& attr
     fail(kDiskInUse, "Disk " + da + " is already initialized; use -f to initialize it again");
   applyGeometry(d, attrs);
   d.diskid = d.ptype == "nopriv" ? "" : s.newId();
+  d.udid = d.ptype == "nopriv" ? "" : d.ownUdid();
   d.dmname.clear();
   d.dgname.clear();
   d.dgid.clear();
@@ -337,6 +365,8 @@ void toolParted(Sim& s, const Args& a) {
   Opts o = parseOpts(a, "");
   if (o.words.size() != 3 || o.words[1] != "mklabel")
     fail(kUsage, "Usage: parted -s DEVICE mklabel LABEL");
+  // parted has no names of its own to check: a device it cannot find is one
+  // it cannot stat.
   std::string os = startsWith(o.words[0], "/dev/") ? o.words[0].substr(5) : o.words[0];
   int64_t id =
       s.db.queryInt("SELECT disk FROM paths WHERE host=? AND osname=?", {s.host.name, os}, 0);

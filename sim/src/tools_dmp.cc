@@ -66,6 +66,7 @@ void getSubpaths(Sim& s, const std::string& node) {
 }
 
 void setPath(Sim& s, const std::string& os, bool enable, bool force) {
+  requireName("Path", os);
   int64_t id =
       s.db.queryInt("SELECT disk FROM paths WHERE host=? AND osname=?", {s.host.name, os}, 0);
   if (!id || !s.findDisk(os, false))

@@ -142,7 +142,7 @@ std::vector<Sim::Group> selectedGroups(Sim& s, const Opts& o) {
   }
   for (const auto& imp : s.imports()) {
     Sim::Group g;
-    if (s.loadGroupById(imp.first, &g))
+    if (s.loadImported(imp.first, &g))
       groups.push_back(g);
   }
   return groups;
@@ -160,6 +160,7 @@ void toolQzprint(Sim& s, const Args& a) {
   }
   Rows rows = {{"TY", "NAME", "ASSOC", "KSTATE", "LENGTH", "PLOFFS", "STATE", "TUTIL0", "PUTIL0"}};
   for (const auto& name : o.words) {
+    requireName("Object", name);
     bool found = false;
     for (const auto& g : groups) found = found || objectRows(s, g, name, rows);
     if (!found)

@@ -12,7 +12,7 @@ namespace qzsim {
 namespace {
 
 const VolRec& requireVol(const Sim::Group& g, const std::string& vol) {
-  const VolRec* v = g.cfg.findVol(vol);
+  const VolRec* v = g.cfg.findVol(requireName("Volume", vol));
   if (!v)
     fail(kNoObject, "Volume " + vol + " not found in disk group " + g.cfg.dg.name);
   return *v;
@@ -38,17 +38,21 @@ bool plexComplete(Sim& s, const Sim::Group& g, const PlexRec& p) {
   return true;
 }
 
-Sim::Group groupArg(Sim& s, const Opts& o, const std::string& tool) {
+// The -g group; changes and starts need it enabled.
+Sim::Group groupArg(Sim& s, const Opts& o, const std::string& tool, bool toChange) {
   if (!o.has('g'))
     fail(kUsage, tool + ": no disk group given (-g DG)");
-  return s.requireGroup(o.get('g'));
+  return toChange ? s.requireEnabledGroup(o.get('g')) : s.requireGroup(o.get('g'));
 }
 
 }  // namespace
 
 void startVolume(Sim& s, Sim::Group& g, const std::string& vol, const std::string& useType) {
   const VolRec& v = requireVol(g, vol);
-  if (!useType.empty() && useType != v.usetype)
+  if (g.disabled)
+    fail(kGroupDisabled,
+         "Volume " + vol + " cannot start: disk group " + g.cfg.dg.name + " is disabled");
+  if (!useType.empty() && requireName("Usage type", useType) != v.usetype)
     fail(kUsageType, "Volume " + vol + " has usage type " + v.usetype + ", not " + useType);
   bool complete = false;
   for (const PlexRec* p : g.cfg.plexesOf(vol)) complete = complete || plexComplete(s, g, *p);
@@ -78,12 +82,15 @@ void toolQzvol(Sim& s, const Args& a) {
       for (const auto& imp : s.imports()) names.push_back(imp.second);
     for (const auto& n : names) {
       Sim::Group g = s.requireGroup(n);
+      // Without -g, startall leaves disabled groups alone.
+      if (cmd == "startall" && g.disabled && !o.has('g'))
+        continue;
       for (const auto& v : g.cfg.vols)
         cmd == "startall" ? startVolume(s, g, v.name, "") : stopVolume(s, g, v.name);
     }
     return;
   }
-  Sim::Group g = groupArg(s, o, "qzvol");
+  Sim::Group g = groupArg(s, o, "qzvol", false);
   if (vols.empty())
     fail(kUsage, cmd + ": no volume given");
   for (const auto& v : vols) {
@@ -98,7 +105,7 @@ void toolQzvol(Sim& s, const Args& a) {
 
 void toolQzinfo(Sim& s, const Args& a) {
   Opts o = parseOpts(a, "g");
-  Sim::Group g = groupArg(s, o, "qzinfo");
+  Sim::Group g = groupArg(s, o, "qzinfo", false);
   std::vector<std::vector<std::string>> rows;
   std::vector<std::string> vols = o.words;
   if (vols.empty())
@@ -107,6 +114,7 @@ void toolQzinfo(Sim& s, const Args& a) {
     const VolRec& v = requireVol(g, name);
     bool complete = false;
     for (const PlexRec* p : g.cfg.plexesOf(name)) complete = complete || plexComplete(s, g, *p);
+    complete = complete && !g.disabled;
     std::string st = s.isStarted(g.dgid, name) ? "Started" : complete ? "Startable" : "Unstartable";
     rows.push_back({v.name, v.usetype, st});
   }
@@ -154,7 +162,7 @@ std::string newSdName(const Sim::Group& g, const std::string& dm) {
   for (int n = 1;; ++n) {
     std::string name = dm + "-" + (n < 10 ? "0" : "") + std::to_string(n);
     if (!g.cfg.hasName(name))
-      return name;
+      return requireName("Subdisk", name);
   }
 }
 
@@ -188,20 +196,20 @@ MakeArgs parseMake(const Opts& o) {
     fail(kUsage,
          "Usage: qzassist -g DG make VOL LENGTH [nmirror=N] [logtype=dco] [usetype=T] [disk ...]");
   MakeArgs m;
-  m.vol = o.words[1];
+  m.vol = requireName("Volume", o.words[1]);
   if (!parseLength(o.words[2], &m.len) || m.len == 0)
     fail(kUsage, "invalid length " + o.words[2]);
   for (size_t i = 3; i < o.words.size(); ++i) {
     std::string key, value;
     uint64_t n = 0;
     if (!splitKeyValue(o.words[i], &key, &value))
-      m.disks.push_back(o.words[i]);
+      m.disks.push_back(requireName("Disk media", o.words[i]));
     else if (key == "nmirror" && parseUint(value, &n) && n >= 1)
       m.nmirror = static_cast<int>(n);
     else if (key == "logtype" && value == "dco")
       m.dco = true;
     else if (key == "usetype")
-      m.usetype = value;
+      m.usetype = requireName("Usage type", value);
     else if (key != "layout")
       fail(kUsage, "unexpected argument " + o.words[i]);
   }
@@ -210,11 +218,11 @@ MakeArgs parseMake(const Opts& o) {
 
 void makeVolume(Sim& s, Sim::Group& g, const std::string& vol, const std::string& usetype,
                 uint64_t len, int nmirror, std::vector<std::string> dms) {
-  if (g.cfg.hasName(vol))
+  if (g.cfg.hasName(requireName("Volume", vol)))
     fail(kObjectExists, "Volume " + vol + " already exists");
   g.cfg.vols.push_back({vol, usetype, s.newGuid(), len});
   for (int m = 1; m <= nmirror; ++m) {
-    std::string plex = vol + "-0" + std::to_string(m);
+    std::string plex = requireName("Plex", vol + "-0" + std::to_string(m));
     g.cfg.plexes.push_back({plex, vol, s.newGuid(), len});
     size_t before = g.cfg.sds.size();
     allocatePlex(s, g, plex, len, dms);
@@ -233,11 +241,11 @@ void assistMake(Sim& s, Sim::Group& g, const MakeArgs& m) {
       fail(kNoDisk, "Disk media " + dm + " not found in disk group " + g.cfg.dg.name);
   makeVolume(s, g, m.vol, m.usetype, m.len, m.nmirror, dms);
   if (m.dco) {
-    std::string log = m.vol + "_dcl";
+    std::string log = requireName("Volume", m.vol + "_dcl");
     std::vector<std::string> all;
     for (const auto& dm : g.cfg.dms) all.push_back(dm.name);
     makeVolume(s, g, log, "gen", 1024, 1, all);
-    g.cfg.dcos.push_back({m.vol + "_dco", m.vol, log, s.newGuid()});
+    g.cfg.dcos.push_back({requireName("DCO", m.vol + "_dco"), m.vol, log, s.newGuid()});
   }
   s.saveGroup(g);
   startVolume(s, g, m.vol, "");
@@ -249,7 +257,8 @@ void assistMake(Sim& s, Sim::Group& g, const MakeArgs& m) {
 
 void toolQzassist(Sim& s, const Args& a) {
   Opts o = parseOpts(a, "g");
-  Sim::Group g = groupArg(s, o, "qzassist");
+  bool make = !o.words.empty() && o.words[0] == "make";
+  Sim::Group g = groupArg(s, o, "qzassist", make);
   if (o.words.empty())
     fail(kUsage, "Usage: qzassist -g DG [-p] maxsize | make VOL LENGTH ...");
   if (o.words[0] == "maxsize") {
@@ -283,7 +292,7 @@ void vsetStop(Sim& s, Sim::Group& g, const VsetRec& vs) {
 void vsetMake(Sim& s, Sim::Group& g, const std::vector<std::string>& words) {
   if (words.size() < 3)
     fail(kUsage, "Usage: qzvset -g DG make SET VOL ...");
-  if (g.cfg.hasName(words[1]))
+  if (g.cfg.hasName(requireName("Volume set", words[1])))
     fail(kObjectExists, "Volume set " + words[1] + " already exists");
   VsetRec vs{words[1], s.newGuid(), {}};
   for (size_t i = 2; i < words.size(); ++i) {
@@ -312,17 +321,17 @@ void toolQzvset(Sim& s, const Args& a) {
   if (!s.host.vset)
     fail(kNotInstalled, "volume sets are not available on this host");
   Opts o = parseOpts(a, "g");
-  Sim::Group g = groupArg(s, o, "qzvset");
+  const std::string cmd = o.words.empty() ? "" : o.words[0];
+  Sim::Group g = groupArg(s, o, "qzvset", cmd == "make" || cmd == "start");
   if (o.words.empty())
     fail(kUsage, "Usage: qzvset -g DG start|stop|make|list ...");
-  const std::string& cmd = o.words[0];
   if (cmd == "make")
     return vsetMake(s, g, o.words);
   if (cmd == "list")
     return vsetList(s, g);
   if (o.words.size() != 2)
     fail(kUsage, "Usage: qzvset -g DG " + cmd + " SET");
-  const VsetRec* vs = g.cfg.findVset(o.words[1]);
+  const VsetRec* vs = g.cfg.findVset(requireName("Volume set", o.words[1]));
   if (!vs)
     fail(kNoObject, "Volume set " + o.words[1] + " not found in disk group " + g.cfg.dg.name);
   VsetRec copy = *vs;
@@ -335,27 +344,90 @@ void toolQzvset(Sim& s, const Args& a) {
 
 namespace {
 
-void checkNew(const GroupConfig& cfg, std::set<std::string>& seen, const std::string& name) {
-  if (name.empty())
-    fail(kUsage, "record without a name");
-  if (cfg.hasName(name) || !seen.insert(name).second)
-    fail(kObjectExists, "Record " + name + " already exists in disk group " + cfg.dg.name);
+const char* kindName(const std::string& kind) {
+  if (kind == "vol")
+    return "Volume";
+  if (kind == "plex")
+    return "Plex";
+  if (kind == "sd")
+    return "Subdisk";
+  if (kind == "dco")
+    return "DCO";
+  if (kind == "vset")
+    return "Volume set";
+  fail(kUsage, "unknown record kind " + kind);
 }
 
-std::string sdDiskMedia(const Sim::Group& g, const DumpRecord& r) {
-  std::string dm = r.get("dm_name");
-  if (dm.empty())
-    dm = r.get("da_name");
-  if (!g.cfg.findDm(dm))
-    fail(kNoDisk, "Subdisk " + r.name + ": disk media " + (dm.empty() ? "(none)" : dm) +
-                      " not found in disk group " + g.cfg.dg.name);
+void checkNew(const GroupConfig& cfg, std::set<std::string>& seen, const DumpRecord& r) {
+  requireName(kindName(r.kind), r.name);
+  if (cfg.hasName(r.name) || !seen.insert(r.name).second)
+    fail(kObjectExists, "Record " + r.name + " already exists in disk group " + cfg.dg.name);
+}
+
+// A numeric attribute; a missing one is 0 unless it is required.
+uint64_t num(const DumpRecord& r, const std::string& key, bool required = true) {
+  std::string text = r.get(key);
+  uint64_t v = 0;
+  if (text.empty() && !required)
+    return 0;
+  if (!parseUint(text, &v))
+    fail(kBadRecord, std::string(kindName(r.kind)) + " " + r.name + ": " + key + "=" + text +
+                         " is not a number.");
+  return v;
+}
+
+// The disk medium a subdisk lies on, checked against every name the record
+// gives for it: a dump rewritten for other disks must name this group's.
+std::string sdDiskMedia(Sim& s, const Sim::Group& g, const DumpRecord& r) {
+  const std::string where = "Subdisk " + r.name + ": ";
+  std::string dm = r.get("dm_name"), da = r.get("da_name"), path = r.get("path");
+  if (dm.empty() && da.empty())
+    fail(kBadRecord, where + "the record names no disk (dm_name or da_name).");
+  if (dm.empty()) {
+    for (const auto& dd : g.dmDisk)
+      if (s.daName(Sim::loadDisk(s.db, dd.second)) == da)
+        dm = dd.first;
+    if (dm.empty())
+      fail(kNoDisk, where + "disk " + da + " is not a disk of disk group " + g.cfg.dg.name);
+  }
+  if (!g.cfg.findDm(requireName("Disk media", dm)))
+    fail(kNoDisk, where + "disk media " + dm + " not found in disk group " + g.cfg.dg.name);
+  auto it = g.dmDisk.find(dm);
+  if (it == g.dmDisk.end())
+    fail(kNoDisk, where + "disk media " + dm + " has no disk on this host");
+  Disk disk = Sim::loadDisk(s.db, it->second);
+  if (!da.empty() && da != s.daName(disk))
+    fail(kBadRecord, where + "da_name=" + da + " is not the disk of disk media " + dm +
+                         " in disk group " + g.cfg.dg.name + " (that is " + s.daName(disk) + ").");
+  if (!path.empty() && path != s.dmpPath(disk))
+    fail(kBadRecord, where + "path=" + path + " is not the path of disk media " + dm +
+                         " (that is " + s.dmpPath(disk) + ").");
   return dm;
 }
 
-uint64_t num(const DumpRecord& r, const std::string& key) {
-  uint64_t v = 0;
-  parseUint(r.get(key), &v);
-  return v;
+// Each plex must map every sector of its volume exactly once.
+void checkCoverage(const Sim::Group& g, const PlexRec& p, uint64_t plexLen) {
+  const VolRec& v = requireVol(g, p.vol);
+  auto sds = g.cfg.sdsOf(p.name);
+  std::sort(sds.begin(), sds.end(),
+            [](const SdRec* a, const SdRec* b) { return a->plOffset < b->plOffset; });
+  const std::string where = "Plex " + p.name + " does not cover volume " + v.name + ": ";
+  uint64_t pos = 0;
+  for (const SdRec* sd : sds) {
+    if (sd->plOffset != pos)
+      fail(kBadRecord, where +
+                           (sd->plOffset > pos ? "nothing maps sectors from "
+                                               : "subdisks "
+                                                 "overlap at ") +
+                           std::to_string(pos) + ".");
+    pos += sd->len;
+  }
+  if (pos != v.len)
+    fail(kBadRecord, where + "its subdisks map " + std::to_string(pos) + " of " +
+                         std::to_string(v.len) + " sectors.");
+  if (plexLen && plexLen != v.len)
+    fail(kBadRecord, where + "its length is " + std::to_string(plexLen) + ", the volume's " +
+                         std::to_string(v.len) + ".");
 }
 
 // Adds the records of a dump to the group, in dependency order.
@@ -363,19 +435,22 @@ void addRecords(Sim& s, Sim::Group& g, const std::vector<DumpRecord>& recs) {
   std::set<std::string> seen;
   for (const auto& r : recs)
     if (r.kind != "dg" && r.kind != "dm")
-      checkNew(g.cfg, seen, r.name);
-  for (const auto& r : recs) {
-    if (r.kind == "vol")
-      g.cfg.vols.push_back({r.name, r.get("use_type").empty() ? "fsgen" : r.get("use_type"),
-                            s.newGuid(), num(r, "len")});
-    else if (r.kind != "dg" && r.kind != "dm" && r.kind != "plex" && r.kind != "sd" &&
-             r.kind != "dco" && r.kind != "vset")
-      fail(kUsage, "unknown record kind " + r.kind);
-  }
+      checkNew(g.cfg, seen, r);
+  for (const auto& r : recs)
+    if (r.kind == "vol") {
+      std::string use = r.get("use_type").empty() ? "fsgen" : r.get("use_type");
+      uint64_t len = num(r, "len");
+      if (len == 0)
+        fail(kBadRecord, "Volume " + r.name + " has no length.");
+      g.cfg.vols.push_back({r.name, requireName("Usage type", use), s.newGuid(), len});
+    }
+  std::map<std::string, uint64_t> newPlexes;
   for (const auto& r : recs)
     if (r.kind == "plex") {
-      requireVol(g, r.get("vol"));
-      g.cfg.plexes.push_back({r.name, r.get("vol"), s.newGuid(), num(r, "len")});
+      uint64_t volLen = requireVol(g, r.get("vol")).len;
+      newPlexes[r.name] = num(r, "len", false);
+      g.cfg.plexes.push_back(
+          {r.name, r.get("vol"), s.newGuid(), newPlexes[r.name] ? newPlexes[r.name] : volLen});
     }
   for (const auto& r : recs)
     if (r.kind == "sd") {
@@ -383,17 +458,21 @@ void addRecords(Sim& s, Sim::Group& g, const std::vector<DumpRecord>& recs) {
       for (const auto& p : g.cfg.plexes) plexFound = plexFound || p.name == r.get("plex");
       if (!plexFound)
         fail(kNoObject, "Subdisk " + r.name + ": plex " + r.get("plex") + " not found");
-      std::string dm = sdDiskMedia(g, r);
+      std::string dm = sdDiskMedia(s, g, r);
       SdRec sd{r.name,       r.get("plex"),       dm,
-               s.newGuid(),  num(r, "dm_offset"), num(r, "pl_offset"),
+               s.newGuid(),  num(r, "dm_offset"), num(r, "pl_offset", false),
                num(r, "len")};
       bool fits = false;
       for (const auto& e : freeExtents(s, g, dm))
-        fits = fits || (sd.dmOffset >= e.offset && sd.dmOffset + sd.len <= e.offset + e.len);
+        fits = fits || (sd.dmOffset >= e.offset && sd.len <= e.len &&
+                        sd.dmOffset - e.offset <= e.len - sd.len);
       if (!fits || sd.len == 0)
         fail(kNoSpace, "Subdisk " + r.name + " does not fit on disk media " + dm);
       g.cfg.sds.push_back(sd);
     }
+  for (const auto& p : g.cfg.plexes)
+    if (newPlexes.count(p.name))
+      checkCoverage(g, p, newPlexes[p.name]);
   for (const auto& r : recs) {
     if (r.kind == "dco") {
       requireVol(g, r.get("parent_vol"));
@@ -413,7 +492,7 @@ void toolQzmake(Sim& s, const Args& a) {
   Opts o = parseOpts(a, "gd");
   if (!o.has('d') || !o.words.empty())
     fail(kUsage, "Usage: qzmake -g DG -d FILE");
-  Sim::Group g = groupArg(s, o, "qzmake");
+  Sim::Group g = groupArg(s, o, "qzmake", true);
   std::string text;
   if (!readFile(o.get('d'), &text))
     fail(kUsage, "cannot read description file " + o.get('d'));

@@ -44,6 +44,7 @@ etc/logrotate.d/qzfi
 etc/qzfi/
 var/log/qzfi/
 usr/$QZ_BINDIR/qzsim
+usr/$QZ_BINDIR/qzsim-sysblock
 $lib/libqzfi_pdk.so
 $lib/libqzfi_pdk.so.$QZ_SOVERSION
 $lib/libqzfi_pdk.so.$QZ_VERSION
@@ -168,7 +169,7 @@ deb=${debs[0]}
 expect_output "package name and version" "qzvmfi $QZ_VERSION" \
   "$(dpkg-deb -f "$deb" Package) $(dpkg-deb -f "$deb" Version)"
 depends=$(dpkg-deb -f "$deb" Depends)
-for runtime in 'libace-[0-9.]+' 'libicu[0-9]+' 'libsqlite3-0'; do
+for runtime in 'libace-[0-9.]+' 'libicu[0-9]+' 'libsqlite3-0' 'libfuse3-[0-9]+'; do
   grep -qE "(^|, )$runtime( |,|$)" <<<"$depends" || fail "Depends lacks $runtime: $depends"
 done
 expect_output "conffiles" "/etc/logrotate.d/qzfi" \
@@ -186,6 +187,7 @@ contents=$(awk '
 check_tree "the package" "$contents"
 mode_of() { awk -v name="./$1" '$6 == name {print $1}' <<<"$listing"; }
 expect_output "mode of qzsim" "-rwxr-xr-x" "$(mode_of "usr/$QZ_BINDIR/qzsim")"
+expect_output "mode of qzsim-sysblock" "-rwxr-xr-x" "$(mode_of "usr/$QZ_BINDIR/qzsim-sysblock")"
 expect_output "mode of the plug-in" "-rw-r--r--" "$(mode_of "usr/$QZ_LIBDIR/qzfi/plugins/libqzvmfi.so")"
 expect_output "mode of the framework" "-rw-r--r--" \
   "$(mode_of "usr/$QZ_LIBDIR/libqzfi_pdk.so.$QZ_VERSION")"

@@ -4,7 +4,11 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -63,6 +67,22 @@ class SimTest : public ::testing::Test {
     addDisks(2, "A", 2);
     makeGroup("A", "dg1", {"qzarr0_0", "qzarr0_1"});
     ok("A", "qzassist -g dg1 make vol1 40m logtype=dco");
+  }
+  // Runs steps in a child process, so that the namespace it may enter stays
+  // its own; steps returns 0 or the number of the step that went wrong, and
+  // this returns that number.
+  static int inChild(const std::function<int(std::string* error)>& steps) {
+    pid_t pid = fork();
+    if (pid == 0) {
+      std::string error;
+      int code = steps(&error);
+      if (code)
+        fprintf(stderr, "step %d: %s\n", code, error.c_str());
+      _exit(code);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
   static std::vector<std::string> lines(const std::string& out) {
     return splitChar(trim(out), '\n');

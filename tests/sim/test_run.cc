@@ -64,3 +64,120 @@ TEST_F(FaultsTest, LogListsEveryRun) {
 }
 
 }  // namespace qzsim
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace qzsim {
+
+TEST_F(FaultsTest, EachFaultCountsItsOwnMatchingRuns) {
+  adminOk({"fault", "add", "--host", "A", "--tool", "qzdg", "--match", "list", "--status", "7"});
+  adminOk({"fault", "add", "--host", "A", "--match", "qzdg", "--nth", "2", "--status", "8"});
+  EXPECT_EQ(tool("A", "qzdg list").status, 7);  // the first fault fires; the second counts it
+  EXPECT_EQ(tool("A", "qzdg list").status, 8);  // the second's second matching run
+  ok("A", "qzdg list");
+  auto rows = lines(adminOk({"fault", "list"}));
+  ASSERT_EQ(rows.size(), 3u);
+  EXPECT_EQ(splitBlanks(rows[1]),
+            (std::vector<std::string>{"1", "A", "qzdg", "'list'", "fail", "1", "0", "7", "3"}));
+  EXPECT_EQ(splitBlanks(rows[2]),
+            (std::vector<std::string>{"2", "A", "*", "'qzdg'", "fail", "2", "0", "8", "3"}));
+}
+
+TEST_F(FaultsTest, FaultsDueTogetherFireOneAfterTheOther) {
+  adminOk({"fault", "add", "--match", "list", "--status", "7"});
+  adminOk({"fault", "add", "--match", "list", "--status", "8"});
+  EXPECT_EQ(tool("A", "qzdg list").status, 7);
+  EXPECT_EQ(tool("A", "qzdg list").status, 8);
+  ok("A", "qzdg list");
+}
+
+TEST_F(FaultsTest, MatchIsTheCommandLineWithBlankRunsAsOne) {
+  adminOk({"fault", "add", "--match", "qzdisk  list  qzarr0_1", "--status", "9"});
+  ok("A", "qzdisk   list   qzarr0_0");
+  EXPECT_EQ(tool("A", "qzdisk   list   qzarr0_1 ").status, 9);
+  EXPECT_NE(adminOk({"fault", "list"}).find("'qzdisk list qzarr0_1'"), std::string::npos);
+}
+
+TEST_F(FaultsTest, HangingToolWaitsUntilItIsKilled) {
+  adminOk({"fault", "hang", "--host", "A", "--tool", "qzvol", "--match", "stop", "--stdout",
+           "stopping\n"});
+  int out[2];
+  ASSERT_EQ(pipe(out), 0);
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    dup2(out[1], 1);
+    setenv("QZSIM_ROOT", root.c_str(), 1);
+    setenv("QZSIM_HOST", "A", 1);
+    execl(simBinary().c_str(), "qzvol", "-g", "dg1", "stop", "vol1", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(out[1]);
+  std::string got;
+  char buf[64];
+  ssize_t n;
+  while (got.find('\n') == std::string::npos && (n = read(out[0], buf, sizeof buf)) > 0)
+    got.append(buf, static_cast<size_t>(n));
+  EXPECT_EQ(got, "stopping\n");
+  // The hanging run holds no lock: other tools go on, and it changed nothing.
+  EXPECT_EQ(splitBlanks(ok("A", "qzinfo -g dg1 vol1"))[2], "Started");
+  int status = 0;
+  EXPECT_EQ(waitpid(pid, &status, WNOHANG), 0);  // still there
+  kill(pid, SIGKILL);
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFSIGNALED(status));
+  close(out[0]);
+  auto log = lines(adminOk({"log", "--tool", "qzvol"}));
+  EXPECT_EQ(splitBlanks(log.back())[2], "hung");
+  ok("A", "qzvol -g dg1 stop vol1");  // the fault was for one run
+}
+
+TEST_F(FaultsTest, EveryToolRefusesNamesOutsideTheRules) {
+  const std::string file = root + "/dump";
+  for (const std::string& bad :
+       {std::string(45, 'n'), std::string("../../../../escape"), std::string("dg$1")}) {
+    writeFile(file, "vol " + bad + "\n\tlen=2048\n");
+    for (const std::string& cmd : {
+             "qzdg list " + bad,
+             "qzdg -g " + bad + " adddisk qzarr0_0",
+             "qzdg init " + bad + " qzarr0_0",
+             "qzdg deport " + bad,
+             "qzdg -C -n " + bad + " import dg1",
+             "qzdisk list " + bad,
+             "qzdisk -g " + bad + " list",
+             "qzdisk scandisks device=" + bad,
+             "qzdisk -f init " + bad + " type=auto",
+             "qzdisk rm " + bad,
+             "qzprint -g " + bad,
+             "qzprint -g dg1 " + bad,
+             "qzvol -g " + bad + " start vol1",
+             "qzvol -g dg1 start " + bad,
+             "qzvol -g dg1 -U " + bad + " start vol1",
+             "qzinfo -g dg1 " + bad,
+             "qzassist -g dg1 make " + bad + " 1m",
+             "qzassist -g dg1 make v9 1m usetype=" + bad,
+             "qzassist -g dg1 make v9 1m " + bad,
+             "qzvset -g dg1 make " + bad + " vol1",
+             "qzvset -g dg1 start " + bad,
+             "qzmake -g dg1 -d " + file,
+             "qzdmpadm getdmpnode nodename=" + bad,
+             "qzdmpadm getsubpaths dmpnodename=" + bad,
+             "qzdmpadm -f disable path=" + bad,
+             "qzdisksetup -i " + bad,
+             "qzdiskunsetup -C " + bad,
+             "qzcdsconvert -g " + bad,
+         }) {
+      CommandResult r = tool("A", cmd);
+      std::string toolName = splitBlanks(cmd)[0];
+      EXPECT_EQ(r.status, 1) << cmd << ": " << r.err;
+      EXPECT_TRUE(startsWith(r.err, "QZVM " + toolName + " ERROR Q-5-1-8 "))
+          << cmd << ": " << r.err;
+    }
+  }
+  EXPECT_TRUE(startsWith(adminOk({"check"}), "OK ")) << adminOk({"check"});
+}
+
+}  // namespace qzsim

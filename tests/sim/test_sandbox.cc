@@ -81,6 +81,45 @@ TEST_F(SandboxTest, WritingDeleteDetachesTheDisk) {
   EXPECT_FALSE(readFile(root + "/hosts/A/sys_block/sdc/device/delete", &text));
 }
 
+TEST_F(SandboxTest, DeviceNodesHaveOwnersThatStatShowsAndChownChanges) {
+  CommandResult r = inHost("A",
+                           "stat -L -c '%n %u %g %a' /dev/sdb /dev/sdc /dev/qz/dmp/qzarr0_0s3 "
+                           "/dev/qz/rdmp/qzarr0_1 /dev/qz/dsk/dg1/vol1 /dev/qz/rdsk/dg1/vol1 && "
+                           "chown 1001:1002 /dev/sdb /dev/qz/rdsk/dg1/vol1 && "
+                           "chmod 640 /dev/qz/rdmp/qzarr0_1");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "/dev/sdb 0 0 660\n/dev/sdc 0 0 660\n/dev/qz/dmp/qzarr0_0s3 0 0 660\n"
+            "/dev/qz/rdmp/qzarr0_1 0 0 660\n/dev/qz/dsk/dg1/vol1 0 0 600\n"
+            "/dev/qz/rdsk/dg1/vol1 0 0 600\n");
+  auto rows = lines(adminOk({"node", "list", "--host", "A", "/dev/qz/rdmp/qzarr0_1",
+                             "/dev/qz/rdsk/dg1/vol1", "/dev/sdb"}));
+  ASSERT_EQ(rows.size(), 4u);
+  EXPECT_EQ(splitBlanks(rows[1]),
+            (std::vector<std::string>{"/dev/qz/rdmp/qzarr0_1", "0", "0", "0640"}));
+  EXPECT_EQ(splitBlanks(rows[2]),
+            (std::vector<std::string>{"/dev/qz/rdsk/dg1/vol1", "1001", "1002", "0600"}));
+  EXPECT_EQ(splitBlanks(rows[3]), (std::vector<std::string>{"/dev/sdb", "1001", "1002", "0660"}));
+  // The next sandbox of the host, after a re-import, shows the same.
+  ok("A", "qzdg deport dg1");
+  ok("A", "qzdg import dg1");
+  r = inHost("A", "stat -L -c '%u %g' /dev/sdb /dev/qz/rdsk/dg1/vol1");
+  EXPECT_EQ(r.out, "1001 1002\n1001 1002\n") << r.err;
+  // Each host sees its own disks only.
+  r = inHost("B", "test ! -e /dev/sdb && test ! -e /dev/qz/dmp/qzarr0_0");
+  EXPECT_EQ(r.status, 0) << r.err;
+}
+
+TEST_F(SandboxTest, RestOfDevKeepsWorking) {
+  CommandResult r = inHost("A",
+                           "echo x > /dev/null && head -c 8 /dev/zero | wc -c && "
+                           "head -c 8 /dev/urandom | wc -c && test -c /dev/random && "
+                           "test -d /dev/pts && test -d /dev/shm && echo y > /dev/shm/qzsim-$$ && "
+                           "rm /dev/shm/qzsim-$$ && ls /dev/fd/0 && test -e /dev/stdout");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "8\n8\n/dev/fd/0\n");
+}
+
 TEST_F(SandboxTest, UnknownHostIsAClearError) {
   CommandResult r = inHost("Q", "true");
   EXPECT_NE(r.status, 0);
@@ -90,40 +129,29 @@ TEST_F(SandboxTest, UnknownHostIsAClearError) {
 // The library: one process acts as host A, then as host B, in its own
 // namespace (a child here, so that this test process stays outside).
 TEST_F(SandboxTest, LibrarySwitchesHostsInOneProcess) {
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    std::string err;
-    int code = 0;
-    if (!enterNamespace(&err) || !actAsHost(root, "A", &err))
-      code = 10;
-    else if (access("/usr/sbin/qzdmpadm", X_OK) != 0)
-      code = 11;
-    else if (runCommand({"/usr/sbin/qzdg", "list"}).out.find("dg1") == std::string::npos)
-      code = 12;
-    else if (access("/dev/qz/dsk/dg1/vol1", F_OK) != 0)
-      code = 13;
-    else if (!actAsHost(root, "B", &err))
-      code = 14;
-    else if (access("/usr/sbin/qzdmpadm", F_OK) == 0)
-      code = 15;
-    else if (std::string(getenv("QZSIM_HOST")) != "B")
-      code = 16;
-    else if (runCommand({"/usr/sbin/qzdg", "list"}).out.find("dg1") != std::string::npos)
-      code = 17;
-    else if (access("/dev/qz/dsk/dg1", F_OK) == 0)
-      code = 18;
-    leaveHost();
-    if (code == 0 && access("/usr/sbin/qzdg", F_OK) == 0)
-      code = 19;
-    if (code)
-      fprintf(stderr, "sandbox step %d: %s\n", code, err.c_str());
-    _exit(code);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(inChild([&](std::string* err) {
+              if (!enterNamespace(err) || !actAsHost(root, "A", err))
+                return 10;
+              if (access("/usr/sbin/qzdmpadm", X_OK) != 0)
+                return 11;
+              if (runCommand({"/usr/sbin/qzdg", "list"}).out.find("dg1") == std::string::npos)
+                return 12;
+              if (access("/dev/qz/dsk/dg1/vol1", F_OK) != 0)
+                return 13;
+              if (!actAsHost(root, "B", err))
+                return 14;
+              if (access("/usr/sbin/qzdmpadm", F_OK) == 0)
+                return 15;
+              if (std::string(getenv("QZSIM_HOST")) != "B")
+                return 16;
+              if (runCommand({"/usr/sbin/qzdg", "list"}).out.find("dg1") != std::string::npos)
+                return 17;
+              if (access("/dev/qz/dsk/dg1", F_OK) == 0)
+                return 18;
+              leaveHost();
+              return access("/usr/sbin/qzdg", F_OK) == 0 ? 19 : 0;
+            }),
+            0);
 }
 
 }  // namespace qzsim

@@ -119,3 +119,36 @@ TEST_F(QzdiskTest, PartedLabelOverwritesThePrivateRegion) {
 }
 
 }  // namespace qzsim
+
+namespace qzsim {
+
+TEST_F(QzdiskTest, GeometryValuesAreRangeChecked) {
+  ok("A", "qzdisk scandisks");
+  CommandResult r = tool("A", "qzdisk -f init qzarr0_0 type=auto privoffset=9999999999999999999");
+  EXPECT_EQ(r.status, 14);
+  EXPECT_EQ(r.err,
+            "QZVM qzdisk ERROR Q-5-1-104 privoffset=9999999999999999999 is out of range: "
+            "privoffset takes a whole number from 0 to 131072.\n");
+  EXPECT_EQ(tool("A", "qzdisk -f init qzarr0_0 type=auto publen=131073").status, 14);
+  EXPECT_EQ(tool("A", "qzdisk -f init qzarr0_0 type=auto nconfig=33").status, 14);
+  EXPECT_EQ(tool("A", "qzdisk -f init qzarr0_0 type=auto pubslice=16").status, 14);
+  EXPECT_EQ(tool("A", "qzdisksetup -f -i qzarr0_0 loglen=-1").status, 14);
+  EXPECT_EQ(keyValue(ok("A", "qzdisk list qzarr0_0"), "info:"), "format=none");
+  ok("A", "qzdisk -f init qzarr0_0 type=auto nconfig=32 configlen=1024 pubslice=15 privslice=15");
+}
+
+TEST_F(QzdiskTest, LateDiskShowsAfterItsOwnNumberOfScans) {
+  adminOk({"fault", "late-disk", "lun2", "--host", "A", "--scans", "2"});
+  ok("A", "qzdisk scandisks");
+  auto rows = lines(ok("A", "qzdisk list"));
+  ASSERT_EQ(rows.size(), 2u);  // the other disk is not late
+  EXPECT_EQ(splitBlanks(rows[1])[0], "qzarr0_0");
+  ok("A", "qzdisk scandisks device=qzarr0_0");  // a scan that does not look for it
+  ok("A", "qzdisk -f scandisks new");
+  EXPECT_EQ(lines(ok("A", "qzdisk list")).size(), 2u);
+  ok("A", "qzdisk scandisks device=sdd");
+  EXPECT_EQ(lines(ok("A", "qzdisk list")).size(), 3u);
+  EXPECT_EQ(adminOk({"fault", "list"}).find("late-disk"), std::string::npos);
+}
+
+}  // namespace qzsim

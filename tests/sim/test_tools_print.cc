@@ -64,8 +64,11 @@ TEST_F(QzprintTest, DumpHoldsEveryKindOfRecordWithGuids) {
   EXPECT_EQ(noSets.find("vset "), std::string::npos);
 }
 
-// What the plug-in replays: the volume records without dg, dm and guid lines.
-std::string replayOf(const std::string& dump) {
+// What the plug-in replays: the volume records without dg, dm and guid lines,
+// with the disk names (da_name and the path made from it) moved to the disks
+// given in renames.
+std::string replayOf(const std::string& dump,
+                     const std::vector<std::pair<std::string, std::string>>& renames = {}) {
   std::string out;
   bool skip = false;
   for (const auto& l : splitChar(dump, '\n')) {
@@ -75,7 +78,14 @@ std::string replayOf(const std::string& dump) {
       skip = false;
     if (skip || trim(l).rfind("guid=", 0) == 0 || l.empty())
       continue;
-    out += l + "\n";
+    std::string line = l;
+    for (const auto& r : renames) {
+      if (line == "\tda_name=" + r.first)
+        line = "\tda_name=" + r.second;
+      if (startsWith(line, "\tpath=/dev/qz/dmp/" + r.first + "s"))
+        line = "\tpath=/dev/qz/dmp/" + r.second + line.substr(18 + r.first.size());
+    }
+    out += line + "\n";
   }
   return out;
 }
@@ -87,7 +97,8 @@ TEST_F(QzprintTest, QzmakeRecreatesObjectsInAnotherGroup) {
   ok("A", "qzdisk -f init qzarr0_3 type=auto");
   ok("A", "qzdg init dg2 qzarr0_0=qzarr0_2 qzarr0_1=qzarr0_3");
   std::string file = root + "/replay";
-  writeFile(file, replayOf(ok("A", "qzprint -vxpsc -g dg1 -m")));
+  writeFile(file, replayOf(ok("A", "qzprint -vxpsc -g dg1 -m"),
+                           {{"qzarr0_0", "qzarr0_2"}, {"qzarr0_1", "qzarr0_3"}}));
   ok("A", "qzmake  -g dg2  -d " + file);
   auto rows = lines(ok("A", "qzprint -g dg2 vol1"));
   EXPECT_EQ(splitBlanks(rows[1])[3], "DISABLED");  // made, not started

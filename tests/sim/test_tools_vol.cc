@@ -86,3 +86,135 @@ TEST_F(QzvolTest, DeviceNodesFollowTheGroup) {
 }
 
 }  // namespace qzsim
+
+#include "config.h"
+
+namespace qzsim {
+
+// dg1's volume records replayed into dg2, whose disk media have dg1's names
+// on other disks: the dump rewritten for dg2's disks, as the plug-in does.
+class QzmakeTest : public SimTest {
+ protected:
+  void SetUp() override {
+    SimTest::SetUp();
+    standardLayout();
+    addDisks(2, "A", 1);
+    ok("A", "qzdisk scandisks");
+    ok("A", "qzdisk -f init qzarr0_2 type=auto");
+    ok("A", "qzdisk -f init qzarr0_3 type=auto");
+    ok("A", "qzdg init dg2 qzarr0_0=qzarr0_2 qzarr0_1=qzarr0_3");
+    for (auto& r : parseDump(ok("A", "qzprint -vpsc -g dg1 -m"))) {
+      if (r.kind == "dg" || r.kind == "dm")
+        continue;
+      std::vector<std::pair<std::string, std::string>> attrs;
+      for (auto& kv : r.attrs) {
+        if (kv.first == "guid")
+          continue;
+        for (const auto& move :
+             {std::make_pair("qzarr0_0", "qzarr0_2"), std::make_pair("qzarr0_1", "qzarr0_3")})
+          if (kv.first == "da_name" || kv.first == "path")
+            kv.second = replaced(kv.second, move.first, move.second);
+        attrs.push_back(kv);
+      }
+      r.attrs = attrs;
+      records.push_back(r);
+    }
+  }
+  static std::string replaced(std::string text, const std::string& from, const std::string& to) {
+    size_t at = text.find(from);
+    return at == std::string::npos ? text : text.replace(at, from.size(), to);
+  }
+  DumpRecord& record(const std::string& name) {
+    for (auto& r : records)
+      if (r.name == name)
+        return r;
+    ADD_FAILURE() << "no record " << name;
+    return records[0];
+  }
+  void set(const std::string& name, const std::string& key, const std::string& value) {
+    for (auto& kv : record(name).attrs)
+      if (kv.first == key)
+        kv.second = value;
+  }
+  CommandResult make() {
+    std::string text;
+    for (const auto& r : records) {
+      text += r.kind + " " + r.name + "\n";
+      for (const auto& kv : r.attrs) text += "\t" + kv.first + "=" + kv.second + "\n";
+    }
+    writeFile(root + "/replay", text);
+    return tool("A", "qzmake -g dg2 -d " + root + "/replay");
+  }
+  void expectRefused(int status, const std::string& err) {
+    CommandResult r = make();
+    EXPECT_EQ(r.status, status);
+    EXPECT_EQ(r.err, err);
+    EXPECT_EQ(lines(ok("A", "qzprint -g dg2 -v")).size(), 1u);  // nothing half made
+  }
+  std::vector<DumpRecord> records;
+};
+
+TEST_F(QzmakeTest, DumpRewrittenForTheGroupsDisksIsMade) {
+  EXPECT_EQ(record("qzarr0_0-01").get("path"), "/dev/qz/dmp/qzarr0_2s3");
+  CommandResult r = make();
+  ASSERT_EQ(r.status, 0) << r.err;
+  ok("A", "qzvol -g dg2 start vol1");
+  EXPECT_NE(ok("A", "qzprint -vpsc -g dg2 -m").find("\tda_name=qzarr0_3\n"), std::string::npos);
+}
+
+TEST_F(QzmakeTest, DaNameOfADiskOutsideTheGroupIsRefused) {
+  set("qzarr0_0-01", "da_name", "qzarr0_0");
+  expectRefused(16,
+                "QZVM qzmake ERROR Q-5-1-307 Subdisk qzarr0_0-01: da_name=qzarr0_0 is not the disk "
+                "of disk media qzarr0_0 in disk group dg2 (that is qzarr0_2).\n");
+  // Without dm_name the subdisk is placed by da_name, which must name a disk
+  // of the group.
+  auto& attrs = record("qzarr0_0-01").attrs;
+  attrs.erase(attrs.begin() + 1);  // dm_name
+  expectRefused(11,
+                "QZVM qzmake ERROR Q-5-1-101 Subdisk qzarr0_0-01: disk qzarr0_0 is not a disk of "
+                "disk group dg2\n");
+}
+
+TEST_F(QzmakeTest, DiskMediaOutsideTheGroupIsRefused) {
+  set("qzarr0_1-01", "dm_name", "qzarr0_9");
+  expectRefused(11,
+                "QZVM qzmake ERROR Q-5-1-101 Subdisk qzarr0_1-01: disk media qzarr0_9 not found in "
+                "disk group dg2\n");
+}
+
+TEST_F(QzmakeTest, PathOfAnotherDiskIsRefused) {
+  set("qzarr0_1-01", "path", "/dev/qz/dmp/qzarr0_1s3");
+  expectRefused(16,
+                "QZVM qzmake ERROR Q-5-1-307 Subdisk qzarr0_1-01: path=/dev/qz/dmp/qzarr0_1s3 is "
+                "not the path of disk media qzarr0_1 (that is /dev/qz/dmp/qzarr0_3s3).\n");
+}
+
+TEST_F(QzmakeTest, PlexThatDoesNotCoverItsVolumeIsRefused) {
+  // vol1 (81920 sectors) lies on both disks: 65280 sectors, then 16640.
+  set("qzarr0_1-01", "pl_offset", "65300");
+  expectRefused(16,
+                "QZVM qzmake ERROR Q-5-1-307 Plex vol1-01 does not cover volume vol1: nothing maps "
+                "sectors from 65280.\n");
+  set("qzarr0_1-01", "pl_offset", "65280");
+  set("vol1-01", "len", "81000");
+  expectRefused(16,
+                "QZVM qzmake ERROR Q-5-1-307 Plex vol1-01 does not cover volume vol1: its length "
+                "is 81000, the volume's 81920.\n");
+  set("vol1-01", "len", "81920");
+  records.erase(records.begin() + (&record("qzarr0_1-01") - records.data()));
+  expectRefused(16,
+                "QZVM qzmake ERROR Q-5-1-307 Plex vol1-01 does not cover volume vol1: its "
+                "subdisks map 65280 of 81920 sectors.\n");
+}
+
+TEST_F(QzmakeTest, NumbersAndNamesOfRecordsAreChecked) {
+  set("qzarr0_0-01", "len", "lots");
+  expectRefused(16, "QZVM qzmake ERROR Q-5-1-307 Subdisk qzarr0_0-01: len=lots is not a number.\n");
+  set("qzarr0_0-01", "len", "65280");
+  record("vol1").name = std::string(32, 'v');
+  expectRefused(1, "QZVM qzmake ERROR Q-5-1-8 Volume name '" + std::string(32, 'v') +
+                       "' is longer than 31 characters.\n");
+}
+
+}  // namespace qzsim
