@@ -79,6 +79,9 @@ class CQzVMData : public qzfi_pdk_4_4::CFiPrivateData {
   void getDiskDMPMap(std::string disk, std::string& dmp);
   // The disk paired with a multipath device; 0, or 1 when none is.
   int getDMPDiskMap(const std::string& dmp, std::string& disk) const;
+  // Whether disks and their multipath devices were paired (at claim time, or
+  // read from a blob): a volume split from disks of this plug-in.
+  bool hasRecordedDisks() const { return !m_diskToDmp.empty() || !m_dmpToDisk.empty(); }
 
   int IsValidConfig() { return 1; }
 

@@ -20,14 +20,14 @@ MessageArg::MessageArg(long number) : m_value(static_cast<int64_t>(number)) {}
 MessageArg::MessageArg(long long number) : m_value(static_cast<int64_t>(number)) {}
 
 void pushError(const char* identifier, std::initializer_list<MessageArg> args,
-               const char* sourceFile, int line) {
+               const char* sourceFile, int line, int severity) {
   std::vector<icu::Formattable> values;
   values.reserve(args.size());
   for (const MessageArg& arg : args) {
     values.push_back(arg.value());
   }
   qzfi_pdk_4_4::CFiIcuMessagePtr message(new CFiIcuMessage(
-      identifier, values.data(), static_cast<int>(values.size()), 3, sourceFile, line));
+      identifier, values.data(), static_cast<int>(values.size()), severity, sourceFile, line));
   qzvmfi_ctx::ErrorManager::instance()->pushError(message);
 }
 

@@ -37,9 +37,10 @@ class MessageArg {
   icu::Formattable m_value;
 };
 
-// Pushes one message of severity 3 onto the plug-in's error stack.
+// Pushes one message onto the plug-in's error stack; severity 3 unless a
+// failure is only a warning to the framework (2).
 void pushError(const char* identifier, std::initializer_list<MessageArg> args,
-               const char* sourceFile, int line);
+               const char* sourceFile, int line, int severity = 3);
 
 // Where an operation reports from: its name, its unit's source name and the
 // line at which it put its body under the exception mapping.

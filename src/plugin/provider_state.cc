@@ -1,11 +1,67 @@
 // Provider state: the node private data saved into the framework's blob and
 // restored from it.
-//
-// Until it is written, the operation keeps the framework's base behaviour
-// (nothing to do).
 #include "qzvm_plugin.h"
+
+using qzvmfi_report::reportingExceptions;
 
 int CQzVMPlugin::processProviderState(qfi_domain* node, qfi_blob* blob, qfi_op_providerstate op) {
   QZ_PLUGIN_SCOPE("processProviderState");
-  return CFiPluginBase::processProviderState(node, blob, op);
+  if (node == nullptr) {
+    // Without a trace log the check answers success: the framework then has
+    // nothing to report it to either.
+    if (!m_traceLog) {
+      return 0;
+    }
+    QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::processProviderState invalid input");
+    return 3;
+  }
+  return reportingExceptions(
+      {"processProviderState", kQzVMPluginSource, __LINE__},
+      [&] {
+        int result = 3;
+        if (op == QFI_PS_RESTORE) {
+          result = restoreProviderState(node, blob);
+        } else if (op == QFI_PS_SAVE) {
+          result = saveProviderState(node, blob);
+        } else {
+          QZ_TRACE(m_traceLog, 1,
+                   "CQzVMPlugin::processProviderState not valid providerstate operation");
+        }
+        if (result != 0) {
+          QZ_TRACE(m_traceLog, 1,
+                   "CQzVMPlugin::processProviderState blob null or private data invalid");
+        }
+        return result;
+      },
+      [this](bool) {
+        QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::processProviderState failed");
+        return 6;
+      });
+}
+
+// What a corrupt blob held before it broke off stays: the restore succeeds.
+int CQzVMPlugin::restoreProviderState(qfi_domain* node, qfi_blob* blob) {
+  CQzVMData* data = GetPrivateData(node);
+  if (data == nullptr) {
+    data = createPrivateData(node, 0);
+  }
+  if (data == nullptr) {
+    return 3;
+  }
+  data->extractFromBlob(blob);
+  return 0;
+}
+
+// A node without private data has nothing to save: the blob stays as it was.
+int CQzVMPlugin::saveProviderState(qfi_domain* node, qfi_blob* blob) {
+  CQzVMData* data = GetPrivateData(node);
+  if (blob == nullptr) {
+    QZ_TRACE(m_traceLog, 1,
+             "CQzVMPlugin::processProviderState - invalid input. provider state blob null.");
+    return 3;
+  }
+  if (data == nullptr) {
+    return 0;
+  }
+  return data->createBlob(blob);
 }

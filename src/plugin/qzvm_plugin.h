@@ -127,15 +127,61 @@ class CQzVMPlugin : public qzfi_pdk_4_4::CFiPluginBase {
  private:
   // Helpers of each file go under its name, in the order of the file.
   // claim.cc
+  // The path name of the node's object; empty when it has none.
+  static std::string objectPathOf(const qfi_domain* node);
+  // Marks the node as this plug-in's: its type word, its name (object's
+  // path name, the same buffer) and its cleared state words.
+  static void writeNodeRecord(qfi_domain* node, const qzfi_objid* object);
+  // The node's new private data (flag 1: an alternate node), with the
+  // plug-in's trace log; null without a private-data factory.
+  CQzVMData* createPrivateData(qfi_domain* node, int flag);
+  // Pairs osDisks[i] with dmpNodes[i] both ways in the node's private data:
+  // 0, or 6 when the node has none.
+  int storeDiskDMPMapInPrivateData(qfi_domain* node, const std::vector<std::string>& osDisks,
+                                   const std::vector<std::string>& dmpNodes);
   // alt_tree.cc
+  struct OwnerTexts;
+  static const OwnerTexts kBuildOwnerTexts;
+  static const OwnerTexts kImportOwnerTexts;
+  // Gives the new volume's block device, and its raw device beside it, the
+  // owner recorded for the primary volume: 0, 1091 when an owner cannot be
+  // set, or the texts' status when the raw path cannot be made.
+  int giveOwnerOfPrimary(const qzfi_objid* made, CQzVMData* data, const OwnerTexts& texts);
   // deport.cc
+  int noObjectToDeport(int severity);
+  int keepConfiguration(const std::string& path, CQzVMData* data);
+  int deportAndRemoveDisks(const std::string& path);
+  int enableEntry(const qfi_node_subobj_list& entry);
+  void leaveGroupDeported(const std::string& path, const std::vector<std::string>& restoredDisks);
+  // Start, or stop, the volume of path (with its DCO volumes and volume
+  // sets): 0, or 6 after reporting the failure.
+  int onlineVolume(qfi_domain* node, const std::string& path, CQzVMData* data);
+  int offlineResource(qfi_domain* node, const std::string& path, CQzVMData* data);
   // provider_state.cc
+  int restoreProviderState(qfi_domain* node, qfi_blob* blob);
+  int saveProviderState(qfi_domain* node, qfi_blob* blob);
   // resources.cc
+  // Takes a disk's volume-manager identity away: 0, or non-zero when it
+  // stays.
+  int deleteDisk(const std::string& node);
+  int onlinePersistentResource(const std::vector<std::string>& osDisks, char*** paths,
+                               int* pathCount);
+  int createFreshVolume(std::string& dg, std::string& volume,
+                        const std::vector<std::string>& osDisks);
+  // "/dev/qz/dsk/<dg>/<volume>" handed out by allocBuffer; 3 when a name is
+  // empty.
+  int createPathAndAllocBuffer(const std::string& dg, const std::string& volume, char*** paths,
+                               int* count);
+  // A one-entry, null-terminated array of the framework's allocator holding
+  // path, and count 1: 0, or 5 when memory runs out.
+  int allocBuffer(const std::string& path, char*** paths, int* count);
 
-  // Plug-in state; deport.cc adds the rescan-pending flag of postDeport.
+  // Plug-in state.
   unsigned char m_delayedInitRun = 0;
   CQzVMEngine* m_engine;
   CQzVMSupport m_support;
+  // Set until the first postDeport has had the disks rescanned.
+  bool m_rescanPending = true;
 };
 
 #endif  // QZVMFI_PLUGIN_QZVM_PLUGIN_H

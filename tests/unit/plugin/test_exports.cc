@@ -10,22 +10,19 @@
 #include <gtest/gtest.h>
 #include <qzfi/cfiapiexport.h>
 
-#include "../plugin_env.h"
-#include "plugin/qzvm_plugin.h"
+#include "exports_env.h"
 
 namespace {
 
 using qzfi_pdk_4_4::CFiExecSeam;
 using qzfi_pdk_4_4::CFiIcuMessagePtr;
 using qzfi_pdk_4_4::CFiSmartPtr;
-using qzvmfi_test::PluginEnv;
+using qzvmfi_test::ExportsTest;
+using qzvmfi_test::kRpm;
+using qzvmfi_test::Lines;
+using qzvmfi_test::PluginSingleton;
 using qzvmfi_test::Pushed;
 using qzvmfi_test::ScopedEnv;
-using Lines = std::vector<std::string>;
-using PluginSingleton = qzfi_pdk_4_4::CFiContextSingleton<CQzVMPlugin, qzvmfi>;
-
-const char kRpm[] = "/bin/rpm -qa ";
-const Lines kInstalled = {"glibc-2.36\n", "ZOLKqzvm-8.0.0-1.x86_64\n"};
 
 // Every entry point, by name.
 const Lines kEntryPoints = {"qzvmfi_fi_pgn_post_deport",
@@ -134,38 +131,6 @@ std::set<std::string> exportedSymbols(const std::string& path) {
   return names;
 }
 
-// The plug-in as a framework reaches it: through its entry points, with
-// the volume manager's tools answered by the exec seam.
-class ExportsTest : public PluginEnv {
- protected:
-  void SetUp() override {
-    PluginEnv::SetUp();
-    m_traceLevel = std::make_unique<ScopedEnv>("QZFI_TRACE_LEVEL", "6");
-    CFiExecSeam::answer(kRpm, 0, kInstalled);
-  }
-
-  void TearDown() override {
-    qzvmfi_fi_pgn_fini();
-    m_traceLevel.reset();
-    PluginEnv::TearDown();
-  }
-
-  int initPlugin(qfi_startup* startup = nullptr) {
-    return qzvmfi_fi_pgn_init(startup, &m_version, "qzfi-test");
-  }
-
-  bool enteredScope(const std::string& function) const {
-    return !traced("Entering Function " + function + " [").empty();
-  }
-
-  static CQzVMPlugin& plugin() { return *PluginSingleton::instance(); }
-
-  qfi_version m_version{0, 9, 9, 9};
-
- private:
-  std::unique_ptr<ScopedEnv> m_traceLevel;
-};
-
 // ===== what the library exports =====
 
 TEST_F(ExportsTest, LibraryExportsTheEntryPointsAndNamesAndNothingElse) {
@@ -263,6 +228,7 @@ TEST_F(ExportsTest, InitWritesTheVersionEvenWhenThePluginCannotStart) {
 
 TEST_F(ExportsTest, InitThenFiniThenInitMakesFreshSingletons) {
   ASSERT_EQ(0, initPlugin());
+  // The first deport of a plug-in has the disks rescanned.
   EXPECT_EQ(0, qzvmfi_fi_pgn_post_deport(nullptr, nullptr));
   CFiSmartPtr<CQzVMPlugin> first = PluginSingleton::instance();
   auto firstLog = qzvmfi_ctx::TraceLog::instance();
@@ -292,7 +258,7 @@ TEST_F(ExportsTest, InitThenFiniThenInitMakesFreshSingletons) {
   EXPECT_NE(firstData, qzvmfi_ctx::PrivateDataManager::instance());
   EXPECT_NE(firstSessions, qzvmfi_ctx::SessionManager::instance());
   EXPECT_EQ(qzvmfi_ctx::TraceLog::instance(), CQzVMEngine::getInstance()->getTraceLog());
-  EXPECT_EQ((Lines{kRpm, kRpm}), CFiExecSeam::commands());
+  EXPECT_EQ((Lines{kRpm, "/usr/sbin/qzdisk   scandisks ", kRpm}), CFiExecSeam::commands());
 }
 
 TEST_F(ExportsTest, InitTakesTheNativeLanguageOfTheStartupRecord) {
@@ -560,6 +526,11 @@ struct Reach {
 TEST_F(ExportsTest, EveryEntryPointReachesItsOperation) {
   ASSERT_EQ(0, initPlugin());
   qfi_domain node{};
+  // A node that names a volume: the operations that split its path need it.
+  char volumePath[] = "/dev/qz/dsk/dg1/vol1";
+  qzfi_objid volumeId{volumePath, 3, sizeof volumePath};
+  qfi_domain volumeNode{};
+  volumeNode.objid = &volumeId;
   qfi_splitnode split{};
   qfi_quiescenode quiesce{};
   qfi_snapreplica_ele element{};
@@ -675,7 +646,7 @@ TEST_F(ExportsTest, EveryEntryPointReachesItsOperation) {
       {"cache_enable", nullptr, [&] { return qzvmfi_fi_pgn_cache_enable(&node, 0); }},
       {"cache_disable", nullptr, [&] { return qzvmfi_fi_pgn_cache_disable(&node, 0); }},
       {"build_alttree", "buildAltTree",
-       [&] { return qzvmfi_fi_pgn_build_alttree(&node, nullptr, nullptr, nullptr, 0, &id); }},
+       [&] { return qzvmfi_fi_pgn_build_alttree(&volumeNode, nullptr, nullptr, nullptr, 0, &id); }},
       {"subobj_list", "subobjList", [&] { return qzvmfi_fi_pgn_subobj_list(&node, &ids, &count); }},
       {"online", "online", [&] { return qzvmfi_fi_pgn_online(&node, &node, 1, QFI_DISP_NONE); }},
       {"dispose", "dispose",
@@ -736,11 +707,17 @@ TEST_F(ExportsTest, EveryEntryPointReachesItsOperation) {
        [&] { return qzvmfi_fi_pgn_make(nullptr, &split, nullptr, 0, &ids, &count); }},
   };
   ASSERT_EQ(kEntryPoints.size() - 2, table.size());  // all but init and fini
+  // A node without an object has no volume to initialise.
+  const std::set<std::string> failing = {"init_node", "init_altnode", "init_remnode"};
   for (const Reach& reach : table) {
     m_trace.clear();
     const std::string entry = std::string("qzvmfi_fi_pgn_") + reach.entry;
     const int got = reach.call();
-    EXPECT_TRUE(got == 0 || got == 3) << entry << " returned " << got;
+    if (failing.count(reach.entry) != 0) {
+      EXPECT_EQ(6, got) << entry;
+    } else {
+      EXPECT_TRUE(got == 0 || got == 3) << entry << " returned " << got;
+    }
     ASSERT_FALSE(m_trace.empty()) << entry;
     EXPECT_EQ(0u, m_trace.front().text.rfind("Entering Function " + entry + " [", 0)) << entry;
     EXPECT_NE(std::string::npos, m_trace.front().text.find(", pdk/include/cfiapiexport]")) << entry;

@@ -1,0 +1,157 @@
+// Provider state through the entry point: the node private data saved into
+// a blob, and restored from one in a plug-in that has never seen the node.
+#include <gtest/gtest.h>
+
+#include "exports_env.h"
+
+namespace {
+
+using qzvmfi_test::Lines;
+using qzvmfi_test::OperationsTest;
+using qzvmfi_test::TestNode;
+
+class ProviderStateTest : public OperationsTest {
+ protected:
+  // A fresh plug-in, as on another host: the framework's managers and the
+  // plug-in are made anew.
+  void restartPlugin() {
+    qzvmfi_fi_pgn_fini();
+    ASSERT_EQ(0, initPlugin());
+    m_trace.clear();
+  }
+
+  // A provider state with every record, as the plug-in writes it: deported,
+  // lists, alternate volume, group id, one disk with two private-region lines
+  // (the record ends with a line feed of its own, so an empty line follows
+  // it and the separator makes another), two configuration lines and the
+  // owner.
+  static std::string fullState() {
+    return "fiid_isqzvmdeported 1\n"
+           "fiid_vt set1\n"
+           "fiid_v vol1 vol1_dcl\n"
+           "fiid_altvol /dev/qz/dsk/dg1/vol1\n"
+           "fiid_dgid 17.9.A\n"
+           "fiid_volpriv sdb dg1d00 qzarr0_0 2\n"
+           "Device:    qzarr0_0\n"
+           "type:      auto\n"
+           "\n"
+           "\n"
+           "fiid_dgconfig dg1 2\n"
+           "dg dg1\n"
+           "\tguid={1}\n"
+           "\n"
+           "fiid_uigid 1234 5678";
+  }
+};
+
+TEST_F(ProviderStateTest, ASaveForANodeWithoutPrivateDataLeavesTheBlob) {
+  TestNode node("/dev/qz/dsk/dg1/vol1");
+  char text[] = "untouched";
+  qfi_blob blob{77, text, 9};
+  EXPECT_EQ(0, qzvmfi_fi_pgn_process_providerstate(&node.domain, &blob, QFI_PS_SAVE));
+  EXPECT_EQ(77u, blob.len);
+  EXPECT_EQ(text, blob.data);
+  EXPECT_EQ(9, blob.flag);
+  EXPECT_STREQ("untouched", text);
+}
+
+TEST_F(ProviderStateTest, ARestoreIntoANodeWithoutPrivateDataCreatesAndFillsIt) {
+  TestNode node("/dev/qz/dsk/dg1/vol1");
+  ASSERT_EQ(nullptr, dataOf(&node.domain));
+  ASSERT_EQ(0, restoreState(&node.domain, fullState()));
+  CQzVMData* data = dataOf(&node.domain);
+  ASSERT_NE(nullptr, data);
+  EXPECT_EQ(1, data->getDeported());
+  EXPECT_EQ(Lines{"set1"}, data->vtList());
+  EXPECT_EQ((Lines{"vol1", "vol1_dcl"}), data->vList());
+  EXPECT_EQ("/dev/qz/dsk/dg1/vol1", data->getAltVol());
+  EXPECT_EQ("17.9.A", data->getDGId());
+  EXPECT_EQ(1234, data->getOwnerUid());
+  EXPECT_EQ(5678, data->getOwnerGid());
+  std::string node0;
+  data->getDiskDMPMap("sdb", node0);
+  EXPECT_EQ("qzarr0_0", node0);
+  Lines listing;
+  ASSERT_EQ(0, data->getVolPrivInfoPerDiskFromFiid("qzarr0_0", listing));
+  EXPECT_EQ((Lines{"Device:    qzarr0_0", "type:      auto"}), listing);
+  std::string dg;
+  Lines config;
+  ASSERT_EQ(0, data->getDGConfigFromPD(dg, config));
+  EXPECT_EQ("dg1", dg);
+  EXPECT_EQ((Lines{"dg dg1\n", "\tguid={1}\n"}), config);
+  EXPECT_TRUE(commands().empty());
+}
+
+// What the framework moves between hosts comes back whole in a plug-in that
+// never saw the node.
+TEST_F(ProviderStateTest, ASavedStateIsRestoredWholeInAFreshPlugin) {
+  std::string saved;
+  {
+    TestNode node("/dev/qz/dsk/dg1/vol1");
+    ASSERT_EQ(0, restoreState(&node.domain, fullState()));
+    saved = savedState(&node.domain);
+  }
+  EXPECT_EQ(fullState(), saved);
+  restartPlugin();
+  TestNode node("/dev/qz/dsk/dg1/vol1");
+  ASSERT_EQ(0, restoreState(&node.domain, saved));
+  EXPECT_EQ(saved, savedState(&node.domain));
+}
+
+TEST_F(ProviderStateTest, ASaveFillsTheBlobWithTheTextAndItsTerminator) {
+  TestNode node("/dev/qz/dsk/dg1/vol1");
+  ASSERT_EQ(0, restoreState(&node.domain, "fiid_uigid 0 0"));
+  qfi_blob blob{};
+  ASSERT_EQ(0, qzvmfi_fi_pgn_process_providerstate(&node.domain, &blob, QFI_PS_SAVE));
+  EXPECT_EQ(15u, blob.len);
+  EXPECT_STREQ("fiid_uigid 0 0", blob.data);
+  EXPECT_EQ(1, blob.flag);
+  qzfi_free_buf(blob.data, blob.len);
+}
+
+TEST_F(ProviderStateTest, ARestoreOfATruncatedConfigurationKeepsWhatWasRead) {
+  TestNode node("/dev/qz/dsk/dg1/vol1");
+  EXPECT_EQ(0, restoreState(&node.domain,
+                            "fiid_altvol /dev/qz/dsk/dg1/vol1\nfiid_dgconfig dg1 3\ndg dg1\n"
+                            "\tguid={1}"));
+  EXPECT_TRUE(wasTraced(1, "CQzVMData::extractFromBlob - looks like fiid is corrupted."));
+  EXPECT_FALSE(wasTraced(1, "CQzVMPlugin::processProviderState blob null or private data invalid"));
+  CQzVMData* data = dataOf(&node.domain);
+  ASSERT_NE(nullptr, data);
+  EXPECT_EQ("/dev/qz/dsk/dg1/vol1", data->getAltVol());
+  EXPECT_EQ("", data->getDGName());
+}
+
+TEST_F(ProviderStateTest, AnOperationOtherThanSaveOrRestoreReturns3) {
+  TestNode node("/dev/qz/dsk/dg1/vol1");
+  qfi_blob blob{};
+  EXPECT_EQ(3, qzvmfi_fi_pgn_process_providerstate(&node.domain, &blob,
+                                                   static_cast<qfi_op_providerstate>(2)));
+  EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::processProviderState not valid providerstate operation"));
+  EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::processProviderState blob null or private data invalid"));
+  EXPECT_EQ(nullptr, blob.data);
+}
+
+TEST_F(ProviderStateTest, ASaveWithoutABlobReturns3) {
+  TestNode node("/dev/qz/dsk/dg1/vol1");
+  ASSERT_EQ(0, restoreState(&node.domain, "fiid_uigid 0 0"));
+  EXPECT_EQ(3, qzvmfi_fi_pgn_process_providerstate(&node.domain, nullptr, QFI_PS_SAVE));
+  EXPECT_TRUE(
+      wasTraced(1, "CQzVMPlugin::processProviderState - invalid input. provider state blob null."));
+  EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::processProviderState blob null or private data invalid"));
+}
+
+TEST_F(ProviderStateTest, ANullNodeReturns3) {
+  qfi_blob blob{};
+  EXPECT_EQ(3, qzvmfi_fi_pgn_process_providerstate(nullptr, &blob, QFI_PS_SAVE));
+  EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::processProviderState invalid input"));
+}
+
+// A plug-in without a trace log answers a null node with success.
+TEST_F(ProviderStateTest, ANullNodeWithoutATraceLogReturns0) {
+  qzfi_pdk_4_4::CFiSmartPtr<CQzVMPlugin> untraced(new CQzVMPlugin());
+  qfi_blob blob{};
+  EXPECT_EQ(0, untraced->processProviderState(nullptr, &blob, QFI_PS_SAVE));
+}
+
+}  // namespace
