@@ -86,7 +86,13 @@ typedef enum qfi_disposition {
   QFI_DISP_DEPORT = 3
 } qfi_disposition;
 
-typedef enum qfi_op_providerstate { QFI_PS_RESTORE = 0, QFI_PS_SAVE = 1 } qfi_op_providerstate;
+/* A plug-in gets whatever value its caller passes and rejects the ones it
+   does not know: the type holds any such value. */
+typedef enum qfi_op_providerstate {
+  QFI_PS_RESTORE = 0,
+  QFI_PS_SAVE = 1,
+  QFI_PS_ANY = 0x7fffffff
+} qfi_op_providerstate;
 
 typedef enum qfi_intent {
   QFI_INTENT_NONE = 0,

@@ -89,6 +89,7 @@ class PluginLibrary {
     }
     for (int i = 0; i < count; ++i) {
       names.push_back(ids[i]->name);
+      qzfi_free_objid(ids[i]);
     }
     qzfi_free_buf(ids, sizeof(qzfi_objid*) * static_cast<size_t>(count));
     return names;

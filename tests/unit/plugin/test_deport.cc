@@ -204,6 +204,9 @@ TEST_F(DeportTest, DeportTreeWhoseConfigurationCannotBeReadReturns6) {
       3,
       "CQzVMPlugin::deportTree - unable to get qzdg's configuration for object=" + m_path + "."));
   EXPECT_EQ("", dataOf(node())->getAltVol());
+  // The framework takes the object id of each call.
+  qzfi_free_objid(m_node->access.objid);
+  m_node->access.objid = nullptr;
   access.disposition = QFI_DISP_KEEP;
   EXPECT_EQ(6, qzvmfi_fi_pgn_deport_tree(node(), nullptr, &access));
 }

@@ -725,6 +725,7 @@ TEST_F(ExportsTest, EveryEntryPointReachesItsOperation) {
       EXPECT_TRUE(enteredScope(reach.operation)) << entry << " -> " << reach.operation;
     }
   }
+  qzvmfi_fi_pgn_del_last_error(&messages);
 }
 
 }  // namespace
