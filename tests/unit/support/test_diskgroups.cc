@@ -15,6 +15,14 @@ TEST_F(SupportOpsTest, IsDGPresentListsTheGroup) {
   EXPECT_FALSE(m_support->isDGPresent("dg9"));
 }
 
+// Only "not found" says that the group is not here: a listing that failed
+// otherwise leaves it taken for present.
+TEST_F(SupportOpsTest, IsDGPresentUnlessTheListingSaysNotFound) {
+  answer(cmd("qzdg   list dg1"), 9,
+         out({"QZVM qzdg ERROR Q-5-1-99 lost the configuration daemon"}));
+  EXPECT_TRUE(m_support->isDGPresent("dg1"));
+}
+
 TEST_F(SupportOpsTest, IsDGEnabledReadsTheStateColumn) {
   answer(cmd("qzdg   list "), 0, kDgList);
   EXPECT_TRUE(m_support->isDGEnabled("dg1"));
