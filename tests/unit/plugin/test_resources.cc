@@ -463,6 +463,15 @@ class FormatTest : public ResourcesTest {
     return qzvmfi_fi_pgn_format(disks.get(), disks.count(), name, nullptr, options, flags,
                                 paths.paths(), paths.count());
   }
+
+  // "/dev/sde" made a volume "data" of the test's group.
+  int formatData() {
+    TestTextArray disks({"/dev/sde"});
+    TestPaths paths;
+    char name[] = "data";
+    std::string options = "diskGroup=" + m_dg;
+    return format(disks, name, &options[0], 0x1, paths);
+  }
 };
 
 TEST_F(FormatTest, FormatWithoutNamesMakesAGroupOfItsOwnWithTheDefaultVolume) {
@@ -516,11 +525,7 @@ TEST_F(FormatTest, FormatWhoseGroupCannotBeMadeReturns6) {
     answer.output.clear();
     return true;
   });
-  TestTextArray disks({"/dev/sde"});
-  TestPaths paths;
-  char name[] = "data";
-  std::string options = "diskGroup=" + m_dg;
-  EXPECT_EQ(6, format(disks, name, &options[0], 0x1, paths));
+  EXPECT_EQ(6, formatData());
   EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::format - unable to create fresh dg '" + m_dg +
                                "' and volume 'data' on disks."));
 }
@@ -537,11 +542,7 @@ TEST_F(FormatTest, FormatWhoseVolumeCannotBeMadeDestroysTheNewGroup) {
     }
     return true;
   });
-  TestTextArray disks({"/dev/sde"});
-  TestPaths paths;
-  char name[] = "data";
-  std::string options = "diskGroup=" + m_dg;
-  EXPECT_EQ(6, format(disks, name, &options[0], 0x1, paths));
+  EXPECT_EQ(6, formatData());
   const Lines runs = commands();
   ASSERT_GE(runs.size(), 2u);
   EXPECT_EQ((Lines{qz("qzdg   list " + m_dg), qz("qzdg   destroy " + m_dg)}),
