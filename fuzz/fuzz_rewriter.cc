@@ -5,6 +5,7 @@
 // record nor a guid line; rewriting without a change of names is
 // idempotent; and rewriting a dump without zero bytes to fresh names and
 // back gives the same file as no rewriting at all.
+#include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -83,10 +84,30 @@ Names freshNames(const char* prefix, size_t count) {
   return names;
 }
 
+// The dump's lines as the rewriter reads them: a dump holding a zero byte
+// is read with fgetline, which ends a line at the zero and glues what it
+// reads next to it.
+Names readerLines(const std::string& dump) {
+  Names lines;
+  if (dump.find('\0') == std::string::npos) {
+    std::istringstream in(dump);
+    for (std::string line; std::getline(in, line);) {
+      lines.push_back(line);
+    }
+    return lines;
+  }
+  FILE* in = fmemopen(const_cast<char*>(dump.data()), dump.size(), "r");
+  for (std::string line; CQzVMSupport::fgetline(line, in), !line.empty();) {
+    lines.push_back(line);
+  }
+  fclose(in);
+  return lines;
+}
+
 bool rewritableWithDesignedAbort(const std::string& dump) {
+  const Names lines = readerLines(dump);
   for (const char* key : {"path", "da_name", "dm_name"}) {
-    std::istringstream lines(dump);
-    for (std::string line; std::getline(lines, line);) {
+    for (const std::string& line : lines) {
       if (valueStartsWithComma(line, key)) {
         return true;
       }
