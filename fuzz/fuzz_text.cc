@@ -1,25 +1,19 @@
-// The text helpers that take the tools' output apart, on arbitrary lines.
-// getValForKey stops the process on a value that begins with a comma by
-// design, so such lines are not handed to it.
+// The key/value and list helpers that take the tools' output apart, on
+// arbitrary lines. getValForKey stops the process on a value that begins
+// with a comma by design, so such lines are not handed to it.
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "fuzz_env.h"
 #include "support/qzvm_support.h"
 
 namespace {
 
-const char* const kKeys[] = {"dm_name", "da_name", "path", "len", "guid"};
+using qzvmfi_fuzz::valueStartsWithComma;
 
-bool valueStartsWithComma(const std::string& line, const std::string& key) {
-  std::string::size_type at = line.find(key + "=");
-  if (at == std::string::npos) {
-    return false;
-  }
-  std::string::size_type value = line.find_first_not_of(" \n\t\r", at + key.size() + 1);
-  return value != std::string::npos && line[value] == ',';
-}
+const char* const kKeys[] = {"dm_name", "da_name", "path", "len", "guid"};
 
 void checkLine(const std::string& line) {
   for (int i = 0; i < 4; ++i) {
@@ -47,6 +41,31 @@ void checkLine(const std::string& line) {
   }
 }
 
+// A name made unique against the lines is unique, fits the volume
+// manager's limit and ends in "_" and a number; or is empty when all 1024
+// tries are taken.
+void checkUniqueName(const std::vector<std::string>& names, const std::string& base) {
+  std::string name = base;
+  createUniqueInVector(names, name);
+  if (name.empty()) {
+    if (names.size() < 1024) {
+      abort();
+    }
+    return;
+  }
+  const std::string::size_type underscore = name.rfind('_');
+  if (!isUniqueInVector(names, name) || name.size() > 31 || underscore == std::string::npos ||
+      underscore + 1 == name.size() ||
+      name.find_first_not_of("0123456789", underscore + 1) != std::string::npos) {
+    abort();
+  }
+  if (!checkVectorMatch({}, names, false) ||
+      (!names.empty() && !checkVectorMatch(names, names, true)) ||
+      checkVectorMatch({name}, names, false)) {
+    abort();
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
@@ -61,5 +80,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   }
   std::string value;
   getMetaValForkey(lines, "disk:", value);
+  checkUniqueName(lines, lines.empty() ? std::string() : lines.front());
   return 0;
 }

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds everything with warnings as errors and runs every test, then does the
-# same under AddressSanitizer and UndefinedBehaviorSanitizer.
+# same under AddressSanitizer and UndefinedBehaviorSanitizer, then fuzzes
+# each fuzz target for a short while.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/setup.sh
@@ -29,3 +30,5 @@ run_suite build
 echo "== build and test under AddressSanitizer and UndefinedBehaviorSanitizer"
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   run_suite build-asan -DQZ_SANITIZE=ON -DQZ_BUILD_BENCH=OFF
+echo "== fuzz each target for a short while"
+./scripts/fuzz.sh "${QZ_FUZZ_SECONDS:-15}"

@@ -182,8 +182,8 @@ int CQzVMEngine::deactiveVol(const std::string& dg, const std::string& /*volume*
 int CQzVMEngine::runVSetCommand(const std::string& dg, const std::string& vset,
                                 const char* action) {
   Names output;
-  return m_cliTool.executeCommand(
-      (m_cliPath.commandDir + "qzvset " + " -g " + dg + action + vset).c_str(), output);
+  return m_cliTool.run(
+      CQzVMCommandLine(m_cliPath.commandDir, "qzvset ").add(" -g ", dg, action, vset), output);
 }
 
 int CQzVMEngine::onlineVSet(const std::string& dg, const std::string& vset, CQzVMData* /*data*/) {

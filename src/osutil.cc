@@ -38,17 +38,17 @@ std::string& sysRoot() {
 bool CFiQzVMUtil::isInstalled() {
   CFiTraceLogPtr log = pluginTraceLog();
   CFiTraceLogFunction scope(log, "isInstalled", 20, "osutil");
-  std::string command = std::string("/bin/") + "rpm" + " -qa ";
+  const CQzVMCommandLine command = CQzVMCommandLine("/bin/", "rpm").add(" -qa ");
   std::vector<std::string> output;
   CQzVMCliTool tool;
   tool.registerTraceLog(log);
-  int status = tool.executeCommand(command.c_str(), output);
+  int status = tool.run(command, output);
   if (status == 0 && qzfi_pdk_4_4::CFiStringTool::find(output, "ZOLKqzvm", 0, false) >= 0) {
     return true;
   }
   // Reported also when rpm ran but does not list the package.
-  qzvmfi_report::pushError("MSG_ERROR_COMMAND_FAILED", {"isInstalled", command, joinLines(output)},
-                           "osutil", __LINE__);
+  qzvmfi_report::pushError("MSG_ERROR_COMMAND_FAILED",
+                           {"isInstalled", command.text(), joinLines(output)}, "osutil", __LINE__);
   QZ_TRACE(log, 3, "CFiQzVMUtil::isInstalled - qzvm not installed.");
   return false;
 }

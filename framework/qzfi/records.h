@@ -79,11 +79,14 @@ typedef struct qfi_blob {
   int32_t flag; /* 1 once a plug-in has filled the blob */
 } qfi_blob;
 
+/* Like the operation type below, the dispositions and intents hold any
+   value a caller passes. */
 typedef enum qfi_disposition {
   QFI_DISP_NONE = 0,
   QFI_DISP_DELETE = 1, /* delete the snapshot object */
   QFI_DISP_KEEP = 2,
-  QFI_DISP_DEPORT = 3
+  QFI_DISP_DEPORT = 3,
+  QFI_DISP_ANY = 0x7fffffff
 } qfi_disposition;
 
 /* A plug-in gets whatever value its caller passes and rejects the ones it
@@ -97,7 +100,8 @@ typedef enum qfi_op_providerstate {
 typedef enum qfi_intent {
   QFI_INTENT_NONE = 0,
   QFI_INTENT_BACKUP = 1,
-  QFI_INTENT_RESTORE = 2
+  QFI_INTENT_RESTORE = 2,
+  QFI_INTENT_ANY = 0x7fffffff
 } qfi_intent;
 
 typedef struct qfi_splitnode {

@@ -138,6 +138,9 @@ int CQzVMPlugin::AddSubObjects(qfi_domain* node, CQzVMData* data) {
     return 3;
   }
   const std::string path = objectPathOf(node);
+  // The node's sub-objects are the disks found now: a node initialised
+  // again does not list its disks twice.
+  clearSubObjects(node);
   return reportingExceptions(
       {"AddSubObjects", kQzVMPluginSource, __LINE__},
       [&] {

@@ -386,6 +386,10 @@ int CQzVMPlugin::createFreshVolume(std::string& dg, std::string& volume, const N
     QZ_TRACE(m_traceLog, 1,
              "CQzVMPlugin::format - unable to create fresh dg '%s' and volume '%s' on disks.",
              dg.c_str(), volume.c_str());
+    // No group had the name before: what was made of the group holds no
+    // data yet and is destroyed, so that the disks are free for the next
+    // attempt.
+    m_support.destroyDG(dg, true);
     return 6;
   }
   return 0;

@@ -4,9 +4,8 @@
 
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdlib>
 #include <map>
+#include <random>
 
 #include "report.h"
 #include "support/internal.h"
@@ -16,9 +15,15 @@ using qzvm_support_internal::contains;
 using qzvm_support_internal::lineHolding;
 using qzvmfi_report::joinLines;
 
+// Only the volume manager's "not found" (status 11) says that the group is
+// not imported here. A listing that failed otherwise says nothing of it:
+// taking the group for gone would skip its deport or destroy and then take
+// its disks away under it, so it counts as present and the step that
+// follows fails in the open.
 bool CQzVMSupport::isDGPresent(const std::string& dg) {
+  const int kNotFound = 11;
   std::vector<std::string> output;
-  return run(tool("qzdg  ", " list ", dg), output) == 0;
+  return run(tool("qzdg  ", " list ", dg), output) != kNotFound;
 }
 
 bool CQzVMSupport::isDGEnabled(const std::string& dg) {
@@ -82,21 +87,25 @@ void CQzVMSupport::getNewDGName(const std::string& base, std::string& name) {
   trace(1, "CQzVMSupport::getNewDGName - unable to create new unique dg name.");
 }
 
+namespace {
+
+// "tpu_fi" and six letters or digits drawn from the kernel's random source,
+// as a temporary file's name would have.
+std::string randomGroupBase() {
+  static const char kChars[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+  std::random_device source;
+  std::uniform_int_distribution<size_t> pick(0, sizeof kChars - 2);
+  std::string base = "tpu_fi";
+  for (int i = 0; i < 6; ++i) {
+    base += kChars[pick(source)];
+  }
+  return base;
+}
+
+}  // namespace
+
 int CQzVMSupport::getNewDGName(std::string& name) {
-  std::string base;
-  char* generated = tempnam("/dev/qz/dsk", "tpu_fi");
-  if (generated != nullptr) {
-    base = generated;
-    std::free(generated);
-  } else {
-    trace(2, "CQzVMSupport::getNewDGName - tempnam failed: %s",
-          qzfi_pdk_4_4::CFiPlatformError::returnErrorMsg(errno).c_str());
-  }
-  size_t slash = base.rfind('/');
-  if (slash != std::string::npos) {
-    base.erase(0, slash + 1);
-  }
-  getNewDGName(base, name);
+  getNewDGName(randomGroupBase(), name);
   trace(3, "CQzVMSupport::getNewDGName - created new dg name '%s'.", name.c_str());
   return 0;
 }

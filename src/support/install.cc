@@ -97,6 +97,11 @@ bool CQzVMSupport::isDG(const std::string& line) {
 
 void CQzVMSupport::removeDevicesFromOSDeviceTree(const std::vector<std::string>& devices) {
   for (const std::string& device : devices) {
+    // The device names the folder written to: "../" must not reach another.
+    if (const char* fault = qzvmNameFault(device)) {
+      reportRefusedName(m_traceLog, device, fault, "/sys/block");
+      return;
+    }
     char path[256];
     std::snprintf(path, sizeof path, "/sys/block/%s/device/delete", device.c_str());
     FILE* control = std::fopen(qzvmSysPath(path).c_str(), "a");

@@ -383,8 +383,8 @@ int CQzVMSupport::reconfig(const std::string& inFile, const std::string& oldDG,
                            const std::vector<std::string>& vecAltDisks,
                            const std::vector<std::string>& vecPriDMs,
                            const std::vector<std::string>& vecAltDMs, const std::string& outFile) {
-  FILE* in = std::fopen(inFile.c_str(), "r");
-  FILE* out = std::fopen(outFile.c_str(), "w");
+  FILE* in = CFiMyTempFile::openForReading(inFile);
+  FILE* out = CFiMyTempFile::openForWriting(outFile);
   if (in == nullptr || out == nullptr) {
     return 1;
   }
@@ -433,7 +433,8 @@ int CQzVMSupport::reconfig(const std::string& inFile, const std::string& oldDG,
 
 int CQzVMSupport::applyVolConfig(const std::string& dg, const std::string& file) {
   std::vector<std::string> output;
-  return run(tool("qzmake  ", " -g ", dg, " -d ", file), output) == 0 ? 0 : 1;
+  return run(tool("qzmake  ", " -g ", dg, " -d ", CQzVMCommandLine::File{file}), output) == 0 ? 0
+                                                                                              : 1;
 }
 
 int CQzVMSupport::regenerateDGFromDisk(const std::vector<std::string>& disks, std::string& dgName) {

@@ -10,21 +10,6 @@
 
 using qzvmfi_report::pluginTraceLog;
 
-CQzVMCommandLine::CQzVMCommandLine(const std::string& directory, const char* tool)
-    : m_text(directory + tool) {}
-
-void CQzVMCommandLine::append(const char* fragment) {
-  m_text += fragment;
-}
-
-void CQzVMCommandLine::append(const std::string& name) {
-  m_text += name;
-}
-
-void CQzVMCommandLine::append(unsigned long long number) {
-  m_text += std::to_string(number);
-}
-
 CQzVMSupport::CQzVMSupport() {
   registerTraceLog(pluginTraceLog());
   CQzVMConfiguration configuration;
@@ -48,7 +33,7 @@ const std::string& CQzVMSupport::supportToolDir() const {
 }
 
 int CQzVMSupport::run(const CQzVMCommandLine& command, std::vector<std::string>& output) {
-  return m_cliTool.executeCommand(command.text().c_str(), output);
+  return m_cliTool.run(command, output);
 }
 
 void CQzVMSupport::trace(int level, const char* format, ...) {

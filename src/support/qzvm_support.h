@@ -63,34 +63,6 @@ struct SDisksInfo {
   std::string osName;                // OS path found for the node
 };
 
-// One command line of a tool: the tool's directory and name, then fragments
-// of the system's own text, which carry their own blanks (" -g ", " list "),
-// and names that come from elsewhere (groups, disks, volumes, files). Every
-// command of the command layer is built here, so that all that enters a
-// command line passes through one place.
-class CQzVMCommandLine {
- public:
-  // tool carries its own trailing blanks ("qzdg  ").
-  CQzVMCommandLine(const std::string& directory, const char* tool);
-
-  // Appends the pieces in order: literals are the system's own text,
-  // strings are names from elsewhere, numbers are written in decimal.
-  template <typename... Pieces>
-  CQzVMCommandLine& add(const Pieces&... pieces) {
-    (append(pieces), ...);
-    return *this;
-  }
-
-  const std::string& text() const { return m_text; }
-
- private:
-  void append(const char* fragment);
-  void append(const std::string& name);
-  void append(unsigned long long number);
-
-  std::string m_text;
-};
-
 class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
  public:
   // Reads the tool directories, writing the default configuration file when
@@ -275,7 +247,9 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   CQzVMCommandLine supportTool(const char* name, const Pieces&... pieces) const {
     return CQzVMCommandLine(supportToolDir(), name).add(pieces...);
   }
-  // Every command of the support object runs here.
+  // Every command of the support object runs here, through the runner's
+  // run: a line holding a name that failed CQzVMCommandLine's check is not
+  // run and fails with 1.
   int run(const CQzVMCommandLine& command, std::vector<std::string>& output);
   void trace(int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
   int dmpAdmRows(const CQzVMCommandLine& command, std::vector<std::string>& output);

@@ -200,7 +200,7 @@ int CQzVMSupport::fgetline(std::string& line, FILE* stream) {
 }
 
 int CQzVMSupport::putVectorInFile(const std::vector<std::string>& lines, const std::string& path) {
-  FILE* file = fopen(path.c_str(), "w");
+  FILE* file = CFiMyTempFile::openForWriting(path);
   if (file == nullptr) {
     return 1;
   }

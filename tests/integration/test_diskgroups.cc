@@ -57,8 +57,7 @@ TEST_F(DiskGroupTest, DeportedGroupIsImportedUnderANewUniqueName) {
 
   std::string fresh;
   ASSERT_EQ(support().getNewDGName(fresh), 0);
-  // The C library's tempnam keeps only five characters of the prefix.
-  EXPECT_EQ(fresh.compare(0, 5, "tpu_f"), 0) << fresh;
+  EXPECT_EQ(fresh.compare(0, 6, "tpu_fi"), 0) << fresh;
   EXPECT_LE(fresh.size(), 31u);
   EXPECT_FALSE(support().importDG(fresh, "dg1"));
   EXPECT_TRUE(support().isDGPresent(fresh));

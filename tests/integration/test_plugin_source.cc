@@ -218,36 +218,6 @@ TEST_F(PluginSourceTest, DisableThenEnableAccessBringsTheVolumeBackWithDataAndOw
   EXPECT_EQ(std::string("OK"), admin({"check"}).substr(0, 2));
 }
 
-// A tool run of enableAccess that fails, whichever it is, leaves the disks
-// and the data as they were: enableAccess run again brings the volume back.
-TEST_F(PluginSourceTest, AFaultAtAnyToolRunOfEnableAccessIsRecoveredByRunningItAgain) {
-  const std::string before = checksum("A", "dg1", "vol1");
-  startPluginAs("A");
-  initVol1WithItsDisks();
-  qfi_node_subobj_list* list = m_list.get();
-  const auto toolRuns = [this] { return std::stoul(admin({"log", "--host", "A", "--total"})); };
-
-  ASSERT_EQ(0, plugin().disable_access(list, 0));
-  const unsigned long start = toolRuns();
-  ASSERT_EQ(0, plugin().enable_access(list, 0, 0, 0));
-  const unsigned long runs = toolRuns() - start;
-  ASSERT_GT(runs, 10u);
-
-  for (unsigned long nth = 1; nth <= runs; ++nth) {
-    ASSERT_EQ(0, plugin().disable_access(list, 0)) << nth;
-    admin({"fault", "add", "--host", "A", "--nth", std::to_string(nth), "--status", "9", "--stderr",
-           "QZVM fault ERROR Q-5-1-99 injected"});
-    plugin().enable_access(list, 0, 0, 0);
-    admin({"fault", "clear"});
-    ASSERT_EQ(0, plugin().enable_access(list, 0, 0, 0)) << "after a fault at run " << nth;
-    ASSERT_EQ(before, checksum("A", "dg1", "vol1")) << "after a fault at run " << nth;
-    EXPECT_EQ("1001:1002", ownerOf(kVol1)) << nth;
-    const std::string check = admin({"check"});
-    ASSERT_EQ(std::string("OK"), check.substr(0, 2)) << "after a fault at run " << nth << "\n"
-                                                     << check;
-  }
-}
-
 TEST_F(PluginSourceTest, OnlineStopsAndStartsTheVolumeWithAndWithoutADisposition) {
   startPluginAs("A");
   TestNode node(kVol1);

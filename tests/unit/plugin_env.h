@@ -1,6 +1,8 @@
 // Test surroundings of the plug-in's units: private configuration and log
 // folders, the plug-in's trace log read through its sink, an empty error
-// stack, and commands answered by the exec seam instead of being run.
+// stack, commands answered by the exec seam instead of being run, and the
+// plug-in's temporary files in a scratch folder (the seam does not run the
+// command that would remove them).
 #ifndef QZVMFI_TESTS_PLUGIN_ENV_H
 #define QZVMFI_TESTS_PLUGIN_ENV_H
 
@@ -13,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "../host/tempdir.h"
+#include "clitool.h"
 #include "context.h"
 
 namespace qzvmfi_test {
@@ -62,6 +65,8 @@ class PluginEnv : public ::testing::Test {
   void SetUp() override {
     m_configDir = std::make_unique<TempDir>();
     m_logDir = std::make_unique<TempDir>();
+    m_tmpDir = std::make_unique<TempDir>();
+    m_oldTmpFolder = CFiMyTempFile::setFolder(m_tmpDir->path() + "/");
     m_configEnv = std::make_unique<ScopedEnv>("QZFI_CONFIG_DIR", m_configDir->path());
     m_logEnv = std::make_unique<ScopedEnv>("QZFI_LOG_DIR", m_logDir->path());
     auto log = qzvmfi_ctx::TraceLog::instance();
@@ -78,6 +83,8 @@ class PluginEnv : public ::testing::Test {
     qzvmfi_ctx::TraceLog::instance(true);
     m_configEnv.reset();
     m_logEnv.reset();
+    CFiMyTempFile::setFolder(m_oldTmpFolder);
+    m_tmpDir.reset();
     m_configDir.reset();
     m_logDir.reset();
   }
@@ -121,12 +128,16 @@ class PluginEnv : public ::testing::Test {
 
   const std::string& configDir() const { return m_configDir->path(); }
   std::string configFile() const { return m_configDir->file("qzvmfi.conf"); }
+  // Where the plug-in's temporary files go, with its trailing slash.
+  std::string tmpFolder() const { return m_tmpDir->path() + "/"; }
 
   std::vector<TraceLine> m_trace;
 
  private:
   std::unique_ptr<TempDir> m_configDir;
   std::unique_ptr<TempDir> m_logDir;
+  std::unique_ptr<TempDir> m_tmpDir;
+  std::string m_oldTmpFolder;
   std::unique_ptr<ScopedEnv> m_configEnv;
   std::unique_ptr<ScopedEnv> m_logEnv;
 };

@@ -450,12 +450,12 @@ TEST_F(EngineTest, ActiveVolAndCreateObjidGivesTheVolumeId) {
 TEST_F(EngineTest, ActiveVolAndCreateObjidFailures) {
   CQzVMData data(nullptr, false);
   EXPECT_EQ(6, m_engine->activeVolAndCreateObjid("dg1", "vol1", nullptr, newId(), false));
-  volumeStarts("dg1", "/x");
-  on("qzprint   -g dg1  /x", 0, out({"TY NAME ASSOC", "v /x fsgen"}));
-  on("qzinfo   -g dg1 /x", 0, out({"/x fsgen Started"}));
-  EXPECT_EQ(1024, m_engine->activeVolAndCreateObjid("dg1", "/x", &data, newId(), false));
-  EXPECT_TRUE(
-      wasTraced(1, "CQzVMEngine::activeVolAndCreateObjid - unable to create internal object"));
+  // A volume that is already a path is no volume name: nothing is run for it.
+  EXPECT_EQ(6, m_engine->activeVolAndCreateObjid("dg1", "/x", &data, newId(), false));
+  EXPECT_TRUE(wasPushed("MSG_ERROR_INVALID_NAME"));
+  for (const std::string& command : ran()) {
+    EXPECT_EQ(std::string::npos, command.find("/x")) << command;
+  }
 }
 
 // ===== setQzVMConfigInPD =====
@@ -732,7 +732,8 @@ TEST_F(BuildStepTest, ReplayFailureIsReported) {
   EXPECT_EQ(6, buildQzVM(data));
   auto lines = traced(
       "configuration new dg with modified configuration failed. dg=dg1_1 config "
-      "file='/tmp/tpu_f");
+      "file='" +
+      tmpFolder() + "tpu_fi");
   ASSERT_EQ(1u, lines.size());
   EXPECT_EQ(1, lines[0].level);
   EXPECT_TRUE(wasPushed("MSG_ERROR_UNABLE_TO_APPLY_CONFIGURATION_TO_DISKGROUP"));
@@ -958,7 +959,8 @@ TEST_F(RecreateTest, StepFailuresTraceTheirOwnTexts) {
   onPrefix("qzmake   -g dg1 -d ", 1);
   EXPECT_EQ(6, recreate());
   EXPECT_EQ(1u, traced("CQzVMEngine::recreateDG dg with modified configuration failed. dg=dg1 "
-                       "config file='/tmp/tpu_f")
+                       "config file='" +
+                       tmpFolder() + "tpu_fi")
                     .size());
   onPrefix("qzmake   -g dg1 -d ", 0);
   on("qzvol   -g dg1 start vol1", 1);

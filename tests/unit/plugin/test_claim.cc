@@ -300,6 +300,17 @@ TEST_F(ClaimTest, InitNodeRecordsTheVolumeItsDisksAndTheDeviceNodesOwner) {
   EXPECT_TRUE(errors().empty());
 }
 
+// A node initialised again, as after a failed first attempt, lists each of
+// its disks once.
+TEST_F(ClaimTest, InitNodeTwiceListsEachDiskOnce) {
+  const std::string device = makeDeviceNode();
+  volumeOnDisks(m_disks);
+  TestNode node(device);
+  ASSERT_EQ(0, qzvmfi_fi_pgn_init_node(&node.domain, nullptr, 0, node.objid()));
+  ASSERT_EQ(0, qzvmfi_fi_pgn_init_node(&node.domain, nullptr, 0, node.objid()));
+  EXPECT_EQ((Lines{"/dev/sdb", "/dev/sdc", "/dev/sdd"}), subObjectNames(&node.domain));
+}
+
 TEST_F(ClaimTest, InitNodeWithoutADeviceNodeReturns18YetInitialisesTheNode) {
   volumeOnDisks(m_disks);
   TestNode node(m_path);

@@ -463,6 +463,15 @@ class FormatTest : public ResourcesTest {
     return qzvmfi_fi_pgn_format(disks.get(), disks.count(), name, nullptr, options, flags,
                                 paths.paths(), paths.count());
   }
+
+  // "/dev/sde" made a volume "data" of the test's group.
+  int formatData() {
+    TestTextArray disks({"/dev/sde"});
+    TestPaths paths;
+    char name[] = "data";
+    std::string options = "diskGroup=" + m_dg;
+    return format(disks, name, &options[0], 0x1, paths);
+  }
 };
 
 TEST_F(FormatTest, FormatWithoutNamesMakesAGroupOfItsOwnWithTheDefaultVolume) {
@@ -516,13 +525,28 @@ TEST_F(FormatTest, FormatWhoseGroupCannotBeMadeReturns6) {
     answer.output.clear();
     return true;
   });
-  TestTextArray disks({"/dev/sde"});
-  TestPaths paths;
-  char name[] = "data";
-  std::string options = "diskGroup=" + m_dg;
-  EXPECT_EQ(6, format(disks, name, &options[0], 0x1, paths));
+  EXPECT_EQ(6, formatData());
   EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::format - unable to create fresh dg '" + m_dg +
                                "' and volume 'data' on disks."));
+}
+
+// The group made for the volume holds nothing yet when the volume cannot
+// be made: it is destroyed, and the disks are free for the next attempt.
+TEST_F(FormatTest, FormatWhoseVolumeCannotBeMadeDestroysTheNewGroup) {
+  toolsMakeGroups({});
+  CFiExecSeam::setResponder([](const std::string& command, CFiExecSeam::Answer& answer) {
+    answer.status = command.find(" make ") != std::string::npos ? 14 : 0;
+    answer.output.clear();
+    if (command.find("maxsize") != std::string::npos) {
+      answer.output.push_back("204800\n");
+    }
+    return true;
+  });
+  EXPECT_EQ(6, formatData());
+  const Lines runs = commands();
+  ASSERT_GE(runs.size(), 2u);
+  EXPECT_EQ((Lines{qz("qzdg   list " + m_dg), qz("qzdg   destroy " + m_dg)}),
+            Lines(runs.end() - 2, runs.end()));
 }
 
 TEST_F(FormatTest, FormatWith2BringsTheExistingVolumeOnline) {

@@ -15,6 +15,14 @@ TEST_F(SupportOpsTest, IsDGPresentListsTheGroup) {
   EXPECT_FALSE(m_support->isDGPresent("dg9"));
 }
 
+// Only "not found" says that the group is not here: a listing that failed
+// otherwise leaves it taken for present.
+TEST_F(SupportOpsTest, IsDGPresentUnlessTheListingSaysNotFound) {
+  answer(cmd("qzdg   list dg1"), 9,
+         out({"QZVM qzdg ERROR Q-5-1-99 lost the configuration daemon"}));
+  EXPECT_TRUE(m_support->isDGPresent("dg1"));
+}
+
 TEST_F(SupportOpsTest, IsDGEnabledReadsTheStateColumn) {
   answer(cmd("qzdg   list "), 0, kDgList);
   EXPECT_TRUE(m_support->isDGEnabled("dg1"));
@@ -75,14 +83,20 @@ TEST_F(SupportOpsTest, GetNewDGNameTriesExactly1024Candidates) {
   EXPECT_TRUE(wasTraced(1, "CQzVMSupport::getNewDGName - unable to create new unique dg name."));
 }
 
-TEST_F(SupportOpsTest, GetNewDGNameWithoutBaseUsesATempName) {
+TEST_F(SupportOpsTest, GetNewDGNameWithoutBaseDrawsARandomOne) {
   answer(cmd("qzdg   list "), 0, out({"NAME STATE ID"}));
   std::string name;
   EXPECT_EQ(m_support->getNewDGName(name), 0);
-  // tempnam keeps five characters of the prefix.
-  EXPECT_EQ(name.compare(0, 5, "tpu_f"), 0) << name;
-  EXPECT_NE(name.find('_' + std::to_string(getpid())), std::string::npos) << name;
-  EXPECT_EQ(name.find('/'), std::string::npos);
+  // "tpu_fi", six random letters or digits, "_" and the first free number.
+  const std::string suffix = '_' + std::to_string(getpid());
+  ASSERT_EQ(name.size(), 12 + suffix.size()) << name;
+  EXPECT_EQ(name.compare(0, 6, "tpu_fi"), 0) << name;
+  EXPECT_EQ(name.compare(12, std::string::npos, suffix), 0) << name;
+  EXPECT_EQ(qzvmNameFault(name), nullptr) << name;
+  std::string other;
+  m_support->getNewDGName(other);
+  EXPECT_NE(name, other);
+  EXPECT_TRUE(CFiMyTempFile().files().empty()) << "no file is made for a name";
 }
 
 TEST_F(SupportOpsTest, IsDGExistComparesTheFreeNameWithTheGroup) {

@@ -17,17 +17,6 @@ class SupportWithRunner : public CQzVMSupport {
   const CQzVMCliTool& runner() const { return m_cliTool; }
 };
 
-TEST(CommandLine, PiecesFollowTheToolAsTheyStand) {
-  CQzVMCommandLine line("/usr/sbin/", "qzdg  ");
-  EXPECT_EQ(line.text(), "/usr/sbin/qzdg  ");
-  const std::string dg = "dg1";
-  line.add(" -g ", dg, " adddisk ", " ", std::string("disk01"), "=", std::string("sdb"));
-  EXPECT_EQ(line.text(), "/usr/sbin/qzdg   -g dg1 adddisk  disk01=sdb");
-  CQzVMCommandLine sized("", "qzassist ");
-  sized.add(" make ", 18446744073709551615ull);
-  EXPECT_EQ(sized.text(), "qzassist  make 18446744073709551615");
-}
-
 TEST_F(SupportTest, ConstructionWritesTheDefaultFileAndReadsIt) {
   CQzVMSupport support;
   EXPECT_TRUE(std::filesystem::exists(configFile()));
