@@ -25,9 +25,6 @@ class CQzVMConfig {
   int createblob(qfi_blob* blob);
   int reset();
   int resetSplitConfig();
-
- private:
-  SSplitConfig m_splitConfig;
 };
 
 #endif  // QZVMFI_CONFIG_H
