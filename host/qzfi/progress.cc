@@ -31,16 +31,20 @@ void CProgressWatch::install() {
 }
 
 void CProgressWatch::beginStep(const std::string& name, bool ticking) {
-  stopTicking();
   beginStepAt(name, Clock::now());
-  if (ticking) {
+  {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_telling = ticking;
+  }
+  // One thread for the whole run: a command has several steps, and a thread
+  // started and joined per step costs more than the steps without a tool run.
+  if (ticking && !m_ticker.joinable()) {
     m_stop = false;
     m_ticker = std::thread([this] { tick(); });
   }
 }
 
 CProgressWatch::Counts CProgressWatch::endStep() {
-  stopTicking();
   return endStepAt(Clock::now());
 }
 
@@ -107,6 +111,9 @@ std::optional<std::string> CProgressWatch::poll(Clock::time_point now) {
 void CProgressWatch::tick() {
   std::unique_lock<std::mutex> lock(m_mutex);
   while (!m_wake.wait_for(lock, kTickInterval, [this] { return m_stop; })) {
+    if (!m_telling) {
+      continue;
+    }
     lock.unlock();
     std::optional<std::string> line = poll(Clock::now());
     if (line && m_print) {

@@ -45,7 +45,7 @@ class CProgressWatch : public qzfi_pdk_4_4::CFiExecObserver {
   void install();
 
   // A step begins: counting starts, and with ticking a thread looks at the
-  // clock a few times a second for waits to tell.
+  // clock a few times a second for waits to tell, until the watch goes.
   void beginStep(const std::string& name, bool ticking = true);
   Counts endStep();
 
@@ -78,6 +78,7 @@ class CProgressWatch : public qzfi_pdk_4_4::CFiExecObserver {
   std::condition_variable m_wake;
   std::thread m_ticker;
   bool m_stop = false;
+  bool m_telling = false;  // the current step's waits are told
   bool m_inStep = false;
   std::string m_step;
   bool m_running = false;         // a tool runs now
