@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string_view>
 
 #include "report.h"
@@ -311,18 +312,20 @@ void replaceWholeName(std::string& line, const std::vector<std::string>& primary
 // the rest of the file through fgetline itself, from the line in hand on.
 template <typename Take>
 void forEachDumpLine(FILE* in, Take take) {
-  std::vector<char> block(kDumpBlockSize);
+  // Left uninitialised: a small dump touches only the pages it fills, where
+  // clearing the whole block costs more than reading the dump.
+  std::unique_ptr<char[]> block(new char[kDumpBlockSize]);
   std::string pending;  // the start of a line that the block ended inside
   long lineStart = 0;   // file offset of the first line not yet taken
-  for (size_t got; (got = std::fread(block.data(), 1, block.size(), in)) > 0;) {
-    if (std::memchr(block.data(), '\0', got) != nullptr) {
+  for (size_t got; (got = std::fread(block.get(), 1, kDumpBlockSize, in)) > 0;) {
+    if (std::memchr(block.get(), '\0', got) != nullptr) {
       std::fseek(in, lineStart, SEEK_SET);
       for (std::string line; CQzVMSupport::fgetline(line, in), !line.empty();) {
         take(line);
       }
       return;
     }
-    std::string_view text(block.data(), got);
+    std::string_view text(block.get(), got);
     for (size_t end; (end = text.find('\n')) != std::string_view::npos;) {
       std::string_view line = text.substr(0, end + 1);
       if (pending.empty()) {
