@@ -94,13 +94,20 @@ check_no_build_paths() {  # check_no_build_paths ROOT FOLDER...
   done
   while IFS= read -r -d '' file; do
     head -c 4 "$file" | cmp -s - <(printf '\177ELF') || continue
-    while read -r path; do
-      case $path in
-        '$ORIGIN'*) ;;
-        *) fail "${file#"$root"/} searches $path for libraries" ;;
-      esac
-    done < <(readelf -d "$file" | sed -n 's/.*(R\(UN\)\{0,1\}PATH).*\[\(.*\)\]/\2/p' | tr ':' '\n')
+    check_run_path "$file" "${file#"$root"/}"
   done < <(find "$root" -type f -print0)
+}
+
+# Every entry of an ELF file's library search path is relative to the file:
+# an empty entry would make the loader search the current folder.
+check_run_path() {  # check_run_path FILE NAME
+  local path
+  while read -r path; do
+    case $path in
+      '$ORIGIN'*) ;;
+      *) fail "$2 searches '$path' for libraries" ;;
+    esac
+  done < <(readelf -d "$1" | sed -n 's/.*(R\(UN\)\{0,1\}PATH).*\[\(.*\)\]/\2/p' | tr ':' '\n')
 }
 
 # The tiny plug-in and its host, run against the framework installed at ROOT.
@@ -158,6 +165,12 @@ interface version: 7.0.0.0
 release:           Brovik_$QZ_VERSION
 fi access types:   none" "$(sed -n '/^plug-in:/,/^fi access types:/p' <<<"$output")"
 }
+
+step "the build's own programs and plug-in"
+for file in "$build/$QZ_BINDIR/qzfi" "$build/$QZ_LIBDIR/qzfi/plugins/libqzvmfi.so" \
+  "$build"/sim/qzsim "$build"/sim/qzsim-sysblock; do
+  check_run_path "$file" "${file#"$build"/}"
+done
 
 step "install into a staging folder"
 stage=$work/stage
