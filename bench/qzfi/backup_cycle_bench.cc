@@ -1,22 +1,30 @@
 // A whole backup cycle through qzfi on the simulator, as the main job runs
 // it: prepare on host A, the array's split to host B, deport on A, import on
 // B, release on B. Per cycle it reports the tool runs of each qzfi command
-// and where the wall time of the qzfi commands goes:
-//   wall_ms      the qzfi processes, from start to exit (the sandbox that the
-//                simulator sets up around a host's command is measured apart
-//                and left out: it is the simulator's, not the plug-in's);
+// and where the cycle's wall time goes:
+//   wall_ms      the cycle: the qzfi processes and the split;
+//   qzfi_ms      the qzfi processes from start to exit, timed inside the
+//                host's sandbox (the sandbox that the simulator sets up
+//                around a host's command is the simulator's, not qzfi's);
+//   split_ms     the array's split;
 //   exec_ms      the tool runs as the framework's pipe runner times them,
 //                from spawning the shell to the tool's exit;
 //   tools_ms     the tools' own time, from the simulator's log;
-//   plugin_pct   (wall - exec) / wall: the plug-in's and qzfi's own work,
+//   plugin_pct   (qzfi - exec) / wall: the plug-in's and qzfi's own work,
 //                loading and starting the plug-in included;
+//   load_pct     of that, starting a process with the framework's shared
+//                libraries (ACE, ICU, the C++ library), the time of
+//                "qzfi --version" per command: no code of the plug-in runs;
 //   start_pct    (exec - tools) / wall: starting and ending the tools'
 //                processes (shell, program load, database commit);
-//   share_pct    (wall - tools) / wall: both together, the share of
-//                everything but the tools' own work.
+//   share_pct    (wall - tools - split) / wall: everything but the tools'
+//                and the array's own work.
 // Target: the plug-in and qzfi under 10 % of the wall time.
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -42,6 +50,44 @@ std::vector<std::string> wordsOf(const std::string& text) {
     words.push_back(word);
   }
   return words;
+}
+
+// Inside a host's sandbox this program runs the command it is given and
+// writes the command's wall time, from starting it to its exit, as the last
+// line of standard error.
+constexpr char kTimedOption[] = "--timed";
+constexpr char kElapsedPrefix[] = "qzfi_bench elapsed ";
+
+std::string benchProgram() {
+  char path[4096];
+  const ssize_t length = readlink("/proc/self/exe", path, sizeof path - 1);
+  return length > 0 ? std::string(path, static_cast<size_t>(length)) : std::string();
+}
+
+int timedMain(char** command) {
+  const Clock::time_point start = Clock::now();
+  const pid_t child = fork();
+  if (child == 0) {
+    execv(command[0], command);
+    _exit(127);
+  }
+  int status = 0;
+  while (child > 0 && waitpid(child, &status, 0) < 0) {
+  }
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  fprintf(stderr, "%s%.6f\n", kElapsedPrefix, seconds);
+  return child > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : 127;
+}
+
+// The time timedMain wrote; its line taken out of the command's error text.
+double takeElapsed(std::string& err) {
+  const size_t line = err.rfind(kElapsedPrefix);
+  if (line == std::string::npos) {
+    return 0;
+  }
+  const double seconds = std::stod(err.substr(line + strlen(kElapsedPrefix)));
+  err.erase(line);
+  return seconds;
 }
 
 // One simulation with the source group of the main job.
@@ -79,24 +125,26 @@ class Cycle {
     }
   }
 
-  // COMMAND on host in the sandbox, and its wall time in seconds.
+  // COMMAND on host in the sandbox, timed there by this program (see
+  // timedMain), and its wall time in seconds.
   qzsim::CommandResult sandboxed(const std::string& host, const std::vector<std::string>& command,
                                  double& seconds) {
-    std::vector<std::string> argv = {qzsim::simBinary(), "host", host, "--"};
+    std::vector<std::string> argv = {qzsim::simBinary(), "host",      host, "--",
+                                     benchProgram(),     kTimedOption};
     argv.insert(argv.end(), command.begin(), command.end());
-    const Clock::time_point start = Clock::now();
     qzsim::CommandResult result = qzsim::runCommand(argv, {"QZSIM_ROOT=" + m_root});
-    seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    seconds = takeElapsed(result.err);
     return result;
   }
 
-  // What the sandbox alone costs: the least of a few runs of true.
-  void measureSandbox() {
-    sandboxSeconds = 1e9;
+  // What starting a process with the framework's libraries costs, without
+  // the plug-in: the least of a few runs of qzfi --version.
+  void measureLoad() {
+    loadSeconds = 1e9;
     for (int i = 0; i < 5; ++i) {
       double seconds = 0;
-      sandboxed("A", {"/bin/true"}, seconds);
-      sandboxSeconds = std::min(sandboxSeconds, seconds);
+      sandboxed("A", {QZFI_BINARY, "--version"}, seconds);
+      loadSeconds = std::min(loadSeconds, seconds);
     }
   }
 
@@ -111,7 +159,8 @@ class Cycle {
       return Json::object();
     }
     Json json = Json::parse(result.out);
-    wallSeconds += std::max(0.0, seconds - sandboxSeconds);
+    qzfiSeconds += seconds;
+    loadedSeconds += loadSeconds;
     execSeconds += json["tool_seconds"].get<double>();
     toolRuns[step] = json["tool_runs"].get<long>();
     toolSeconds += toolTimeSince(firstRun);
@@ -136,8 +185,10 @@ class Cycle {
   // The disks of the record's sub-objects, split to B; the copies' first
   // paths as a --secondary list.
   std::string split() {
+    const Clock::time_point start = Clock::now();
     std::string out = admin(
         {"array", "split", "--disks", "qzarr0_0,qzarr0_1", "--from-host", "A", "--to-host", "B"});
+    splitSeconds += std::chrono::duration<double>(Clock::now() - start).count();
     std::string secondary;
     std::istringstream lines(out);
     for (std::string line; std::getline(lines, line);) {
@@ -152,7 +203,7 @@ class Cycle {
   }
 
   void run() {
-    measureSandbox();
+    measureLoad();
     qzfi("A", {"prepare", "/dev/qz/dsk/dg1/vol1", "--record", record}, "prepare");
     const std::string secondary = split();
     qzfi("A", {"deport", "--record", record}, "deport");
@@ -162,8 +213,10 @@ class Cycle {
 
   std::string record;
   std::string error;
-  double sandboxSeconds = 0;
-  double wallSeconds = 0;
+  double loadSeconds = 0;    // one start of qzfi --version
+  double loadedSeconds = 0;  // that, once per qzfi command
+  double qzfiSeconds = 0;
+  double splitSeconds = 0;
   double execSeconds = 0;
   double toolSeconds = 0;
   std::map<std::string, long> toolRuns;
@@ -173,7 +226,9 @@ class Cycle {
 };
 
 void BM_BackupCycle(benchmark::State& state) {
-  double wall = 0;
+  double qzfi = 0;
+  double split = 0;
+  double load = 0;
   double exec = 0;
   double tools = 0;
   std::map<std::string, long> runs;
@@ -186,26 +241,44 @@ void BM_BackupCycle(benchmark::State& state) {
       state.SkipWithError(cycle.error.c_str());
       return;
     }
-    wall += cycle.wallSeconds;
+    qzfi += cycle.qzfiSeconds;
+    split += cycle.splitSeconds;
+    load += cycle.loadedSeconds;
     exec += cycle.execSeconds;
     tools += cycle.toolSeconds;
     runs = cycle.toolRuns;
   }
+  const double wall = qzfi + split;
   const double cycles = static_cast<double>(state.iterations());
   for (const auto& [step, count] : runs) {
     state.counters["runs_" + step] = static_cast<double>(count);
   }
   auto percentOfWall = [wall](double part) { return wall > 0 ? part / wall * 100 : 0; };
-  state.counters["wall_ms"] = wall / cycles * 1000;
-  state.counters["exec_ms"] = exec / cycles * 1000;
-  state.counters["tools_ms"] = tools / cycles * 1000;
-  state.counters["plugin_pct"] = percentOfWall(wall - exec);
+  auto perCycle = [cycles](double seconds) { return seconds / cycles * 1000; };
+  state.counters["wall_ms"] = perCycle(wall);
+  state.counters["qzfi_ms"] = perCycle(qzfi);
+  state.counters["split_ms"] = perCycle(split);
+  state.counters["exec_ms"] = perCycle(exec);
+  state.counters["tools_ms"] = perCycle(tools);
+  state.counters["plugin_pct"] = percentOfWall(qzfi - exec);
+  state.counters["load_pct"] = percentOfWall(load);
   state.counters["start_pct"] = percentOfWall(exec - tools);
-  state.counters["share_pct"] = percentOfWall(wall - tools);
+  state.counters["share_pct"] = percentOfWall(wall - tools - split);
 }
 
-BENCHMARK(BM_BackupCycle)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_BackupCycle)->Unit(benchmark::kMillisecond)->Iterations(5);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  if (argc > 2 && strcmp(argv[1], kTimedOption) == 0) {
+    return timedMain(argv + 2);
+  }
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+    return 1;
+  }
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}
