@@ -394,6 +394,7 @@ int CQzVMSupport::reconfig(const std::string& inFile, const std::string& oldDG,
   trace(3, "Dumping volume descriptor data to be supplied to qzmake");
   bool insideDG = false;
   bool insideDM = false;
+  bool lineOpen = false;  // the last line kept has no line feed
   std::string line;
   std::string rewritten;
   // Dumps run to millions of lines: the output is gathered and written in
@@ -420,7 +421,13 @@ int CQzVMSupport::reconfig(const std::string& inFile, const std::string& oldDG,
       replacePattern(line, oldDG, newDG, vecPriDisks, vecAltDisks, vecPriDMs, vecAltDMs, rewritten);
       text = rewritten;
     }
+    // The reader ends a line at a zero byte, without its line feed: one goes
+    // in before the next line kept, which would be glued to it otherwise.
+    if (lineOpen) {
+      kept.push_back('\n');
+    }
     kept.append(text);
+    lineOpen = text.back() != '\n';
     if (kept.size() >= kDumpBlockSize) {
       std::fwrite(kept.data(), 1, kept.size(), out);
       kept.clear();

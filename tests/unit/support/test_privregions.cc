@@ -279,6 +279,18 @@ TEST_F(SupportOpsTest, ReconfigReadsZeroBytesAsTheLineReaderDoes) {
   EXPECT_EQ(readFile(outFile), "vol v1\n\tcomment=asd s1\n\tda_name=sdx\n");
 }
 
+// When the piece after a zero byte begins with a zero byte too, the line
+// reader ends the line there without a line feed: the next line kept must
+// not be glued to it, here into a group record of the replay file.
+TEST_F(SupportOpsTest, ReconfigEndsALineTheReaderEndsAtAZeroByte) {
+  const std::string in = m_folder + "/in";
+  const std::string outFile = m_folder + "/out";
+  const char dump[] = "vol v1\ndg\0x\n\0y\n\tda_name=sdb\n";
+  writeFile(in, std::string(dump, sizeof dump - 1));
+  EXPECT_EQ(m_support->reconfig(in, "dg1", "dg9", {"sdb"}, {"sdx"}, {}, {}, outFile), 0);
+  EXPECT_EQ(readFile(outFile), "vol v1\ndg\n\tda_name=sdx\n");
+}
+
 // The name recorded on the disk counts as existing (the free name built on
 // it always differs from it), so only a disk without a group name imports.
 TEST_F(SupportOpsTest, RegenerateDGFromDiskKeepsANamedGroup) {
