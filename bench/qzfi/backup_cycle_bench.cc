@@ -21,6 +21,7 @@
 //                and the array's own work.
 // Target: the plug-in and qzfi under 10 % of the wall time.
 #include <benchmark/benchmark.h>
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
@@ -72,11 +73,16 @@ int timedMain(char** command) {
     _exit(127);
   }
   int status = 0;
-  while (child > 0 && waitpid(child, &status, 0) < 0) {
+  bool reaped = false;
+  while (child > 0 && !reaped) {
+    reaped = waitpid(child, &status, 0) == child;
+    if (!reaped && errno != EINTR) {
+      break;
+    }
   }
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
   fprintf(stderr, "%s%.6f\n", kElapsedPrefix, seconds);
-  return child > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : 127;
+  return reaped && WIFEXITED(status) ? WEXITSTATUS(status) : 127;
 }
 
 // The time timedMain wrote; its line taken out of the command's error text.
@@ -134,6 +140,9 @@ class Cycle {
     argv.insert(argv.end(), command.begin(), command.end());
     qzsim::CommandResult result = qzsim::runCommand(argv, {"QZSIM_ROOT=" + m_root});
     seconds = takeElapsed(result.err);
+    if (seconds <= 0) {
+      error = command[0] + " on " + host + " was not timed: " + result.err;
+    }
     return result;
   }
 
