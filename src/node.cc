@@ -379,6 +379,7 @@ int CQzVMData::readRecords(const char* text) {
   m_shapeFault = SBlobShapeFault();
   std::set<std::string> disksRead;
   std::set<std::string> devicesRead;
+  std::set<std::string> mediaRead;
   // The counted record just read, while the next line is to start a record.
   const char* counted = nullptr;
   std::string count;
@@ -412,6 +413,10 @@ int CQzVMData::readRecords(const char* text) {
       if (!devicesRead.insert(fields[3]).second) {
         noteShapeFault("fiid_volpriv", "multipath node", fields[3],
                        "two records name this multipath node");
+      }
+      if (!fields[2].empty() && !mediaRead.insert(fields[2]).second) {
+        noteShapeFault("fiid_volpriv", "disk-media name", fields[2],
+                       "two records name this disk-media name");
       }
       std::vector<std::string> lines;
       complete = takeLines(cursor, CFiStringTool::str2int(fields[4]), lines, false);

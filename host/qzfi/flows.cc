@@ -187,7 +187,7 @@ ProviderState CFlows::saveNode(CNode& node, const std::string& what) {
 
 CSnapshotRecord CFlows::loadRecord(const std::vector<RecordStep>& allowed) {
   // A record that is not there is named as such by the loading.
-  if (access(m_options.record.c_str(), F_OK) == 0) {
+  if (::access(m_options.record.c_str(), F_OK) == 0) {
     m_recordLock.acquire(m_options.record);
   }
   CSnapshotRecord record = CSnapshotRecord::load(m_options.record);

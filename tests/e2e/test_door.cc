@@ -199,16 +199,16 @@ TEST_F(DoorTest, ATamperedRecordIsRefusedByEveryCommandBeforeAnyToolRuns) {
          const size_t end = text.find('\n', count);
          text.replace(count, end - count, std::to_string(std::stol(text.substr(count)) - 1));
        }},
-      {"record fiid_volpriv, field multipath node",
+      {"record fiid_volpriv, field disk-media name",
        [](std::string& text) {
-         // The second disk record names the first one's multipath node.
+         // The second disk record names the first one's disk medium.
          const size_t first = text.find("fiid_volpriv ");
          const size_t second = text.find("fiid_volpriv ", first + 1);
          ASSERT_NE(second, std::string::npos);
          const Lines a = qzfi_e2e::words(text.substr(first, text.find('\n', first) - first));
          const Lines b = qzfi_e2e::words(text.substr(second, text.find('\n', second) - second));
-         text.replace(text.find(" " + b.at(3) + " ", second), b.at(3).size() + 2,
-                      " " + a.at(3) + " ");
+         const std::string from = "fiid_volpriv " + b.at(1) + " " + b.at(2) + " ";
+         text.replace(second, from.size(), "fiid_volpriv " + b.at(1) + " " + a.at(2) + " ");
        }},
   };
   for (const Tampering& tampering : tamperings) {
@@ -235,11 +235,11 @@ TEST_F(DoorTest, ATamperedRecordIsRefusedByEveryCommandBeforeAnyToolRuns) {
   // The copy's provider state, as move and release restore it, and the
   // copy's secondary list of another length.
   const Json badCopy =
-      tampered(imported, replace("fiid_dgconfig ", "fiid_dgconfig $(touch${IFS}pwned)"), true);
+      tampered(imported, replace("fiid_volpriv ", "fiid_volpriv $(touch${IFS}pwned)"), true);
   for (const char* command : {"move", "release"}) {
     SCOPED_TRACE(command);
     expectRefused(badCopy, "B", {command, "--record", record()},
-                  "record fiid_dgconfig, field group");
+                  "record fiid_volpriv, field OS disk");
   }
   Json longer = imported;
   longer["alternate"]["secondary"].push_back("/dev/sdz");
@@ -263,6 +263,7 @@ TEST_F(DoorTest, ARecordInUseIsRefusedWithItsName) {
   const int held = open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   ASSERT_GE(held, 0);
   ASSERT_EQ(flock(held, LOCK_EX | LOCK_NB), 0);
+  ASSERT_EQ(ftruncate(held, 0), 0);
   ASSERT_EQ(pwrite(held, "4242", 4, 0), 4);
   const long runs = toolRuns();
   const QzfiRun refused = qzfi("B", {"import", "--record", record(), "--secondary", secondary});

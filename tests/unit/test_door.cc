@@ -167,6 +167,11 @@ TEST_F(DoorTest, TheShapeOfTheProviderStateIsChecked) {
                replaced(record, "qzarr0_1 qzarr0_1", "qzarr0_1 qzarr0_0") + "fiid_dgconfig"));
   ASSERT_TRUE(node);
   EXPECT_EQ("the provider state (record fiid_volpriv, field multipath node)", node.where);
+  const SRefusal medium =
+      stateRefusal(replaced(state(), "fiid_dgconfig",
+                            replaced(record, "sdc qzarr0_1", "sdc qzarr0_0") + "fiid_dgconfig"));
+  ASSERT_TRUE(medium);
+  EXPECT_EQ("the provider state (record fiid_volpriv, field disk-media name)", medium.where);
   const SRefusal count =
       stateRefusal(replaced(state(), "fiid_dgconfig dg1 6", "fiid_dgconfig dg1 5"));
   ASSERT_TRUE(count);
