@@ -76,7 +76,8 @@ class ConcurrentBackupsTest : public QzfiTest {
       return fail("prepare", prepared);
     }
     std::string nodes;
-    for (const Json& path : Json::parse(qztest::readFile(file))["sub_objects"]) {
+    const Json record = Json::parse(qztest::readFile(file));
+    for (const Json& path : record["sub_objects"]) {
       nodes += (nodes.empty() ? "" : ",") + nodeOf(source, path.get<std::string>());
     }
     const std::string secondary = osPathsOf(qzfi_e2e::parseDisks(
