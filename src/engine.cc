@@ -579,8 +579,12 @@ int CQzVMEngine::buildGroup(SourceRecords& source, CQzVMData* data, const Rebuil
     QZ_TRACE(m_traceLog, 1, texts.reconfig, sourceFile.c_str(), replayFile.c_str());
     return 6;
   }
-  if (createGroup(newDG, source.splitDisks, dms, m_support.isCDSDisk(records),
-                  source.splitCopies) != 0) {
+  bool made = false;
+  if (createGroup(newDG, source.splitDisks, dms, m_support.isCDSDisk(records), source.splitCopies,
+                  made) != 0) {
+    if (made) {
+      createdDG = newDG;
+    }
     QZ_TRACE(m_traceLog, 1, texts.create, newDG.c_str());
     pushError("MSG_ERROR_UNABLE_TO_CREATE_DISKGROUP", {}, kSource, __LINE__);
     return 6;
@@ -643,15 +647,43 @@ int CQzVMEngine::recreateDG(const std::string& path, const Names& osDisks, CQzVM
 
 // ===== the split disks paired with the primaries =====
 
+namespace {
+
+// The base a new name was made from: the name without its "_<number>".
+std::string baseOfNewName(const std::string& name) {
+  const size_t underscore = name.rfind('_');
+  if (underscore == std::string::npos || underscore == 0 ||
+      name.find_first_not_of("0123456789", underscore + 1) != std::string::npos) {
+    return name;
+  }
+  return name.substr(0, underscore);
+}
+
+// A private region that an earlier attempt of this build wrote: an id that
+// is no primary's, and no group or a group that the attempt made under a
+// new name of the recorded group (left deported when the attempt failed).
+bool leftByEarlierAttempt(const vol_pvt_info& onDisk, const std::string& carried,
+                          const Names& recordedIds, const std::string& sourceDG) {
+  if (carried.empty() || !isUniqueInVector(recordedIds, carried)) {
+    return false;
+  }
+  return onDisk.vpi_dgid.empty() ||
+         (onDisk.vpi_dgname != sourceDG && baseOfNewName(onDisk.vpi_dgname) == sourceDG);
+}
+
+}  // namespace
+
 // The split disks are copies of the primaries, private regions included:
 // before the first change to any of them, each must carry the disk id
 // recorded for the primary it pairs with. A split disk that an earlier
-// attempt of this build initialised already (a private region of no group,
-// with an id that is no primary's) holds nothing of another disk, and
-// passes.
+// attempt of this build initialised already holds nothing of another disk,
+// and passes.
 bool CQzVMEngine::splitDisksPairWithPrimaries(const Names& primaryDisks, const Names& splitDisks,
                                               const std::vector<Names>& splitListings,
                                               CQzVMData* data) {
+  std::string sourceDG;
+  Names config;
+  data->getDGConfigFromPD(sourceDG, config);
   Names recordedIds;
   for (const std::string& primary : primaryDisks) {
     Names recorded;
@@ -665,9 +697,7 @@ bool CQzVMEngine::splitDisksPairWithPrimaries(const Names& primaryDisks, const N
     }
     vol_pvt_info onDisk;
     m_support.parseVolPrivInfo(splitListings[i], onDisk);
-    const bool leftByEarlierAttempt =
-        !carried.empty() && onDisk.vpi_dgid.empty() && isUniqueInVector(recordedIds, carried);
-    if (!leftByEarlierAttempt) {
+    if (!leftByEarlierAttempt(onDisk, carried, recordedIds, sourceDG)) {
       refusePair(m_traceLog, "buildQzVM", primaryDisks[i], splitDisks[i],
                  "the split disk carries the disk id [" + carried +
                      "], the primary disk's recorded id is [" + recordedIds[i] + "]");
@@ -703,27 +733,23 @@ namespace {
 // How often a new name is chosen again before the build gives up.
 const int kNameChoices = 8;
 
-// The base a new name was made from: the name without its "_<number>".
-std::string baseOfNewName(const std::string& name) {
-  const size_t underscore = name.rfind('_');
-  if (underscore == std::string::npos || underscore == 0 ||
-      name.find_first_not_of("0123456789", underscore + 1) != std::string::npos) {
-    return name;
-  }
-  return name.substr(0, underscore);
-}
-
 }  // namespace
 
 // A name checked free when it was chosen may have been taken since by
 // another backup on this host: when a group of that name now stands and
 // the split disks do not carry it, a new name is chosen. False when the
 // failure was another one, or no free name comes.
-bool CQzVMEngine::chooseAgain(std::string& dg, const Names& splitDisks) {
+bool CQzVMEngine::chooseAgain(std::string& dg, const Names& splitDisks, bool* ours) {
   std::string carriedId;
   std::string carried;
   if (++m_nameChoices > kNameChoices || splitDisks.empty() || !m_support.isDGPresent(dg) ||
-      m_support.dgIdNameOnDisk(splitDisks.front(), carriedId, carried) != 0 || carried == dg) {
+      m_support.dgIdNameOnDisk(splitDisks.front(), carriedId, carried) != 0) {
+    return false;
+  }
+  if (carried == dg) {
+    if (ours != nullptr) {
+      *ours = true;
+    }
     return false;
   }
   std::string chosen;
@@ -739,10 +765,10 @@ bool CQzVMEngine::chooseAgain(std::string& dg, const Names& splitDisks) {
 }
 
 int CQzVMEngine::createGroup(std::string& dg, const Names& disks, const Names& dms, bool cds,
-                             bool mayRename) {
+                             bool mayRename, bool& made) {
   m_nameChoices = 0;
   while (m_support.createDG(dg, disks, dms, cds) != 0) {
-    if (!mayRename || !chooseAgain(dg, disks)) {
+    if (!mayRename || !chooseAgain(dg, disks, &made)) {
       return 1;
     }
   }

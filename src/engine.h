@@ -106,10 +106,13 @@ class CQzVMEngine : public virtual qzfi_pdk_4_4::CFiTraceable {
                         CQzVMData* data, const std::vector<std::string>& primaryDisks,
                         const std::vector<std::string>& primaryDMs, std::string& createdDG);
   // Creates dg on the disks; with mayRename, under a name chosen again when
-  // dg was taken meanwhile. 0 or 1.
+  // dg was taken meanwhile. 0 or 1; made: dg stands on the split disks,
+  // made by this call before a later disk failed to join it.
   int createGroup(std::string& dg, const std::vector<std::string>& disks,
-                  const std::vector<std::string>& dms, bool cds, bool mayRename);
-  bool chooseAgain(std::string& dg, const std::vector<std::string>& splitDisks);
+                  const std::vector<std::string>& dms, bool cds, bool mayRename, bool& made);
+  // ours: the group of that name stands on the first split disk.
+  bool chooseAgain(std::string& dg, const std::vector<std::string>& splitDisks,
+                   bool* ours = nullptr);
   int runVSetCommand(const std::string& dg, const std::string& vset, const char* action);
   // Before the first change to a split disk: false, after reporting the
   // pair, when a split disk is not the copy of its primary (build) or does

@@ -112,13 +112,14 @@ int pairedLists(const char* operation, const qfi_domain* node, qzfi_objid** prim
                 qzfi_objid** secondary, int count) {
   const Names primaryDisks = namesOf(primary, count);
   const Names secondaryDisks = namesOf(secondary, count);
-  return refused(
-      operation,
-      {objectPath(node), qzvmfi_door::checkDiskList("the primary disk list", primaryDisks),
-       qzvmfi_door::checkDiskList("the secondary disk list", secondaryDisks),
-       primary != nullptr && secondary != nullptr
-           ? qzvmfi_door::checkSameLength("the secondary disk list", primaryDisks, secondaryDisks)
-           : SRefusal()});
+  return refused(operation, {objectPath(node),
+                             qzvmfi_door::checkDiskList("the primary disk list", primaryDisks),
+                             qzvmfi_door::checkDiskList("the secondary disk list", secondaryDisks),
+                             // A missing or empty list is the operation's own invalid input.
+                             primaryDisks.empty() || secondaryDisks.empty()
+                                 ? SRefusal()
+                                 : qzvmfi_door::checkSameLength("the secondary disk list",
+                                                                primaryDisks, secondaryDisks)});
 }
 
 // Each node of an access list with its sub-objects (its disks).
