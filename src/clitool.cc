@@ -48,7 +48,11 @@ const char* qzvmNameFault(std::string_view name) {
   return partFault(name);
 }
 
-const char* qzvmPathFault(std::string_view path) {
+namespace {
+
+// An absolute path of at most 4095 characters whose every part passes
+// partRule.
+const char* pathFault(std::string_view path, const char* (*partRule)(std::string_view)) {
   if (path.size() > kMaxPathLength) {
     return "it is longer than 4095 characters";
   }
@@ -61,12 +65,22 @@ const char* qzvmPathFault(std::string_view path) {
     if (end == std::string_view::npos) {
       end = path.size();
     }
-    if (const char* fault = partFault(path.substr(start, end - start))) {
+    if (const char* fault = partRule(path.substr(start, end - start))) {
       return fault;
     }
     start = end + 1;
   }
   return nullptr;
+}
+
+}  // namespace
+
+const char* qzvmPathFault(std::string_view path) {
+  return pathFault(path, partFault);
+}
+
+const char* qzvmObjectPathFault(std::string_view path) {
+  return pathFault(path, qzvmNameFault);
 }
 
 CQzVMCommandLine::CQzVMCommandLine(const std::string& directory, const char* tool)

@@ -39,6 +39,10 @@ const char* qzvmNameFault(std::string_view name);
 // The same for a file of the plug-in's own: an absolute path whose every
 // part is such a name (of any length), at most 4095 characters in all.
 const char* qzvmPathFault(std::string_view path);
+// The same for the path of an object the framework names (a volume's device
+// path, a disk's): every part is a name of at most 31 characters, so that
+// the group and volume it names are names the volume manager accepts.
+const char* qzvmObjectPathFault(std::string_view path);
 
 // One command line of a tool: the tool's directory and name, then fragments
 // of the system's own text, which carry their own blanks (" -g ", " list "),

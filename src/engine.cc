@@ -70,6 +70,7 @@ struct CQzVMEngine::SourceRecords {
   Names splitDisks;
   Names dms;  // disk-media names, kept by the new group; empty: as recorded
   std::string newDG;
+  bool splitCopies;  // the split disks are copies of the primaries, not the primaries
 };
 
 CQzVMEngine* CQzVMEngine::getInstance() {
@@ -303,10 +304,24 @@ bool pairOneToOne(const qzfi_pdk_4_4::CFiTraceLogPtr& log, const char* operation
            operation, joinNames(splitDisks).c_str(), joinNames(primaryDisks).c_str(),
            joinNames(dms).c_str());
   pushError("MSG_ERROR_SPLIT_DISKS_DO_NOT_PAIR_WITH_PRIMARY_DISKS",
-            {operation, joinNames(splitDisks), joinNames(primaryDisks), joinNames(dms)}, kSource,
-            __LINE__);
+            {operation, joinNames(splitDisks), joinNames(primaryDisks),
+             "their disk-media names are [" + joinNames(dms) + "]"},
+            kSource, __LINE__);
   return false;
 }
+
+// Refuses the pair of split disk and primary disk for why.
+void refusePair(const qzfi_pdk_4_4::CFiTraceLogPtr& log, const char* operation,
+                const std::string& primary, const std::string& split, const std::string& why) {
+  QZ_TRACE(log, 1,
+           "CQzVMEngine::%s - the split disk [%s] does not pair with the primary disk [%s]: %s.",
+           operation, split.c_str(), primary.c_str(), why.c_str());
+  pushError("MSG_ERROR_SPLIT_DISKS_DO_NOT_PAIR_WITH_PRIMARY_DISKS",
+            {operation, split, primary, why}, kSource, __LINE__);
+}
+
+// The status of a build or import refused before any disk was changed.
+const int kRefused = 3;
 
 }  // namespace
 
@@ -349,7 +364,8 @@ int CQzVMEngine::importQzVM(qzfi_objid** objid, const std::string& newDG, const 
   m_support.getQzVMDiskForOSDiskHandler_Waited(osDisks, disks.dmpNodes);
   QZ_TRACE(m_traceLog, 6, "QzVM disks for device list  = [%s]", joinNames(disks.dmpNodes).c_str());
   QZ_TRACE(m_traceLog, 6, "vecPriDisks = [%s]", joinNames(primaryDisks).c_str());
-  if (m_support.isDisksInQzVMDB(disks.dmpNodes, false) != 0) {
+  std::vector<Names> listings;
+  if (m_support.isDisksInQzVMDB(disks.dmpNodes, false, listings) != 0) {
     QZ_TRACE(m_traceLog, 1, "CQzVMEngine::importQzVM - snapshotted disks not yet seen by QzVM.");
     return 6;
   }
@@ -370,6 +386,9 @@ int CQzVMEngine::importQzVM(qzfi_objid** objid, const std::string& newDG, const 
     }
     return 0;
   }
+  if (!splitDisksCarryGroup(primaryDisks, disks.dmpNodes, listings, data->getDGId())) {
+    return kRefused;
+  }
   return importById(objid, newDG, volume, data, raw, disks);
 }
 
@@ -381,12 +400,16 @@ int CQzVMEngine::importById(qzfi_objid** objid, const std::string& newDG, const 
     cleanUp("", disks);
     return 6;
   }
-  if (m_support.importDG(newDG, data->getDGId())) {
-    cleanUp("", disks);
-    return 6;
+  std::string importedDG = newDG;
+  m_nameChoices = 0;
+  while (m_support.importDG(importedDG, data->getDGId())) {
+    if (!chooseAgain(importedDG, disks.dmpNodes)) {
+      cleanUp("", disks);
+      return 6;
+    }
   }
-  if (activeVolAndCreateObjid(newDG, volume, data, objid, raw) != 0) {
-    cleanUp(newDG, disks);
+  if (activeVolAndCreateObjid(importedDG, volume, data, objid, raw) != 0) {
+    cleanUp(importedDG, disks);
     return 6;
   }
   return 0;
@@ -401,7 +424,7 @@ int CQzVMEngine::buildAltTree(qzfi_objid** objid, const std::string& newDG, cons
     return 6;
   }
   if (!pairOneToOne(m_traceLog, "buildAltTree", primaryDisks, osDisks, primaryDMs)) {
-    return 6;
+    return kRefused;
   }
   const bool raw = m_support.isVolumeRaw(path);
   std::string dg;
@@ -433,10 +456,20 @@ int CQzVMEngine::buildAltTree(qzfi_objid** objid, const std::string& newDG, cons
       cleanUp("", disks);
       return 6;
     }
-  } else if (buildQzVM(objid, newDG, disks.dmpNodes, path, data, primaryDisks, primaryDMs) != 0) {
-    QZ_TRACE(m_traceLog, 1, "buildQzVM failed");
-    cleanUp(newDG, disks);
-    return 6;
+  } else {
+    std::string createdDG;
+    if (int status = buildOnSplitDisks(objid, newDG, disks.dmpNodes, path, data, primaryDisks,
+                                       primaryDMs, createdDG)) {
+      QZ_TRACE(m_traceLog, 1, "buildQzVM failed");
+      // Refused before any disk was changed: the disks stay as they are, in
+      // view, for the right list.
+      if (status == kRefused) {
+        return kRefused;
+      }
+      // Only a group this build made goes: the name may be another's.
+      cleanUp(createdDG, disks);
+      return 6;
+    }
   }
   return takeNewGroupId(*objid, data, path);
 }
@@ -461,22 +494,33 @@ int CQzVMEngine::takeNewGroupId(const qzfi_objid* objid, CQzVMData* data, const 
 int CQzVMEngine::buildQzVM(qzfi_objid** objid, const std::string& newDG, const Names& splitDisks,
                            const std::string& path, CQzVMData* data, const Names& primaryDisks,
                            const Names& primaryDMs) {
+  std::string createdDG;
+  return buildOnSplitDisks(objid, newDG, splitDisks, path, data, primaryDisks, primaryDMs,
+                           createdDG);
+}
+
+int CQzVMEngine::buildOnSplitDisks(qzfi_objid** objid, const std::string& newDG,
+                                   const Names& splitDisks, const std::string& path,
+                                   CQzVMData* data, const Names& primaryDisks,
+                                   const Names& primaryDMs, std::string& createdDG) {
   QZ_ENGINE_ENTER("buildQzVM");
   if (data == nullptr) {
     QZ_TRACE(m_traceLog, 1, "CQzVMEngine::buildQzVM - no private data.");
     return 6;
   }
   if (!pairOneToOne(m_traceLog, "buildQzVM", primaryDisks, splitDisks, primaryDMs)) {
-    return 6;
+    return kRefused;
   }
   std::string dg;
   std::string volume;
   m_support.extractDGAndVol(path, dg, volume);
-  const SourceRecords source{primaryDisks, splitDisks, primaryDMs, newDG};
-  if (buildGroup(source, data, kBuildTexts) != 0) {
-    return 6;
+  SourceRecords source{primaryDisks, splitDisks, primaryDMs, newDG, true};
+  const int status = buildGroup(source, data, kBuildTexts, createdDG);
+  if (status != 0) {
+    return status == kRefused ? kRefused : 6;
   }
-  if (activeVolAndCreateObjid(newDG, volume, data, objid, m_support.isVolumeRaw(path)) != 0) {
+  if (activeVolAndCreateObjid(source.newDG, volume, data, objid, m_support.isVolumeRaw(path)) !=
+      0) {
     QZ_TRACE(m_traceLog, 1, "activeVolAndCreateObjid() failed");
     return 6;
   }
@@ -485,8 +529,8 @@ int CQzVMEngine::buildQzVM(qzfi_objid** objid, const std::string& newDG, const N
 
 // Earlier steps are not undone when a later one fails: every entry first
 // looks for what an earlier call left behind.
-int CQzVMEngine::buildGroup(const SourceRecords& source, CQzVMData* data,
-                            const RebuildTexts& texts) {
+int CQzVMEngine::buildGroup(SourceRecords& source, CQzVMData* data, const RebuildTexts& texts,
+                            std::string& createdDG) {
   Names recordedDisks = source.primaryDisks;
   Names recordedDMs;
   std::vector<Names> listings;
@@ -509,14 +553,19 @@ int CQzVMEngine::buildGroup(const SourceRecords& source, CQzVMData* data,
   }
   const std::string replayFile = files.getTmpFile();
   const Names& dms = source.dms.empty() ? recordedDMs : source.dms;
-  const std::string& newDG = source.newDG;
+  std::string& newDG = source.newDG;
   if (m_support.defineDisksInQzVM(source.splitDisks, records) != 0) {
     QZ_TRACE(m_traceLog, 1, "%s", texts.nopriv);
     return 6;
   }
-  if (m_support.isDisksInQzVMDB(source.splitDisks, false) != 0) {
+  std::vector<Names> splitListings;
+  if (m_support.isDisksInQzVMDB(source.splitDisks, false, splitListings) != 0) {
     QZ_TRACE(m_traceLog, 1, "%s", texts.unseen);
     return 6;
+  }
+  if (source.splitCopies &&
+      !splitDisksPairWithPrimaries(source.primaryDisks, source.splitDisks, splitListings, data)) {
+    return kRefused;
   }
   if (m_support.initDisks(source.splitDisks, records, true) != 0) {
     QZ_TRACE(m_traceLog, 1, "%s", texts.init);
@@ -530,11 +579,17 @@ int CQzVMEngine::buildGroup(const SourceRecords& source, CQzVMData* data,
     QZ_TRACE(m_traceLog, 1, texts.reconfig, sourceFile.c_str(), replayFile.c_str());
     return 6;
   }
-  if (m_support.createDG(newDG, source.splitDisks, dms, m_support.isCDSDisk(records)) != 0) {
+  bool made = false;
+  if (createGroup(newDG, source.splitDisks, dms, m_support.isCDSDisk(records), source.splitCopies,
+                  made) != 0) {
+    if (made) {
+      createdDG = newDG;
+    }
     QZ_TRACE(m_traceLog, 1, texts.create, newDG.c_str());
     pushError("MSG_ERROR_UNABLE_TO_CREATE_DISKGROUP", {}, kSource, __LINE__);
     return 6;
   }
+  createdDG = newDG;
   if (m_support.applyVolConfig(newDG, replayFile) != 0) {
     QZ_TRACE(m_traceLog, 1, texts.apply, newDG.c_str(), replayFile.c_str());
     pushError("MSG_ERROR_UNABLE_TO_APPLY_CONFIGURATION_TO_DISKGROUP", {}, kSource, __LINE__);
@@ -578,12 +633,144 @@ int CQzVMEngine::recreateDG(const std::string& path, const Names& osDisks, CQzVM
     return 0;
   }
   // Same name, same disk-media names, same disks: only the group is new.
-  if (buildGroup(SourceRecords{dmpDisks, dmpDisks, Names(), dg}, data, kRecreateTexts) != 0) {
+  SourceRecords same{dmpDisks, dmpDisks, Names(), dg, false};
+  std::string createdDG;
+  if (buildGroup(same, data, kRecreateTexts, createdDG) != 0) {
     return 6;
   }
   if (activeVol(dg, volume, data) != 0) {
     QZ_TRACE(m_traceLog, 1, "Error in activating volume");
     return 6;
+  }
+  return 0;
+}
+
+// ===== the split disks paired with the primaries =====
+
+namespace {
+
+// The base a new name was made from: the name without its "_<number>".
+std::string baseOfNewName(const std::string& name) {
+  const size_t underscore = name.rfind('_');
+  if (underscore == std::string::npos || underscore == 0 ||
+      name.find_first_not_of("0123456789", underscore + 1) != std::string::npos) {
+    return name;
+  }
+  return name.substr(0, underscore);
+}
+
+// A private region that an earlier attempt of this build wrote: an id that
+// is no primary's, and no group or a group that the attempt made under a
+// new name of the recorded group (left deported when the attempt failed).
+bool leftByEarlierAttempt(const vol_pvt_info& onDisk, const std::string& carried,
+                          const Names& recordedIds, const std::string& sourceDG) {
+  if (carried.empty() || !isUniqueInVector(recordedIds, carried)) {
+    return false;
+  }
+  return onDisk.vpi_dgid.empty() ||
+         (onDisk.vpi_dgname != sourceDG && baseOfNewName(onDisk.vpi_dgname) == sourceDG);
+}
+
+}  // namespace
+
+// The split disks are copies of the primaries, private regions included:
+// before the first change to any of them, each must carry the disk id
+// recorded for the primary it pairs with. A split disk that an earlier
+// attempt of this build initialised already holds nothing of another disk,
+// and passes.
+bool CQzVMEngine::splitDisksPairWithPrimaries(const Names& primaryDisks, const Names& splitDisks,
+                                              const std::vector<Names>& splitListings,
+                                              CQzVMData* data) {
+  std::string sourceDG;
+  Names config;
+  data->getDGConfigFromPD(sourceDG, config);
+  Names recordedIds;
+  for (const std::string& primary : primaryDisks) {
+    Names recorded;
+    data->getVolPrivInfoPerDiskFromFiid(primary, recorded);
+    recordedIds.push_back(CQzVMSupport::diskIdOf(recorded));
+  }
+  for (size_t i = 0; i < splitDisks.size() && i < splitListings.size(); ++i) {
+    const std::string carried = CQzVMSupport::diskIdOf(splitListings[i]);
+    if (!carried.empty() && carried == recordedIds[i]) {
+      continue;
+    }
+    vol_pvt_info onDisk;
+    m_support.parseVolPrivInfo(splitListings[i], onDisk);
+    if (!leftByEarlierAttempt(onDisk, carried, recordedIds, sourceDG)) {
+      refusePair(m_traceLog, "buildQzVM", primaryDisks[i], splitDisks[i],
+                 "the split disk carries the disk id [" + carried +
+                     "], the primary disk's recorded id is [" + recordedIds[i] + "]");
+      return false;
+    }
+  }
+  return true;
+}
+
+// An intact group is imported by its id, whatever the order of its disks:
+// each split disk must carry that group.
+bool CQzVMEngine::splitDisksCarryGroup(const Names& primaryDisks, const Names& splitDisks,
+                                       const std::vector<Names>& splitListings,
+                                       const std::string& dgid) {
+  for (size_t i = 0; i < splitDisks.size() && i < splitListings.size(); ++i) {
+    vol_pvt_info onDisk;
+    m_support.parseVolPrivInfo(splitListings[i], onDisk);
+    if (onDisk.vpi_dgid != dgid) {
+      refusePair(m_traceLog, "importQzVM", i < primaryDisks.size() ? primaryDisks[i] : "",
+                 splitDisks[i],
+                 "the split disk carries the group id [" + onDisk.vpi_dgid +
+                     "], the recorded group id is [" + dgid + "]");
+      return false;
+    }
+  }
+  return true;
+}
+
+// ===== new group names chosen at the same time by two backups =====
+
+namespace {
+
+// How often a new name is chosen again before the build gives up.
+const int kNameChoices = 8;
+
+}  // namespace
+
+// A name checked free when it was chosen may have been taken since by
+// another backup on this host: when a group of that name now stands and
+// the split disks do not carry it, a new name is chosen. False when the
+// failure was another one, or no free name comes.
+bool CQzVMEngine::chooseAgain(std::string& dg, const Names& splitDisks, bool* ours) {
+  std::string carriedId;
+  std::string carried;
+  if (++m_nameChoices > kNameChoices || splitDisks.empty() || !m_support.isDGPresent(dg) ||
+      m_support.dgIdNameOnDisk(splitDisks.front(), carriedId, carried) != 0) {
+    return false;
+  }
+  if (carried == dg) {
+    if (ours != nullptr) {
+      *ours = true;
+    }
+    return false;
+  }
+  std::string chosen;
+  m_support.getNewDGName(baseOfNewName(dg), chosen);
+  if (chosen.empty() || chosen == dg) {
+    return false;
+  }
+  QZ_TRACE(m_traceLog, 2,
+           "CQzVMEngine - the new group name '%s' was taken meanwhile; '%s' is chosen.", dg.c_str(),
+           chosen.c_str());
+  dg = chosen;
+  return true;
+}
+
+int CQzVMEngine::createGroup(std::string& dg, const Names& disks, const Names& dms, bool cds,
+                             bool mayRename, bool& made) {
+  m_nameChoices = 0;
+  while (m_support.createDG(dg, disks, dms, cds) != 0) {
+    if (!mayRename || !chooseAgain(dg, disks, &made)) {
+      return 1;
+    }
   }
   return 0;
 }

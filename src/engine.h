@@ -46,7 +46,9 @@ class CQzVMEngine : public virtual qzfi_pdk_4_4::CFiTraceable {
   void init_internal_objid(qzfi_objid** objid, const std::string& dg, const std::string& volume,
                            bool raw);
 
-  // The operations below return 0 or 6.
+  // The operations below return 0 or 6; importQzVM, buildAltTree and
+  // buildQzVM return 3 when the split disks do not pair with the primaries,
+  // before any disk is changed.
 
   // Source host: the group's disks, their disk-media names and private
   // regions, and the group's configuration dump, into the private data.
@@ -95,13 +97,40 @@ class CQzVMEngine : public virtual qzfi_pdk_4_4::CFiTraceable {
   int importById(qzfi_objid** objid, const std::string& newDG, const std::string& volume,
                  CQzVMData* data, bool raw, const SplitDisks& disks);
   int takeNewGroupId(const qzfi_objid* objid, CQzVMData* data, const std::string& path);
-  int buildGroup(const SourceRecords& source, CQzVMData* data, const RebuildTexts& texts);
+  // createdDG: the group made, once it stands (source.newDG, or the name
+  // chosen again when another backup took that one meanwhile).
+  int buildGroup(SourceRecords& source, CQzVMData* data, const RebuildTexts& texts,
+                 std::string& createdDG);
+  int buildOnSplitDisks(qzfi_objid** objid, const std::string& newDG,
+                        const std::vector<std::string>& splitDisks, const std::string& path,
+                        CQzVMData* data, const std::vector<std::string>& primaryDisks,
+                        const std::vector<std::string>& primaryDMs, std::string& createdDG);
+  // Creates dg on the disks; with mayRename, under a name chosen again when
+  // dg was taken meanwhile. 0 or 1; made: dg stands on the split disks,
+  // made by this call before a later disk failed to join it.
+  int createGroup(std::string& dg, const std::vector<std::string>& disks,
+                  const std::vector<std::string>& dms, bool cds, bool mayRename, bool& made);
+  // ours: the group of that name stands on the first split disk.
+  bool chooseAgain(std::string& dg, const std::vector<std::string>& splitDisks,
+                   bool* ours = nullptr);
   int runVSetCommand(const std::string& dg, const std::string& vset, const char* action);
+  // Before the first change to a split disk: false, after reporting the
+  // pair, when a split disk is not the copy of its primary (build) or does
+  // not carry the recorded group (import).
+  bool splitDisksPairWithPrimaries(const std::vector<std::string>& primaryDisks,
+                                   const std::vector<std::string>& splitDisks,
+                                   const std::vector<std::vector<std::string>>& splitListings,
+                                   CQzVMData* data);
+  bool splitDisksCarryGroup(const std::vector<std::string>& primaryDisks,
+                            const std::vector<std::string>& splitDisks,
+                            const std::vector<std::vector<std::string>>& splitListings,
+                            const std::string& dgid);
 
   CQzVMCliTool m_cliTool;
   SQzVMCliPath m_cliPath;
   CQzVMSupport m_support;
   std::map<std::string, std::string> m_builtGroups;
+  int m_nameChoices = 0;  // new names chosen again by the current build or import
 };
 
 #endif  // QZVMFI_ENGINE_H

@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include <new>
+#include <set>
 #include <string_view>
 
 #include "support/qzvm_support.h"
@@ -375,11 +376,23 @@ int CQzVMData::readRecords(const char* text) {
   m_vt.clear();
   m_v.clear();
   m_dgConfig.clear();
+  m_shapeFault = SBlobShapeFault();
+  std::set<std::string> disksRead;
+  std::set<std::string> devicesRead;
+  std::set<std::string> mediaRead;
+  // The counted record just read, while the next line is to start a record.
+  const char* counted = nullptr;
+  std::string count;
   LineCursor cursor(text);
   std::string_view view;
   while (cursor.next(view)) {
     const std::string line(view);
     const std::string key = getToken(line, 0);
+    if (counted != nullptr && key.compare(0, 5, "fiid_") != 0) {
+      noteShapeFault(counted, "line count", count,
+                     "its count of " + count + " leaves out lines that follow it");
+    }
+    counted = nullptr;
     bool complete = true;
     if (key == "fiid_isqzvmdeported") {
       m_deported = CFiStringTool::str2int(getToken(line, 1));
@@ -394,11 +407,24 @@ int CQzVMData::readRecords(const char* text) {
     } else if (key == "fiid_volpriv") {
       std::vector<std::string> fields = tokensOf(line);
       restoreEmptyName(fields, 5, 2);
+      if (!disksRead.insert(fields[1]).second) {
+        noteShapeFault("fiid_volpriv", "OS disk", fields[1], "two records name this disk");
+      }
+      if (!devicesRead.insert(fields[3]).second) {
+        noteShapeFault("fiid_volpriv", "multipath node", fields[3],
+                       "two records name this multipath node");
+      }
+      if (!fields[2].empty() && !mediaRead.insert(fields[2]).second) {
+        noteShapeFault("fiid_volpriv", "disk-media name", fields[2],
+                       "two records name this disk-media name");
+      }
       std::vector<std::string> lines;
       complete = takeLines(cursor, CFiStringTool::str2int(fields[4]), lines, false);
       if (complete) {
         addDiskRecord(fields[1], fields[2], fields[3], std::move(lines));
       }
+      counted = "fiid_volpriv";
+      count = fields[4];
     } else if (key == "fiid_dgconfig") {
       std::vector<std::string> fields = tokensOf(line);
       restoreEmptyName(fields, 3, 1);
@@ -406,6 +432,8 @@ int CQzVMData::readRecords(const char* text) {
       if (complete) {
         m_dgName = fields[1];
       }
+      counted = "fiid_dgconfig";
+      count = fields[2];
     } else if (key == "fiid_uigid") {
       m_uid = CFiStringTool::str2int(getToken(line, 1));
       m_gid = CFiStringTool::str2int(getToken(line, 2));
@@ -416,6 +444,14 @@ int CQzVMData::readRecords(const char* text) {
     }
   }
   return 0;
+}
+
+// The first fault is the one reported.
+void CQzVMData::noteShapeFault(const char* record, const char* field, const std::string& value,
+                               std::string why) {
+  if (m_shapeFault.empty()) {
+    m_shapeFault = {record, field, value, std::move(why)};
+  }
 }
 
 void CQzVMData::addDiskRecord(const std::string& disk, const std::string& secondName,

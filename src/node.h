@@ -35,6 +35,17 @@ struct vol_pvt_info {
   bool vpi_error = false;  // the listing's flags name an error
 };
 
+// What a blob's text holds that its records cannot keep: a disk or a
+// multipath device named by two records, or a line after a counted record
+// that its count leaves out. Empty when there is none.
+struct SBlobShapeFault {
+  std::string record;  // the record's key, "fiid_volpriv"
+  std::string field;
+  std::string value;
+  std::string why;
+  bool empty() const { return why.empty(); }
+};
+
 // Traces each record one field per line, " next disk " between two records.
 void printVolPvtInfo(const std::vector<vol_pvt_info>& records);
 
@@ -85,6 +96,17 @@ class CQzVMData : public qzfi_pdk_4_4::CFiPrivateData {
 
   int IsValidConfig() { return 1; }
 
+  // What the last blob read held that its records could not keep.
+  const SBlobShapeFault& blobShapeFault() const { return m_shapeFault; }
+  // The disk records as read or set: disk -> paired multipath device, disk
+  // -> second name, disk -> private-region lines.
+  const std::map<std::string, std::string>& diskDMPPairs() const { return m_diskToDmp; }
+  const std::map<std::string, std::string>& secondNames() const { return m_secondName; }
+  const std::map<std::string, std::vector<std::string>>& privateRegions() const {
+    return m_volPriv;
+  }
+  const std::vector<std::string>& dgConfigLines() const { return m_dgConfig; }
+
   CQzVMConfig& splitConfig() { return m_config; }
   const std::string& getDGName() const { return m_dgName; }
   int64_t getOwnerUid() const { return m_uid; }
@@ -105,6 +127,8 @@ class CQzVMData : public qzfi_pdk_4_4::CFiPrivateData {
   void setObjectsFound(bool found) { m_objectsFound = found; }
   std::vector<std::string>& vList() { return m_v; }
   std::vector<std::string>& vtList() { return m_vt; }
+  const std::vector<std::string>& vList() const { return m_v; }
+  const std::vector<std::string>& vtList() const { return m_vt; }
 
  private:
   std::vector<std::string> namesOf(const std::string& disk) const;
@@ -113,6 +137,8 @@ class CQzVMData : public qzfi_pdk_4_4::CFiPrivateData {
   void addDiskRecord(const std::string& disk, const std::string& secondName, const std::string& dmp,
                      std::vector<std::string> lines);
   int readRecords(const char* text);
+  void noteShapeFault(const char* record, const char* field, const std::string& value,
+                      std::string why);
   // The blob's text into a sink (a counter, the framework's buffer, a string).
   template <class Out>
   void writeBlob(Out& out);
@@ -136,6 +162,7 @@ class CQzVMData : public qzfi_pdk_4_4::CFiPrivateData {
   bool m_objectsFound = false;
   std::vector<std::string> m_v;
   std::vector<std::string> m_vt;
+  SBlobShapeFault m_shapeFault;
 };
 
 #endif  // QZVMFI_NODE_H

@@ -2,6 +2,8 @@
 // the record read and written around them.
 #include "flows.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 
@@ -149,10 +151,26 @@ void CFlows::requireSuccess(const std::string& name, const std::function<int()>&
 }
 
 void CFlows::restoreNode(CNode& node, const ProviderState& state, const std::string& what) {
-  requireSuccess(
-      "processProviderState", [&] { return node.restore(state); },
-      what + " restored from the record (" + std::to_string(state.bytes.size()) + " bytes)",
-      what + " could not be restored from the record");
+  StepOutcome outcome = runStep("processProviderState", [&] { return node.restore(state); });
+  if (outcome.status == QFI_E_INVALID) {
+    std::vector<std::string> reasons;
+    for (const PluginMessage& message : outcome.messages) {
+      reasons.push_back(message.text);
+    }
+    const std::string why = "the plug-in refused " + what + " of the record " + m_options.record +
+                            (reasons.empty() ? "" : ": " + joined(reasons, " ")) +
+                            "; nothing was changed";
+    outcome.ok = false;
+    outcome.detail = why;
+    m_report.step(std::move(outcome));
+    throw Failure{kExitRecord, why};
+  }
+  const bool ok = outcome.status == 0;
+  const std::string status = std::to_string(outcome.status);
+  finishStep(
+      std::move(outcome), ok,
+      ok ? what + " restored from the record (" + std::to_string(state.bytes.size()) + " bytes)"
+         : what + " could not be restored from the record (status " + status + ")");
 }
 
 ProviderState CFlows::saveNode(CNode& node, const std::string& what) {
@@ -168,6 +186,10 @@ ProviderState CFlows::saveNode(CNode& node, const std::string& what) {
 }
 
 CSnapshotRecord CFlows::loadRecord(const std::vector<RecordStep>& allowed) {
+  // A record that is not there is named as such by the loading.
+  if (::access(m_options.record.c_str(), F_OK) == 0) {
+    m_recordLock.acquire(m_options.record);
+  }
   CSnapshotRecord record = CSnapshotRecord::load(m_options.record);
   const std::string plugin =
       CPluginLibrary::pluginNameOf(CPluginLibrary::libraryFile(m_options.plugin));

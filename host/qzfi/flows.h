@@ -55,7 +55,9 @@ class CFlows {
   // Steps with status 0 wanted; done tells what they did.
   void requireSuccess(const std::string& name, const std::function<int()>& call,
                       const std::string& done, const std::string& failure);
-  // processProviderState steps of a node.
+  // processProviderState steps of a node. A provider state that the
+  // plug-in refuses (status 3) makes the record unusable: exit code 3, with
+  // the plug-in's reason.
   void restoreNode(CNode& node, const ProviderState& state, const std::string& what);
   ProviderState saveNode(CNode& node, const std::string& what);
   // The record of the options, checked for this command: made by this
@@ -88,6 +90,8 @@ class CFlows {
   CReport& m_report;
   CProgressWatch m_watch;
   std::unique_ptr<CPluginLibrary> m_plugin;
+  // Held from the record's loading to the command's end.
+  CRecordLock m_recordLock;
 };
 
 }  // namespace qzfi_host

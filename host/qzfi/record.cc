@@ -2,6 +2,7 @@
 #include "record.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <ctime>
 #include <fstream>
 #include <memory>
+#include <set>
 #include <sstream>
 
 #include <ace/Codecs.h>
@@ -128,6 +130,27 @@ RecordStep stepOf(const std::string& name) {
     }
   }
   throw RecordError("the step \"" + name + "\" is not one of qzfi's");
+}
+
+// A list of disks names each disk once.
+void checkNamedOnce(const std::vector<std::string>& disks, const char* name) {
+  std::set<std::string> seen;
+  for (const std::string& disk : disks) {
+    if (!seen.insert(disk).second) {
+      throw RecordError(std::string("the list \"") + name + "\" names " + disk + " twice");
+    }
+  }
+}
+
+// A copy's split disks pair one to one with the sub-objects, in order.
+void checkCopyDisks(const AlternateCopy& copy, const std::vector<std::string>& subObjects,
+                    const char* name) {
+  if (copy.secondary.size() != subObjects.size()) {
+    throw RecordError(std::string("the list \"") + name + "\" holds " +
+                      std::to_string(copy.secondary.size()) + " disks for the " +
+                      std::to_string(subObjects.size()) + " sub-objects");
+  }
+  checkNamedOnce(copy.secondary, name);
 }
 
 Json copyJson(const AlternateCopy& copy) {
@@ -272,6 +295,7 @@ CSnapshotRecord CSnapshotRecord::fromJson(const Json& json) {
   record.ownerUid = integer(owner, "uid");
   record.ownerGid = integer(owner, "gid");
   record.subObjects = texts(json, "sub_objects");
+  checkNamedOnce(record.subObjects, "sub_objects");
   record.state = providerStateOf(member(json, "provider_state"));
   record.deportedObject = optionalText(json, "deported_object");
   const std::string access = text(json, "source_access");
@@ -282,6 +306,7 @@ CSnapshotRecord CSnapshotRecord::fromJson(const Json& json) {
   if (json.contains("alternate")) {
     record.hasAlternate = true;
     record.alternate = copyOf(member(json, "alternate"));
+    checkCopyDisks(record.alternate, record.subObjects, "alternate.secondary");
   }
   if (json.contains("earlier_copies")) {
     const Json& copies = field(json, "earlier_copies");
@@ -290,6 +315,7 @@ CSnapshotRecord CSnapshotRecord::fromJson(const Json& json) {
     }
     for (const Json& copy : copies) {
       record.earlierCopies.push_back(copyOf(copy));
+      checkCopyDisks(record.earlierCopies.back(), record.subObjects, "earlier_copies.secondary");
     }
   }
   const Json& history = field(json, "events");
@@ -362,6 +388,40 @@ void CSnapshotRecord::save(const std::string& file, bool exclusive) const {
                       " cannot be written: " + systemError(written ? placeError : writeError));
   }
   syncFolder(folder);
+}
+
+CRecordLock::~CRecordLock() {
+  if (m_fd >= 0) {
+    close(m_fd);
+  }
+}
+
+void CRecordLock::acquire(const std::string& file) {
+  const std::string folder = folderOf(file);
+  const std::string lockFile = folder + "/." + file.substr(file.rfind('/') + 1) + ".lock";
+  const int fd = open(lockFile.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    throw RecordError("the record " + file + " cannot be locked (" + lockFile +
+                      "): " + systemError(errno));
+  }
+  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    const int lockError = errno;
+    char holder[32] = {0};
+    const ssize_t got = pread(fd, holder, sizeof holder - 1, 0);
+    close(fd);
+    if (lockError != EWOULDBLOCK) {
+      throw RecordError("the record " + file + " cannot be locked: " + systemError(lockError));
+    }
+    const std::string pid = got > 0 ? std::string(holder, static_cast<size_t>(got)) : "";
+    throw RecordError("the record " + file + " is in use by another qzfi command" +
+                      (pid.empty() ? std::string() : " (process " + pid + ")") +
+                      ": run this command again when it is done; nothing was changed");
+  }
+  const std::string pid = std::to_string(getpid());
+  // The process id only names the holder to a command refused meanwhile.
+  [[maybe_unused]] const bool named =
+      ftruncate(fd, 0) == 0 && pwrite(fd, pid.data(), pid.size(), 0) > 0;
+  m_fd = fd;
 }
 
 void CSnapshotRecord::note(const std::string& command, const std::string& detail) {

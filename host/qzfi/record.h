@@ -79,6 +79,25 @@ class CSnapshotRecord {
   static CSnapshotRecord fromJson(const nlohmann::ordered_json& json);
 };
 
+// The advisory lock of a record, held while a command runs, so that two
+// commands never use one record at once. It lies on a file beside the
+// record (".NAME.lock", holding the holder's process id), which the
+// record's atomic replacement leaves in place.
+class CRecordLock {
+ public:
+  CRecordLock() = default;
+  ~CRecordLock();
+  CRecordLock(const CRecordLock&) = delete;
+  CRecordLock& operator=(const CRecordLock&) = delete;
+
+  // Takes the lock of the record file, or throws RecordError naming the
+  // record and the process that holds it.
+  void acquire(const std::string& file);
+
+ private:
+  int m_fd = -1;
+};
+
 // The provider state in the record: the blob's text when it is UTF-8, its
 // base64 form otherwise, with its length either way.
 nlohmann::ordered_json providerStateJson(const ProviderState& state);

@@ -35,6 +35,7 @@ int CFlows::claim() {
 
 int CFlows::prepare() {
   CSnapshotRecord::checkWritable(m_options.record, true);
+  m_recordLock.acquire(m_options.record);
   m_report.begin("prepare " + m_options.path + " (record " + m_options.record + ")");
   startPlugin();
   CNode node(*m_plugin, m_options.path);

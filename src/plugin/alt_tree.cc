@@ -17,6 +17,12 @@ namespace {
 // volume's owner: the copy itself stands.
 const int kOwnerNotSet = 1091;
 
+// Split disks that do not pair with the primaries are refused (3) before
+// any of them is changed; any other failure of the engine is 6.
+int refusedOr6(int engineStatus) {
+  return engineStatus == 3 ? 3 : 6;
+}
+
 // A disk path of the framework without its device folder.
 std::string diskName(const qzfi_objid* id) {
   std::string name = id->name != nullptr ? id->name : "";
@@ -142,10 +148,10 @@ int CQzVMPlugin::buildAltTree(qfi_domain* node, char* /*splitType*/, qzfi_objid*
                path.c_str());
       return 6;
     }
-    if (m_engine->buildAltTree(out, newDG, secondaryDisks, path, data, vecPriDisks, vecPriDMs) !=
-        0) {
+    if (int status = m_engine->buildAltTree(out, newDG, secondaryDisks, path, data, vecPriDisks,
+                                            vecPriDMs)) {
       QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::buildAltTree - building alternate tree failed.");
-      return 6;
+      return refusedOr6(status);
     }
     if (int status = giveOwnerOfPrimary(*out, data, kBuildOwnerTexts)) {
       return status;
@@ -216,15 +222,16 @@ int CQzVMPlugin::importTreeNode(qfi_domain* node, qzfi_objid** primary, qzfi_obj
       primaryNodes.push_back(dmp);
     }
     if (data->getDeported() == 1) {
-      if (m_engine->importQzVM(out, newDG, primaryNodes, secondaryDisks, volumePath, data) != 0) {
+      if (int status =
+              m_engine->importQzVM(out, newDG, primaryNodes, secondaryDisks, volumePath, data)) {
         QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::importTreeNode - qzvm import failed.");
-        return 6;
+        return refusedOr6(status);
       }
       // The new group keeps the recorded disk-media names.
-    } else if (m_engine->buildAltTree(out, newDG, secondaryDisks, volumePath, data, primaryNodes,
-                                      Names()) != 0) {
+    } else if (int status = m_engine->buildAltTree(out, newDG, secondaryDisks, volumePath, data,
+                                                   primaryNodes, Names())) {
       QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::importTreeNode - qzvm import [ buildalttree ] failed.");
-      return 6;
+      return refusedOr6(status);
     }
     return giveOwnerOfPrimary(*out, data, kImportOwnerTexts);
   });

@@ -7,6 +7,7 @@
 
 #include <qzfi/cfiapiexport.h>
 
+#include "door.h"
 #include "qzvm_plugin.h"
 
 #ifndef QZVMFI_VERSION
@@ -19,7 +20,9 @@ using qzfi_pdk_4_4::CFiErrorHandlerPtr;
 using qzfi_pdk_4_4::CFiPluginBase;
 using qzfi_pdk_4_4::CFiTraceLogFunction;
 using qzfi_pdk_4_4::kCfiApiExportSource;
+using qzvmfi_door::SRefusal;
 using qzvmfi_report::reportingExceptions;
+using Names = std::vector<std::string>;
 
 extern "C" {
 
@@ -53,6 +56,120 @@ int32_t plain(const char* name, Body body) {
   return reportingExceptions({name, kCfiApiExportSource, __LINE__}, 6,
                              [&] { return Export::plain(name, body); });
 }
+
+// The door of the entry points: the object paths and disk lists that the
+// framework hands in are checked before the operation runs; a refusal is
+// reported and the status is 3, with nothing run.
+namespace door {
+
+const char* pathOf(const qfi_domain* node) {
+  return node != nullptr && node->objid != nullptr ? node->objid->name : nullptr;
+}
+
+const char* pathOf(const qzfi_objid* id) {
+  return id != nullptr ? id->name : nullptr;
+}
+
+// An object-id list as the operations read it: up to count entries, up to
+// the first null one.
+Names namesOf(qzfi_objid** ids, int count) {
+  Names names;
+  for (int i = 0; ids != nullptr && i < count && ids[i] != nullptr; ++i) {
+    names.emplace_back(ids[i]->name != nullptr ? ids[i]->name : "");
+  }
+  return names;
+}
+
+Names namesOf(char** disks, int count) {
+  Names names;
+  for (int i = 0; disks != nullptr && i < count && disks[i] != nullptr; ++i) {
+    names.emplace_back(disks[i]);
+  }
+  return names;
+}
+
+// 0, or 3 after reporting the first refusal of the checks.
+int refused(const char* operation, std::initializer_list<SRefusal> checks) {
+  for (const SRefusal& refusal : checks) {
+    if (refusal) {
+      return qzvmfi_door::refuse(qzvmfi_report::pluginTraceLog(), operation, refusal);
+    }
+  }
+  return 0;
+}
+
+SRefusal objectPath(const qfi_domain* node) {
+  return qzvmfi_door::checkObjectPath("the object path", pathOf(node));
+}
+
+SRefusal alternatePath(const qfi_domain* node) {
+  return qzvmfi_door::checkObjectPath("the alternate object path", pathOf(node));
+}
+
+// The primary and secondary disk lists of an alternate tree: each sound,
+// and pairing one to one when both are given.
+int pairedLists(const char* operation, const qfi_domain* node, qzfi_objid** primary,
+                qzfi_objid** secondary, int count) {
+  const Names primaryDisks = namesOf(primary, count);
+  const Names secondaryDisks = namesOf(secondary, count);
+  return refused(operation, {objectPath(node),
+                             qzvmfi_door::checkDiskList("the primary disk list", primaryDisks),
+                             qzvmfi_door::checkDiskList("the secondary disk list", secondaryDisks),
+                             // A missing or empty list is the operation's own invalid input.
+                             primaryDisks.empty() || secondaryDisks.empty()
+                                 ? SRefusal()
+                                 : qzvmfi_door::checkSameLength("the secondary disk list",
+                                                                primaryDisks, secondaryDisks)});
+}
+
+// Each node of an access list with its sub-objects (its disks).
+int accessList(const char* operation, const qfi_node_subobj_list* list) {
+  for (const qfi_node_subobj_list* entry = list; entry != nullptr; entry = entry->next) {
+    if (int status = refused(
+            operation, {objectPath(entry->node),
+                        qzvmfi_door::checkDiskList("the sub-object list",
+                                                   namesOf(entry->subobjs, entry->nsubobjs))})) {
+      return status;
+    }
+  }
+  return 0;
+}
+
+// The disks of a resource operation.
+int diskList(const char* operation, char** disks, int count) {
+  return refused(operation, {qzvmfi_door::checkDiskList("the disk list", namesOf(disks, count))});
+}
+
+// The names that format gives the new group and volume.
+int formatNames(char** disks, int count, const char* volume, const char* options) {
+  std::string group;
+  if (options != nullptr) {
+    qzfi_pdk_4_4::CFiFormatOptionList list;
+    if (list.parse(options) == 0) {
+      list.getOption("diskGroup", group);
+    }
+  }
+  const auto name = [](const char* where, const std::string& text) {
+    const char* fault = text.empty() ? nullptr : qzvmNameFault(text);
+    return fault == nullptr ? SRefusal() : SRefusal{where, text, fault, true};
+  };
+  return refused("format", {qzvmfi_door::checkDiskList("the disk list", namesOf(disks, count)),
+                            name("the volume name", volume != nullptr ? volume : ""),
+                            name("the option diskGroup", group)});
+}
+
+// A path that no volume-manager object can have is not the plug-in's:
+// asked about it, the plug-in answers no without looking further.
+bool nameableByVolumeManager(const char* operation, const char* path) {
+  const SRefusal refusal = qzvmfi_door::checkObjectPath("the path", path);
+  if (refusal) {
+    QZ_TRACE(qzvmfi_report::pluginTraceLog(), 3, "%s - '%s' is not the volume manager's: %s.",
+             operation, refusal.value.c_str(), refusal.why.c_str());
+  }
+  return !refusal;
+}
+
+}  // namespace door
 
 // The framework's managers made and registered with the plug-in, which
 // then initialises itself.
@@ -145,11 +262,25 @@ int32_t qzvmfi_fi_pgn_pre_deport_resource(char* name, int flags, char* text) {
 }
 
 int32_t qzvmfi_fi_pgn_unformat(char** disks, int count, int flags) {
-  return gated(__func__, [&] { return plugin().unformat(disks, count, flags); });
+  return gated(__func__, [&] {
+    if (int refused = door::diskList("unformat", disks, count)) {
+      return refused;
+    }
+    return plugin().unformat(disks, count, flags);
+  });
 }
 
 int32_t qzvmfi_fi_pgn_is_parent_pgn(char* disk, int* isParent, int flags) {
-  return gated(__func__, [&] { return plugin().isParentPgn(disk, isParent, flags); });
+  return gated(__func__, [&] {
+    std::string path = disk != nullptr ? disk : "";
+    qzfi_pdk_4_4::CFiStringTool::trim(path, " \n\t\r");
+    if (disk != nullptr && isParent != nullptr && path.compare(0, 5, "/dev/") == 0 &&
+        !door::nameableByVolumeManager("isParentPgn", path.c_str())) {
+      *isParent = 0;
+      return 0;
+    }
+    return plugin().isParentPgn(disk, isParent, flags);
+  });
 }
 
 int32_t qzvmfi_fi_pgn_deport_resource(char* a, char* b, char* c, char* d, int flags) {
@@ -159,6 +290,9 @@ int32_t qzvmfi_fi_pgn_deport_resource(char* a, char* b, char* c, char* d, int fl
 int32_t qzvmfi_fi_pgn_online_resource(char** disks, int count, char* a, char* b, char* c, char* d,
                                       int flags, char*** paths, int* pathCount) {
   return gated(__func__, [&] {
+    if (int refused = door::diskList("onlineResource", disks, count)) {
+      return refused;
+    }
     return plugin().onlineResource(disks, count, a, b, c, d, flags, paths, pathCount);
   });
 }
@@ -170,6 +304,9 @@ int32_t qzvmfi_fi_pgn_enumerate_host_nodes(qfi_host_node_list** list, int* count
 int32_t qzvmfi_fi_pgn_format(char** disks, int count, char* name, char* type, char* options,
                              int flags, char*** paths, int* pathCount) {
   return gated(__func__, [&] {
+    if (int refused = door::formatNames(disks, count, name, options)) {
+      return refused;
+    }
     return plugin().format(disks, count, name, type, options, flags, paths, pathCount);
   });
 }
@@ -224,12 +361,22 @@ int32_t qzvmfi_fi_pgn_restore(qzfi_objid** a, qzfi_objid** b, long count, char* 
 }
 
 int32_t qzvmfi_fi_pgn_disable_access(qfi_node_subobj_list* list, long flags) {
-  return gated(__func__, [&] { return plugin().disableAccess(list, flags); });
+  return gated(__func__, [&] {
+    if (int refused = door::accessList("disableAccess", list)) {
+      return refused;
+    }
+    return plugin().disableAccess(list, flags);
+  });
 }
 
 int32_t qzvmfi_fi_pgn_enable_access(qfi_node_subobj_list* list, long flags, int reserved,
                                     int options) {
-  return gated(__func__, [&] { return plugin().enableAccess(list, flags, reserved, options); });
+  return gated(__func__, [&] {
+    if (int refused = door::accessList("enableAccess", list)) {
+      return refused;
+    }
+    return plugin().enableAccess(list, flags, reserved, options);
+  });
 }
 
 int32_t qzvmfi_fi_pgn_del_locale_message(char** text) {
@@ -250,7 +397,12 @@ int32_t qzvmfi_fi_pgn_get_last_error(qfi_msg_info** list) {
 }
 
 int32_t qzvmfi_fi_pgn_check_node_existence(qfi_domain* node, int* exists) {
-  return gated(__func__, [&] { return plugin().checkNodeExistence(node, exists); });
+  return gated(__func__, [&] {
+    if (int refused = door::refused("checkNodeExistence", {door::objectPath(node)})) {
+      return refused;
+    }
+    return plugin().checkNodeExistence(node, exists);
+  });
 }
 
 int32_t qzvmfi_fi_pgn_get_associated_nodes(qfi_node* node, qfi_node_list** list) {
@@ -311,6 +463,9 @@ int32_t qzvmfi_fi_pgn_cache_disable(qfi_domain* node, int flags) {
 int32_t qzvmfi_fi_pgn_build_alttree(qfi_domain* node, char* splitType, qzfi_objid** primary,
                                     qzfi_objid** secondary, int count, qzfi_objid** out) {
   return gated(__func__, [&] {
+    if (int refused = door::pairedLists("buildAltTree", node, primary, secondary, count)) {
+      return refused;
+    }
     return plugin().buildAltTree(node, splitType, primary, secondary, count, out);
   });
 }
@@ -325,12 +480,27 @@ int32_t qzvmfi_fi_pgn_subobj_list(qfi_domain* node, qzfi_objid*** subobjs, int* 
 
 int32_t qzvmfi_fi_pgn_online(qfi_domain* node, qfi_domain* altNode, int bringOnline,
                              qfi_disposition disposition) {
-  return gated(__func__, [&] { return plugin().online(node, altNode, bringOnline, disposition); });
+  return gated(__func__, [&] {
+    if (int refused =
+            door::refused("online", {door::objectPath(node), door::alternatePath(altNode)})) {
+      return refused;
+    }
+    return plugin().online(node, altNode, bringOnline, disposition);
+  });
 }
 
 int32_t qzvmfi_fi_pgn_dispose(qfi_domain* node, qfi_domain* altNode, qfi_splitnode* target,
                               qfi_disposition disposition) {
-  return gated(__func__, [&] { return plugin().dispose(node, altNode, target, disposition); });
+  return gated(__func__, [&] {
+    if (int refused = door::refused(
+            "dispose",
+            {door::objectPath(node), door::alternatePath(altNode),
+             qzvmfi_door::checkObjectPath(
+                 "the target path", target != nullptr ? door::pathOf(target->objid) : nullptr)})) {
+      return refused;
+    }
+    return plugin().dispose(node, altNode, target, disposition);
+  });
 }
 
 int32_t qzvmfi_fi_pgn_deinit_node(qfi_domain* node) {
@@ -363,17 +533,33 @@ int32_t qzvmfi_fi_pgn_pre_prepare(qfi_domain* node) {
 
 int32_t qzvmfi_fi_pgn_import_tree(qfi_domain* node, qzfi_objid** primary, qzfi_objid** secondary,
                                   int count, qzfi_objid** out) {
-  return gated(__func__,
-               [&] { return plugin().importTreeNode(node, primary, secondary, count, out); });
+  return gated(__func__, [&] {
+    if (int refused = door::pairedLists("importTreeNode", node, primary, secondary, count)) {
+      return refused;
+    }
+    return plugin().importTreeNode(node, primary, secondary, count, out);
+  });
 }
 
 int32_t qzvmfi_fi_pgn_deport_tree(qfi_domain* node, qfi_domain* altNode, qfi_accessnode* access) {
-  return gated(__func__, [&] { return plugin().deportTree(node, altNode, access); });
+  return gated(__func__, [&] {
+    if (int refused =
+            door::refused("deportTree", {door::objectPath(node), door::alternatePath(altNode)})) {
+      return refused;
+    }
+    return plugin().deportTree(node, altNode, access);
+  });
 }
 
 int32_t qzvmfi_fi_pgn_init_remnode(qfi_domain* node, qfi_domain* parent, qfi_domain* altNode,
                                    bool flag) {
-  return gated(__func__, [&] { return plugin().initAltNode(node, parent, altNode, flag); });
+  return gated(__func__, [&] {
+    if (int refused =
+            door::refused("initAltNode", {door::objectPath(node), door::alternatePath(altNode)})) {
+      return refused;
+    }
+    return plugin().initAltNode(node, parent, altNode, flag);
+  });
 }
 
 int32_t qzvmfi_fi_pgn_init_altnode(qfi_domain* node, qfi_domain* parent, qfi_domain* altNode,
@@ -383,7 +569,14 @@ int32_t qzvmfi_fi_pgn_init_altnode(qfi_domain* node, qfi_domain* parent, qfi_dom
 
 int32_t qzvmfi_fi_pgn_init_node(qfi_domain* node, qfi_domain** parents, int count,
                                 qzfi_objid* object) {
-  return gated(__func__, [&] { return plugin().initNode(node, parents, count, object); });
+  return gated(__func__, [&] {
+    if (int refused = door::refused(
+            "initNode", {door::objectPath(node),
+                         qzvmfi_door::checkObjectPath("the object path", door::pathOf(object))})) {
+      return refused;
+    }
+    return plugin().initNode(node, parents, count, object);
+  });
 }
 
 int32_t qzvmfi_fi_pgn_supports_fitype(qfi_domain* node, char* fiType) {
@@ -393,7 +586,8 @@ int32_t qzvmfi_fi_pgn_supports_fitype(qfi_domain* node, char* fiType) {
 int32_t qzvmfi_fi_pgn_claim(qzfi_objid* object, qzfi_objid*** secondaryObjects,
                             int* secondaryCount) {
   return plain(__func__, [&] {
-    return object == nullptr || secondaryObjects == nullptr || secondaryCount == nullptr
+    return object == nullptr || secondaryObjects == nullptr || secondaryCount == nullptr ||
+                   !door::nameableByVolumeManager("claim", door::pathOf(object))
                ? 0
                : plugin().claim(object, secondaryObjects, secondaryCount);
   });

@@ -1,5 +1,6 @@
 // Provider state: the node private data saved into the framework's blob and
 // restored from it.
+#include "door.h"
 #include "qzvm_plugin.h"
 
 using qzvmfi_report::reportingExceptions;
@@ -39,8 +40,13 @@ int CQzVMPlugin::processProviderState(qfi_domain* node, qfi_blob* blob, qfi_op_p
       });
 }
 
-// What a corrupt blob held before it broke off stays: the restore succeeds.
+// A blob that names what no command may carry is refused whole: the node
+// keeps nothing of it. Otherwise what a corrupt blob held before it broke
+// off stays, and the restore succeeds.
 int CQzVMPlugin::restoreProviderState(qfi_domain* node, qfi_blob* blob) {
+  if (int refused = refuseProviderState(node, blob)) {
+    return refused;
+  }
   CQzVMData* data = GetPrivateData(node);
   if (data == nullptr) {
     data = createPrivateData(node, 0);
@@ -50,6 +56,21 @@ int CQzVMPlugin::restoreProviderState(qfi_domain* node, qfi_blob* blob) {
   }
   data->extractFromBlob(blob);
   return 0;
+}
+
+// The blob is read into private data of its own first, which the door
+// checks: 0, or 3 once the refusal is reported.
+int CQzVMPlugin::refuseProviderState(qfi_domain* node, qfi_blob* blob) {
+  if (blob == nullptr || blob->data == nullptr) {
+    return 0;
+  }
+  CQzVMData staged(node->objid, false);
+  // The node's own reading traces what the blob holds.
+  staged.registerTraceLog(qzfi_pdk_4_4::CFiTraceLogPtr());
+  const bool brokeOff = staged.extractFromBlob(blob) == 1;
+  const qzvmfi_door::SRefusal refusal =
+      qzvmfi_door::checkProviderState(staged, m_support, brokeOff);
+  return refusal ? qzvmfi_door::refuse(m_traceLog, "processProviderState", refusal) : 0;
 }
 
 // A node without private data has nothing to save: the blob stays as it was.

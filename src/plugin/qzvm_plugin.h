@@ -159,6 +159,7 @@ class CQzVMPlugin : public qzfi_pdk_4_4::CFiPluginBase {
   int offlineResource(qfi_domain* node, const std::string& path, CQzVMData* data);
   // provider_state.cc
   int restoreProviderState(qfi_domain* node, qfi_blob* blob);
+  int refuseProviderState(qfi_domain* node, qfi_blob* blob);
   int saveProviderState(qfi_domain* node, qfi_blob* blob);
   // resources.cc
   // Takes a disk's volume-manager identity away: 0, or non-zero when it

@@ -318,6 +318,13 @@ int CQzVMSupport::refreshDisks(const std::vector<std::string>& disks) {
 }
 
 int CQzVMSupport::isDisksInQzVMDB(const std::vector<std::string>& disks, bool optimized) {
+  std::vector<std::vector<std::string>> listings;
+  return isDisksInQzVMDB(disks, optimized, listings);
+}
+
+int CQzVMSupport::isDisksInQzVMDB(const std::vector<std::string>& disks, bool optimized,
+                                  std::vector<std::vector<std::string>>& listings) {
+  listings.clear();
   const int maxRescans = 8;
   int rescans = 0;  // shared by all disks of the call
   for (const std::string& disk : disks) {
@@ -337,6 +344,7 @@ int CQzVMSupport::isDisksInQzVMDB(const std::vector<std::string>& disks, bool op
       qzvmScanDisks(false);
       ++rescans;
     }
+    listings.push_back(std::move(output));
   }
   return 0;
 }

@@ -115,6 +115,15 @@ int CQzVMSupport::parseVolPrivInfo(const std::vector<std::string>& lines, vol_pv
   return 0;
 }
 
+std::string CQzVMSupport::diskIdOf(const std::vector<std::string>& lines) {
+  std::string disk;
+  if (getMetaValForkey(lines, "disk:", disk) != 0) {
+    return std::string();
+  }
+  const std::string id = getValForKey(disk, "id");
+  return id == "-" ? std::string() : id;
+}
+
 int CQzVMSupport::dgIdNameOnDisk(const std::string& disk, std::string& dgid, std::string& dgName) {
   std::vector<vol_pvt_info> records;
   if (getVolPrivInfo({disk}, records) != 0) {

@@ -152,6 +152,9 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   int removeDisksFromQzVM(const std::vector<std::string>& disks, bool disableDmp = false);
   int refreshDisks(const std::vector<std::string>& disks);
   int isDisksInQzVMDB(const std::vector<std::string>& disks, bool optimized);
+  // The same, handing back the "qzdisk list" lines of each disk, in order.
+  int isDisksInQzVMDB(const std::vector<std::string>& disks, bool optimized,
+                      std::vector<std::vector<std::string>>& listings);
   bool isDiskShared(const std::vector<std::string>& lines);
   int checkQzVMDiskAgainstDG(const std::vector<std::string>& dgs,
                              const std::vector<std::string>& disks, bool& belongs);
@@ -198,6 +201,9 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   int getVolPrivInfoUnformatted(const std::vector<std::string>& disks,
                                 std::vector<std::vector<std::string>>& listings);
   int parseVolPrivInfo(const std::vector<std::string>& lines, vol_pvt_info& record);
+  // The disk id of a "qzdisk list" listing ("disk: ... id=..."); empty when
+  // it has none.
+  static std::string diskIdOf(const std::vector<std::string>& lines);
   int dgIdNameOnDisk(const std::string& disk, std::string& dgid, std::string& dgName);
   int defineDisksInQzVM(const std::vector<std::string>& disks,
                         const std::vector<vol_pvt_info>& records);

@@ -1,6 +1,7 @@
 #include "engine.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -35,8 +36,9 @@ Lines out(std::initializer_list<std::string> lines) {
 
 // "qzdisk list DISK" of a disk of group dg.
 Lines diskListing(const std::string& disk, const std::string& dm, const std::string& dg,
-                  const std::string& dgid, const std::string& type = "auto") {
-  return out({"Device:    " + disk, "type:      " + type, "disk:      name=" + dm + " id=1",
+                  const std::string& dgid, const std::string& type = "auto",
+                  const std::string& diskId = "1") {
+  return out({"Device:    " + disk, "type:      " + type, "disk:      name=" + dm + " id=" + diskId,
               "group:     name=" + dg + " id=" + dgid, "info:      format=cdsdisk",
               "flags:     online ready private autoconfig",
               "public:    slice=3 offset=2304 len=100000", "private:   slice=3 offset=256 len=2048",
@@ -610,19 +612,113 @@ TEST_F(EngineTest, BuildAltTreeGroupCheckFailureFails) {
   EXPECT_TRUE(wasTraced(1, "checkForVolFromQzVMDiskIfRecreatedAndGetDG failed"));
 }
 
-TEST_F(EngineTest, BuildFailureCleansUpWithDeportOfTheNewGroup) {
+// A group that was never made is not deported: its name may be another's.
+TEST_F(EngineTest, BuildFailureBeforeTheGroupStandsDeportsNothing) {
   splitDisksSeen();
   on("qzdg   init dg1_1 d01=sdx", 1);
-  on("qzdg   list dg1_1", 0);
-  on("qzdg   deport dg1_1", 0);
+  on("qzdg   list dg1_1", 11);
   CQzVMData data(nullptr, false);
   recordSource(data);
   EXPECT_EQ(6, build(data));
   EXPECT_TRUE(wasTraced(1, "creation of dg failed. dg=dg1_1"));
   EXPECT_TRUE(wasPushed("MSG_ERROR_UNABLE_TO_CREATE_DISKGROUP"));
   EXPECT_TRUE(wasTraced(1, "buildQzVM failed"));
-  EXPECT_TRUE(ran("qzdg   deport dg1_1"));
+  EXPECT_FALSE(ranPrefix("qzdg   deport"));
+  EXPECT_TRUE(ran("qzdisk   rm sdx"));
   EXPECT_EQ("100.dg1", data.getDGId());
+}
+
+TEST_F(EngineTest, BuildFailureAfterTheGroupStandsDeportsIt) {
+  splitDisksSeen();
+  onPrefix("qzmake   -g dg1_1 -d ", 1);
+  on("qzdg   list dg1_1", 0);
+  on("qzdg   deport dg1_1", 0);
+  CQzVMData data(nullptr, false);
+  recordSource(data);
+  EXPECT_EQ(6, build(data));
+  EXPECT_TRUE(ran("qzdg   deport dg1_1"));
+}
+
+// Another backup on this host took the new name between its choice and the
+// group's creation: a new name is chosen, and the build goes on under it.
+TEST_F(EngineTest, ANewNameTakenMeanwhileIsChosenAgain) {
+  splitDisksSeen();
+  on("qzdg   init dg1_1 d01=sdx", 1,
+     out({"QZVM qzdg ERROR Q-5-1-12 Disk group dg1_1: a disk group of that name exists"}));
+  on("qzdg   list dg1_1", 0);
+  on("qzdg   list ", 0, out({"NAME STATE ID", "dg1_1 enabled 300.other"}));
+  const std::string chosen = "dg1_" + std::to_string(getpid());
+  on("qzdg   init " + chosen + " d01=sdx", 0);
+  on("qzdg   -g " + chosen + " adddisk  d02=sdy", 0);
+  onPrefix("qzmake   -g " + chosen + " -d ", 0);
+  volumeStarts(chosen, "vol1");
+  on("qzdisk   -s  -g " + chosen + " list ", 0, out({"dgid: 400.new"}));
+  CQzVMData data(nullptr, false);
+  recordSource(data);
+  ASSERT_EQ(0, build(data));
+  EXPECT_STREQ(("/dev/qz/rdsk/" + chosen + "/vol1").c_str(), m_ids.back()->name);
+  EXPECT_EQ("400.new", data.getDGId());
+  EXPECT_FALSE(ranPrefix("qzdg   deport"));
+  EXPECT_TRUE(wasTraced(2, "CQzVMEngine - the new group name 'dg1_1' was taken meanwhile; '" +
+                               chosen + "' is chosen."));
+}
+
+// The split disks are the primaries' copies: a split disk that carries
+// another primary's disk id (the list given in another order) or another
+// disk's is refused before any disk changes, and stays in view.
+TEST_F(EngineTest, SplitDisksThatAreNotThePrimariesCopiesAreRefused) {
+  splitDisksSeen();
+  CQzVMData data(nullptr, false);
+  data.setVolPrivInfoInPD({"sdb", "sdc"}, {"d01", "d02"},
+                          {diskListing("sdb", "d01", "dg1", "100.dg1", "auto", "11.A"),
+                           diskListing("sdc", "d02", "dg1", "100.dg1", "auto", "12.A")});
+  data.setDGConfgiInPD("dg1", kDump);
+  data.setDGId("100.dg1");
+  on("qzdisk   list sdx", 0, diskListing("sdx", "d02", "dg1", "100.dg1", "auto", "12.A"));
+  on("qzdisk   list sdy", 0, diskListing("sdy", "d01", "dg1", "100.dg1", "auto", "11.A"));
+  makeDeleteFiles();
+  EXPECT_EQ(3, build(data));
+  EXPECT_FALSE(ranPrefix("qzdisk   rm"));
+  EXPECT_FALSE(ranPrefix("qzdisk   -f  init"));
+  EXPECT_FALSE(ranPrefix("qzdg   init"));
+  EXPECT_FALSE(ranPrefix("qzdg   deport"));
+  EXPECT_FALSE(std::filesystem::exists(deleteFile("sdx")));
+  ASSERT_EQ("MSG_ERROR_SPLIT_DISKS_DO_NOT_PAIR_WITH_PRIMARY_DISKS", pushed().back());
+  const auto message = errors().back();
+  EXPECT_EQ("buildQzVM", message->argumentText(0));
+  EXPECT_EQ("sdx", message->argumentText(1));
+  EXPECT_EQ("sdb", message->argumentText(2));
+  EXPECT_EQ("the split disk carries the disk id [12.A], the primary disk's recorded id is [11.A]",
+            message->argumentText(3));
+
+  // The right list, on the same disks.
+  on("qzdisk   scandisks  device=sdy,sdx", 0);
+  on("qzdg   init dg1_1 d01=sdy", 0);
+  on("qzdg   -g dg1_1 adddisk  d02=sdx", 0);
+  CFiExecSeam::clearCommands();
+  qzvmfi_ctx::ErrorManager::instance()->clear();
+  EXPECT_EQ(0, m_engine->buildAltTree(newId(), "dg1_1", {"sdy", "sdx"}, "/dev/qz/dsk/dg1/vol1",
+                                      &data, {"sdb", "sdc"}, {"d01", "d02"}));
+  const Lines after = pushed();
+  EXPECT_EQ(after.end(), std::find(after.begin(), after.end(),
+                                   "MSG_ERROR_SPLIT_DISKS_DO_NOT_PAIR_WITH_PRIMARY_DISKS"));
+}
+
+// A split disk that an earlier attempt of the build initialised already
+// carries a new id and no group: it passes.
+TEST_F(EngineTest, ASplitDiskInitialisedByAnEarlierAttemptPasses) {
+  splitDisksSeen();
+  CQzVMData data(nullptr, false);
+  data.setVolPrivInfoInPD({"sdb", "sdc"}, {"d01", "d02"},
+                          {diskListing("sdb", "d01", "dg1", "100.dg1", "auto", "11.A"),
+                           diskListing("sdc", "d02", "dg1", "100.dg1", "auto", "12.A")});
+  data.setDGConfgiInPD("dg1", kDump);
+  data.setDGId("100.dg1");
+  Lines initialised = diskListing("sdx", "d01", "", "", "auto", "77.B");
+  initialised[3] = "group:     -\n";
+  on("qzdisk   list sdx", 0, initialised);
+  on("qzdisk   list sdy", 0, diskListing("sdy", "d02", "dg1", "100.dg1", "auto", "12.A"));
+  EXPECT_EQ(0, build(data));
 }
 
 // The rewrite pairs the lists place by place: lists that cannot pair are
@@ -631,9 +727,9 @@ TEST_F(EngineTest, BuildAltTreeRefusesListsThatDoNotPair) {
   splitDisksSeen();
   CQzVMData data(nullptr, false);
   recordSource(data);
-  EXPECT_EQ(6, m_engine->buildAltTree(newId(), "dg1_1", {"sdx"}, "/dev/qz/dsk/dg1/vol1", &data,
+  EXPECT_EQ(3, m_engine->buildAltTree(newId(), "dg1_1", {"sdx"}, "/dev/qz/dsk/dg1/vol1", &data,
                                       {"sdb", "sdc"}, {"d01", "d02"}));
-  EXPECT_EQ(6, m_engine->buildAltTree(newId(), "dg1_1", {"sdx", "sdy"}, "/dev/qz/dsk/dg1/vol1",
+  EXPECT_EQ(3, m_engine->buildAltTree(newId(), "dg1_1", {"sdx", "sdy"}, "/dev/qz/dsk/dg1/vol1",
                                       &data, {"sdb", "sdc"}, {"d01"}));
   EXPECT_TRUE(ran().empty());
   EXPECT_EQ((Lines{"MSG_ERROR_SPLIT_DISKS_DO_NOT_PAIR_WITH_PRIMARY_DISKS",
@@ -644,7 +740,7 @@ TEST_F(EngineTest, BuildAltTreeRefusesListsThatDoNotPair) {
   EXPECT_EQ("buildAltTree", message->argumentText(0));
   EXPECT_EQ("sdx", message->argumentText(1));
   EXPECT_EQ("sdb sdc", message->argumentText(2));
-  EXPECT_EQ("d01 d02", message->argumentText(3));
+  EXPECT_EQ("their disk-media names are [d01 d02]", message->argumentText(3));
   EXPECT_TRUE(wasTraced(1,
                         "CQzVMEngine::buildAltTree - the split disks [sdx] do not pair with the "
                         "primary disks [sdb sdc] and their disk-media names [d01 d02]."));
@@ -654,7 +750,7 @@ TEST_F(EngineTest, BuildQzVMRefusesListsThatDoNotPair) {
   splitDisksSeen();
   CQzVMData data(nullptr, false);
   recordSource(data);
-  EXPECT_EQ(6, m_engine->buildQzVM(newId(), "dg1_1", {"sdx", "sdy"}, "/dev/qz/dsk/dg1/vol1", &data,
+  EXPECT_EQ(3, m_engine->buildQzVM(newId(), "dg1_1", {"sdx", "sdy"}, "/dev/qz/dsk/dg1/vol1", &data,
                                    {"sdb"}, {}));
   EXPECT_TRUE(ran().empty());
   EXPECT_EQ((Lines{"MSG_ERROR_SPLIT_DISKS_DO_NOT_PAIR_WITH_PRIMARY_DISKS"}), pushed());
@@ -880,6 +976,33 @@ TEST_F(ImportTest, GroupCheckFailureFailsWithoutCleanUp) {
   once("qzdisk   list sdx", 1);
   EXPECT_EQ(6, import(data));
   EXPECT_FALSE(ranPrefix("qzdisk   rm"));
+}
+
+TEST_F(ImportTest, ANewNameTakenMeanwhileIsChosenAgain) {
+  on("qzdg   -C  -n dg1_1 import 100.dg1", 1);
+  on("qzdg   list dg1_1", 0);
+  on("qzdg   list ", 0, out({"NAME STATE ID", "dg1_1 enabled 300.other"}));
+  const std::string chosen = "dg1_" + std::to_string(getpid());
+  on("qzdg   -C  -n " + chosen + " import 100.dg1", 0);
+  volumeStarts(chosen, "vol1");
+  CQzVMData data(nullptr, false);
+  recordSource(data);
+  ASSERT_EQ(0, import(data));
+  EXPECT_STREQ(("/dev/qz/dsk/" + chosen + "/vol1").c_str(), m_ids.back()->name);
+  EXPECT_FALSE(ranPrefix("qzdisk   rm"));
+}
+
+TEST_F(ImportTest, SplitDisksOfAnotherGroupAreRefused) {
+  on("qzdisk   list sdy", 0, diskListing("sdy", "d09", "dg9", "900.dg9"));
+  CQzVMData data(nullptr, false);
+  recordSource(data);
+  EXPECT_EQ(3, import(data));
+  EXPECT_FALSE(ranPrefix("qzdisk   clearimport"));
+  EXPECT_FALSE(ranPrefix("qzdisk   rm"));
+  EXPECT_FALSE(ranPrefix("qzdg   -C"));
+  ASSERT_EQ("MSG_ERROR_SPLIT_DISKS_DO_NOT_PAIR_WITH_PRIMARY_DISKS", pushed().back());
+  EXPECT_EQ("the split disk carries the group id [900.dg9], the recorded group id is [100.dg1]",
+            errors().back()->argumentText(3));
 }
 
 // ===== recreateDG =====

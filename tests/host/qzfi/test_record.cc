@@ -2,9 +2,11 @@
 #include "record.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,6 +16,7 @@
 namespace {
 
 using qzfi_host::AlternateCopy;
+using qzfi_host::CRecordLock;
 using qzfi_host::CSnapshotRecord;
 using qzfi_host::ProviderState;
 using qzfi_host::RecordError;
@@ -35,7 +38,7 @@ CSnapshotRecord sample() {
   record.sourceAccess = false;
   record.hasAlternate = true;
   record.alternate = {"/dev/qz/dsk/dg1_1/vol1", {"/dev/sdf", "/dev/sdg"}, {"fiid_v vol1"}};
-  record.earlierCopies.push_back({"/dev/qz/dsk/dg1_0/vol1", {"/dev/sdh"}, {"old"}});
+  record.earlierCopies.push_back({"/dev/qz/dsk/dg1_0/vol1", {"/dev/sdh", "/dev/sdi"}, {"old"}});
   record.note("prepare", "claimed");
   return record;
 }
@@ -203,6 +206,45 @@ TEST(Record, StepsHaveTheirNames) {
   EXPECT_STREQ(qzfi_host::stepName(RecordStep::deported), "deported");
   EXPECT_STREQ(qzfi_host::stepName(RecordStep::moved), "moved");
   EXPECT_STREQ(qzfi_host::stepName(RecordStep::released), "released");
+}
+
+// The lists of disks pair with the sub-objects, each disk named once.
+TEST(Record, DiskListsThatDoNotPairAreRefused) {
+  Json json = sample().toJson();
+  json["sub_objects"][1] = "/dev/sdb";
+  EXPECT_EQ(refusalOf(json), "the list \"sub_objects\" names /dev/sdb twice");
+  json = sample().toJson();
+  json["alternate"]["secondary"].push_back("/dev/sdz");
+  EXPECT_EQ(refusalOf(json),
+            "the list \"alternate.secondary\" holds 3 disks for the 2 sub-objects");
+  json = sample().toJson();
+  json["earlier_copies"][0]["secondary"][1] = "/dev/sdh";
+  EXPECT_EQ(refusalOf(json), "the list \"earlier_copies.secondary\" names /dev/sdh twice");
+}
+
+// One command at a time holds a record; the next is refused with the
+// record's name and the holder's process id until the first lets go.
+TEST(Record, ALockedRecordIsRefusedToAnotherCommand) {
+  qztest::TempDir dir;
+  const std::string file = dir.file("backup.json");
+  sample().save(file, true);
+  auto first = std::make_unique<CRecordLock>();
+  first->acquire(file);
+  CRecordLock second;
+  try {
+    second.acquire(file);
+    ADD_FAILURE() << "locked twice";
+  } catch (const RecordError& error) {
+    EXPECT_EQ(std::string(error.what()),
+              "the record " + file + " is in use by another qzfi command (process " +
+                  std::to_string(getpid()) +
+                  "): run this command again when it is done; nothing was changed");
+  }
+  first.reset();
+  EXPECT_NO_THROW(second.acquire(file));
+  // The lock lies beside the record, which stays whole.
+  EXPECT_TRUE(std::filesystem::exists(dir.file(".backup.json.lock")));
+  EXPECT_EQ(CSnapshotRecord::load(file).object, "/dev/qz/dsk/dg1/vol1");
 }
 
 }  // namespace

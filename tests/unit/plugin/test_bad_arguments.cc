@@ -480,7 +480,7 @@ TEST_F(BadArgumentsTest, EveryEntryPointWithGarbage) {
        [texts, hostile] {
          return qzvmfi_fi_pgn_format(texts, 2, hostile, hostile, kLongText, -1, &g.paths, &g.count);
        },
-       returns(6)},
+       returns(3)},
       {"import_resource", "hostile names",
        [texts, hostile] {
          return qzvmfi_fi_pgn_import_resource(texts, hostile, hostile, hostile, -1, &g.text,
@@ -516,9 +516,9 @@ TEST_F(BadArgumentsTest, EveryEntryPointWithGarbage) {
        },
        returns(0)},
       {"disable_access", "garbage list",
-       [] { return qzvmfi_fi_pgn_disable_access(&g.subobjs, -1); }, returns(0)},
+       [] { return qzvmfi_fi_pgn_disable_access(&g.subobjs, -1); }, returns(3)},
       {"enable_access", "garbage list",
-       [] { return qzvmfi_fi_pgn_enable_access(&g.subobjs, -1, -1, 0); }, returns(0)},
+       [] { return qzvmfi_fi_pgn_enable_access(&g.subobjs, -1, -1, 0); }, returns(3)},
       {"del_locale_message", "hostile text",
        [] {
          char* text = strdup(kHostileText);
@@ -544,7 +544,7 @@ TEST_F(BadArgumentsTest, EveryEntryPointWithGarbage) {
        },
        returns(0)},
       {"check_node_existence", "garbage node",
-       [] { return qzvmfi_fi_pgn_check_node_existence(&g.domain, &g.count); }, returns(0)},
+       [] { return qzvmfi_fi_pgn_check_node_existence(&g.domain, &g.count); }, returns(3)},
       {"get_associated_nodes", "garbage node",
        [] {
          qfi_node_list* list = nullptr;
@@ -604,20 +604,20 @@ TEST_F(BadArgumentsTest, EveryEntryPointWithGarbage) {
        [ids, hostile] {
          return qzvmfi_fi_pgn_build_alttree(&g.domain, hostile, ids, ids, -1, &g.id);
        },
-       stops("dgName.length() && vol.length()")},
+       returns(3)},
       {"subobj_list", "garbage node",
        [] { return qzvmfi_fi_pgn_subobj_list(&g.domain, &g.idList, &g.count); }, returns(0)},
       {"online", "garbage nodes and disposition",
        [] {
          return qzvmfi_fi_pgn_online(&g.domain, &g.domain, -1, static_cast<qfi_disposition>(99));
        },
-       returns(0)},
+       returns(3)},
       {"dispose", "garbage target and disposition",
        [] {
          return qzvmfi_fi_pgn_dispose(&g.domain, &g.domain, &g.split,
                                       static_cast<qfi_disposition>(99));
        },
-       returns(0)},
+       returns(3)},
       {"deinit_node", "garbage node", [] { return qzvmfi_fi_pgn_deinit_node(&g.domain); },
        returns(0)},
       {"config", "garbage",
@@ -642,7 +642,7 @@ TEST_F(BadArgumentsTest, EveryEntryPointWithGarbage) {
        [] { return qzvmfi_fi_pgn_deport_tree(&g.domain, &g.domain, &g.accessNode); }, returns(3)},
       {"init_remnode", "garbage",
        [] { return qzvmfi_fi_pgn_init_remnode(&g.domain, &g.domain, &g.domain, true); },
-       returns(6)},
+       returns(3)},
       {"init_altnode", "garbage",
        [] { return qzvmfi_fi_pgn_init_altnode(&g.domain, &g.domain, &g.domain, true); },
        returns(6)},
@@ -651,7 +651,7 @@ TEST_F(BadArgumentsTest, EveryEntryPointWithGarbage) {
          qfi_domain* parents[] = {&g.domain, nullptr};
          return qzvmfi_fi_pgn_init_node(&g.domain, parents, -1, &g.objid);
        },
-       returns(6)},
+       returns(3)},
       {"supports_fitype", "garbage",
        [hostile] { return qzvmfi_fi_pgn_supports_fitype(&g.domain, hostile); }, returns(0)},
       {"claim", "a hostile object",

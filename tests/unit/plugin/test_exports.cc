@@ -729,3 +729,110 @@ TEST_F(ExportsTest, EveryEntryPointReachesItsOperation) {
 }
 
 }  // namespace
+
+// ===== the door =====
+
+namespace {
+
+using qzvmfi_test::OperationsTest;
+using qzvmfi_test::TestNode;
+using qzvmfi_test::TestNodeList;
+using qzvmfi_test::TestObjids;
+
+class DoorTest : public OperationsTest {
+ protected:
+  // The call refused with 3, the message pushed, nothing run.
+  void expectRefused(int status, const Pushed& message) {
+    EXPECT_EQ(3, status);
+    EXPECT_EQ(std::vector<Pushed>{message}, pushed());
+    EXPECT_TRUE(commands().empty()) << commands().front();
+    qzvmfi_ctx::ErrorManager::instance()->clear();
+    CFiExecSeam::clearCommands();
+  }
+
+  static constexpr const char* kShell =
+      "it holds a character other than letters, digits, '_', '-' and '.'";
+};
+
+TEST_F(DoorTest, ObjectPathsThatNoVolumeCanHaveAreRefusedBeforeAnythingRuns) {
+  const std::string hostile = "/dev/qz/dsk/dg1$(touch${IFS}pwned)/vol1";
+  TestNode node(hostile);
+  TestNode good(m_path);
+  const Pushed message{"MSG_ERROR_INVALID_NAME", "door", {"", hostile, kShell, "the object path"}};
+  const auto named = [&message](const char* operation) {
+    Pushed named = message;
+    named.args[0] = operation;
+    return named;
+  };
+  qfi_accessnode access{};
+  int exists = 0;
+  expectRefused(qzvmfi_fi_pgn_deport_tree(&node.domain, nullptr, &access), named("deportTree"));
+  expectRefused(qzvmfi_fi_pgn_check_node_existence(&node.domain, &exists),
+                named("checkNodeExistence"));
+  expectRefused(qzvmfi_fi_pgn_init_node(&node.domain, nullptr, 0, node.objid()), named("initNode"));
+  expectRefused(
+      qzvmfi_fi_pgn_online(&good.domain, &node.domain, 2, QFI_DISP_NONE),
+      {"MSG_ERROR_INVALID_NAME", "door", {"online", hostile, kShell, "the alternate object path"}});
+  TestNodeList list;
+  list.add(&node.domain);
+  expectRefused(qzvmfi_fi_pgn_disable_access(list.get(), 0), named("disableAccess"));
+  expectRefused(qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0), named("enableAccess"));
+  // Asked whether such a path is its own, the plug-in answers no.
+  qzfi_objid** secondary = nullptr;
+  int count = 0;
+  EXPECT_EQ(0, qzvmfi_fi_pgn_claim(node.objid(), &secondary, &count));
+  EXPECT_TRUE(commands().empty());
+  EXPECT_TRUE(pushed().empty());
+}
+
+TEST_F(DoorTest, DiskListsOfTheAlternateTreeAreCheckedAndPaired) {
+  TestNode node(m_path);
+  TestObjids primary({"/dev/sdb", "/dev/sdc"});
+  TestObjids swappedTwice({"/dev/sdf", "/dev/sdf"});
+  TestObjids shorter({"/dev/sdf"});
+  TestObjids hostile({"/dev/sdf", "/dev/sd g"});
+  qzfi_objid* out[2] = {};
+  expectRefused(qzvmfi_fi_pgn_import_tree(&node.domain, primary.get(), swappedTwice.get(), 2, out),
+                {"MSG_ERROR_INPUT_REFUSED",
+                 "door",
+                 {"importTreeNode", "the secondary disk list", "sdf", "the disk is named twice"}});
+  expectRefused(qzvmfi_fi_pgn_import_tree(&node.domain, primary.get(), shorter.get(), 2, out),
+                {"MSG_ERROR_INPUT_REFUSED",
+                 "door",
+                 {"importTreeNode", "the secondary disk list", "2 primary and 1 secondary disks",
+                  "each primary disk pairs with the secondary disk at its place"}});
+  expectRefused(
+      qzvmfi_fi_pgn_build_alttree(&node.domain, nullptr, primary.get(), hostile.get(), 2, out),
+      {"MSG_ERROR_INVALID_NAME",
+       "door",
+       {"buildAltTree", "sd g", kShell, "the secondary disk list"}});
+}
+
+TEST_F(DoorTest, DiskListsOfResourcesAreChecked) {
+  char sdb[] = "/dev/sdb";
+  char hostile[] = "/dev/sdb;reboot";
+  char* twice[] = {sdb, sdb, nullptr};
+  char* bad[] = {hostile, nullptr};
+  char** paths = nullptr;
+  int count = 0;
+  expectRefused(qzvmfi_fi_pgn_unformat(twice, 2, 0),
+                {"MSG_ERROR_INPUT_REFUSED",
+                 "door",
+                 {"unformat", "the disk list", "sdb", "the disk is named twice"}});
+  expectRefused(
+      qzvmfi_fi_pgn_online_resource(bad, 1, nullptr, nullptr, nullptr, nullptr, 0, &paths, &count),
+      {"MSG_ERROR_INVALID_NAME",
+       "door",
+       {"onlineResource", "sdb;reboot", kShell, "the disk list"}});
+  char* one[] = {sdb, nullptr};
+  char volume[] = "vol 1";
+  expectRefused(qzvmfi_fi_pgn_format(one, 1, volume, nullptr, nullptr, 1, &paths, &count),
+                {"MSG_ERROR_INVALID_NAME", "door", {"format", "vol 1", kShell, "the volume name"}});
+  char options[] = "diskGroup=../dg";
+  expectRefused(qzvmfi_fi_pgn_format(one, 1, nullptr, nullptr, options, 1, &paths, &count),
+                {"MSG_ERROR_INVALID_NAME",
+                 "door",
+                 {"format", "../dg", "it begins with '-' or '.'", "the option diskGroup"}});
+}
+
+}  // namespace

@@ -154,4 +154,38 @@ TEST_F(ProviderStateTest, ANullNodeWithoutATraceLogReturns0) {
   EXPECT_EQ(0, untraced->processProviderState(nullptr, &blob, QFI_PS_SAVE));
 }
 
+// A provider state that names what no command may carry is refused whole:
+// 3, the name and its record and field reported, nothing run, and the
+// node keeps nothing of it.
+TEST_F(ProviderStateTest, AStateNamingWhatNoCommandMayCarryIsRefusedWhole) {
+  TestNode node("/dev/qz/dsk/dg1/vol1");
+  std::string state = fullState();
+  const std::string hostile = "dg1$(touch${IFS}pwned)";
+  state.replace(state.find("fiid_dgconfig dg1"), 17, "fiid_dgconfig " + hostile);
+  EXPECT_EQ(3, restoreState(&node.domain, state));
+  EXPECT_EQ(nullptr, dataOf(&node.domain));
+  EXPECT_TRUE(commands().empty());
+  EXPECT_EQ((std::vector<qzvmfi_test::Pushed>{
+                {"MSG_ERROR_INVALID_NAME",
+                 "door",
+                 {"processProviderState", hostile,
+                  "it holds a character other than letters, digits, '_', '-' and '.'",
+                  "the provider state (record fiid_dgconfig, field group)"}}}),
+            pushed());
+  EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::processProviderState blob null or private data invalid"));
+}
+
+TEST_F(ProviderStateTest, ARefusedStateLeavesWhatTheNodeHeld) {
+  TestNode node("/dev/qz/dsk/dg1/vol1");
+  ASSERT_EQ(0, restoreState(&node.domain, fullState()));
+  std::string twice = fullState();
+  // A second record of the same disk.
+  twice.insert(twice.find("fiid_dgconfig"), "fiid_volpriv sdb dg1d01 qzarr0_1 0\n");
+  EXPECT_EQ(3, restoreState(&node.domain, twice));
+  ASSERT_EQ(1u, pushed().size());
+  EXPECT_EQ("MSG_ERROR_INPUT_REFUSED", pushed().at(0).id);
+  EXPECT_EQ("the provider state (record fiid_volpriv, field OS disk)", pushed().at(0).args.at(1));
+  EXPECT_EQ(fullState(), savedState(&node.domain));
+}
+
 }  // namespace

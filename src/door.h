@@ -1,0 +1,52 @@
+// The door: what the plug-in takes from outside (the object paths of its
+// operations, their disk lists, the provider state given back to it) is
+// checked where it enters, before anything is run, with the one rule of
+// names that the command layer applies to every command line.
+#ifndef QZVMFI_DOOR_H
+#define QZVMFI_DOOR_H
+
+#include <string>
+#include <vector>
+
+#include <qzfi/pdk.h>
+
+#include "node.h"
+
+class CQzVMSupport;
+
+namespace qzvmfi_door {
+
+// Why something given from outside is refused, and where it stood. No
+// refusal while why is empty.
+struct SRefusal {
+  std::string where;  // "the secondary disk list", "the provider state (record ..., field ...)"
+  std::string value;  // the refused name, or the list or count
+  std::string why;
+  bool name = true;  // a name the volume manager does not accept; else a list that does not fit
+  explicit operator bool() const { return !why.empty(); }
+};
+
+// A path given as an operation's object; a null path is the operation's own
+// concern and passes.
+SRefusal checkObjectPath(const char* where, const char* path);
+// Disks as the framework names them (device paths, or names without the
+// device folder): each a name, none named twice.
+SRefusal checkDiskList(const char* where, const std::vector<std::string>& disks);
+// Two lists whose disks pair one to one, at the same place.
+SRefusal checkSameLength(const char* where, const std::vector<std::string>& primary,
+                         const std::vector<std::string>& secondary);
+// Everything the provider state read into data names: the group, its id,
+// volumes, volume sets, disks, their disk-media names and multipath nodes,
+// the recorded private regions and the configuration dump; and the shape
+// of the text it was read from. A text that broke off (truncated) keeps
+// its configuration lines as read, records after the break included: they
+// are not checked as a dump, as before.
+SRefusal checkProviderState(const CQzVMData& data, CQzVMSupport& support, bool brokeOff);
+
+// Traces and reports the refusal of operation: MSG_ERROR_INVALID_NAME for a
+// name, MSG_ERROR_INPUT_REFUSED otherwise. Returns 3.
+int refuse(const qzfi_pdk_4_4::CFiTraceLogPtr& log, const char* operation, const SRefusal& refusal);
+
+}  // namespace qzvmfi_door
+
+#endif  // QZVMFI_DOOR_H

@@ -1,0 +1,210 @@
+// The door: object paths, disk lists and provider states checked with the
+// command layer's rule of names, before anything is run.
+#include "door.h"
+
+#include <gtest/gtest.h>
+
+#include "plugin_env.h"
+#include "report.h"
+#include "support/qzvm_support.h"
+
+namespace {
+
+using qzvmfi_door::SRefusal;
+using Lines = std::vector<std::string>;
+
+class DoorTest : public qzvmfi_test::PluginEnv {
+ protected:
+  void SetUp() override {
+    PluginEnv::SetUp();
+    m_support = std::make_unique<CQzVMSupport>();
+  }
+  void TearDown() override {
+    m_support.reset();
+    PluginEnv::TearDown();
+  }
+
+  // The refusal of the provider state text, as the plug-in reads it.
+  SRefusal stateRefusal(const std::string& text) {
+    CQzVMData data(nullptr, false);
+    std::string bytes = text;
+    qfi_blob blob{bytes.size() + 1, &bytes[0], 1};
+    const bool brokeOff = data.extractFromBlob(&blob) == 1;
+    return qzvmfi_door::checkProviderState(data, *m_support, brokeOff);
+  }
+
+  // A provider state of group dg1 on disk sdb, as deport leaves it.
+  static std::string state() {
+    return "fiid_v vol1 vol1_dcl\n"
+           "fiid_altvol /dev/qz/dsk/dg1/vol1\n"
+           "fiid_dgid 17.9.A\n"
+           "fiid_volpriv sdb qzarr0_0 qzarr0_0 5\n"
+           "Device:    qzarr0_0\n"
+           "type:      auto\n"
+           "disk:      name=qzarr0_0 id=17.1.A\n"
+           "group:     name=dg1 id=17.9.A\n"
+           "private:   slice=3 offset=256 len=65536\n"
+           "\n"
+           "\n"
+           "fiid_dgconfig dg1 6\n"
+           "dg dg1\n"
+           "\tdgid=17.9.A\n"
+           "sd qzarr0_0-01\n"
+           "\tdm_name=qzarr0_0\n"
+           "\tpath=/dev/qz/dmp/qzarr0_0s3\n"
+           "\tguid={00000002-51a1}\n"
+           "\n"
+           "fiid_uigid 0 0";
+  }
+
+  static std::string replaced(std::string text, const std::string& from, const std::string& to) {
+    const size_t at = text.find(from);
+    EXPECT_NE(std::string::npos, at) << from;
+    return text.replace(at, from.size(), to);
+  }
+
+  std::unique_ptr<CQzVMSupport> m_support;
+};
+
+TEST_F(DoorTest, ObjectPathsAreNamesAllTheWay) {
+  EXPECT_FALSE(qzvmfi_door::checkObjectPath("the object path", "/dev/qz/dsk/dg1/vol1"));
+  EXPECT_FALSE(qzvmfi_door::checkObjectPath("the object path", nullptr));
+  const SRefusal shell = qzvmfi_door::checkObjectPath("the object path", "/dev/qz/dsk/dg$(x)/v");
+  ASSERT_TRUE(shell);
+  EXPECT_EQ("the object path", shell.where);
+  EXPECT_EQ("/dev/qz/dsk/dg$(x)/v", shell.value);
+  EXPECT_TRUE(shell.name);
+  EXPECT_TRUE(qzvmfi_door::checkObjectPath("p", "/dev/qz/dsk/../etc/v"));
+  EXPECT_TRUE(qzvmfi_door::checkObjectPath("p", "/dev/qz/dsk/dg 1/v"));
+  EXPECT_TRUE(
+      qzvmfi_door::checkObjectPath("p", ("/dev/qz/dsk/" + std::string(32, 'd') + "/v").c_str()));
+  EXPECT_EQ(
+      "it is longer than 31 characters",
+      qzvmfi_door::checkObjectPath("p", ("/dev/qz/dsk/dg/" + std::string(300, 'v')).c_str()).why);
+  EXPECT_TRUE(qzvmfi_door::checkObjectPath("p", ""));
+}
+
+TEST_F(DoorTest, DiskListsHoldNamesEachOnce) {
+  EXPECT_FALSE(qzvmfi_door::checkDiskList("the disks", {"/dev/sdb", "sdc"}));
+  const SRefusal twice = qzvmfi_door::checkDiskList("the disks", {"/dev/sdb", "sdb"});
+  ASSERT_TRUE(twice);
+  EXPECT_FALSE(twice.name);
+  EXPECT_EQ("sdb", twice.value);
+  EXPECT_EQ("the disk is named twice", twice.why);
+  const SRefusal hostile = qzvmfi_door::checkDiskList("the disks", {"/dev/sd;b"});
+  ASSERT_TRUE(hostile);
+  EXPECT_EQ("sd;b", hostile.value);
+  EXPECT_TRUE(qzvmfi_door::checkDiskList("the disks", {"/dev/../etc/passwd"}));
+  EXPECT_TRUE(qzvmfi_door::checkDiskList("the disks", {""}));
+}
+
+TEST_F(DoorTest, PairedListsHaveOneLength) {
+  EXPECT_FALSE(qzvmfi_door::checkSameLength("the secondary disk list", {"a", "b"}, {"c", "d"}));
+  const SRefusal refusal =
+      qzvmfi_door::checkSameLength("the secondary disk list", {"a", "b"}, {"c"});
+  ASSERT_TRUE(refusal);
+  EXPECT_EQ("2 primary and 1 secondary disks", refusal.value);
+  EXPECT_FALSE(refusal.name);
+}
+
+TEST_F(DoorTest, ASoundProviderStatePasses) {
+  EXPECT_FALSE(stateRefusal(state())) << stateRefusal(state()).where;
+}
+
+// Each place where the provider state carries a name, with the field that
+// the refusal names.
+TEST_F(DoorTest, EveryNameOfTheProviderStateIsChecked) {
+  const std::string hostile = "x$(touch${IFS}pwned)";
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {replaced(state(), "fiid_v vol1", "fiid_v " + hostile), "(record fiid_v, field volume)"},
+      {"fiid_vt set;1\n" + state(), "(record fiid_vt, field volume set)"},
+      {replaced(state(), "fiid_altvol /dev/qz/dsk/dg1", "fiid_altvol /dev/qz/dsk/../.."),
+       "(record fiid_altvol, field volume path)"},
+      {replaced(state(), "fiid_dgid 17.9.A", "fiid_dgid " + std::string(300, '7')),
+       "(record fiid_dgid, field group id)"},
+      {replaced(state(), "fiid_volpriv sdb", "fiid_volpriv ../sdb"),
+       "(record fiid_volpriv, field OS disk)"},
+      {replaced(state(), "sdb qzarr0_0 qzarr0_0", "sdb qzarr0_0 " + hostile),
+       "(record fiid_volpriv, field multipath node of sdb)"},
+      {replaced(state(), "sdb qzarr0_0 qzarr0_0", "sdb -dm qzarr0_0"),
+       "(record fiid_volpriv, field disk-media name of sdb)"},
+      {replaced(state(), "Device:    qzarr0_0", "Device:    qzarr 0_0"),
+       "(record fiid_volpriv, field private region of sdb, Device)"},
+      {replaced(state(), "offset=256", "offset=$(reboot)"),
+       "(record fiid_volpriv, field private region of sdb, private offset)"},
+      {replaced(state(), "fiid_dgconfig dg1", "fiid_dgconfig " + hostile),
+       "(record fiid_dgconfig, field group)"},
+      {replaced(state(), "sd qzarr0_0-01", "sd qzarr0_0-01 `x`"),
+       "(record fiid_dgconfig, field name of a sd record)"},
+      {replaced(state(), "dm_name=qzarr0_0", "dm_name=../x"),
+       "(record fiid_dgconfig, field dm_name of sd qzarr0_0-01)"},
+      {replaced(state(), "path=/dev/qz/dmp/qzarr0_0s3", "path=/dev/qz/dmp/../../../etc"),
+       "(record fiid_dgconfig, field path of sd qzarr0_0-01)"},
+  };
+  for (const auto& [text, field] : cases) {
+    SCOPED_TRACE(field);
+    const SRefusal refusal = stateRefusal(text);
+    ASSERT_TRUE(refusal);
+    EXPECT_TRUE(refusal.name);
+    EXPECT_EQ("the provider state " + field, refusal.where);
+  }
+}
+
+// What the records cannot keep: a disk or node named by two records, a
+// count that leaves lines out, a value that the listing's reader would
+// stop the process at.
+TEST_F(DoorTest, TheShapeOfTheProviderStateIsChecked) {
+  const std::string record = "fiid_volpriv sdc qzarr0_1 qzarr0_1 1\nDevice:    qzarr0_1\n\n";
+  const SRefusal disk = stateRefusal(
+      replaced(state(), "fiid_dgconfig",
+               replaced(record, "fiid_volpriv sdc", "fiid_volpriv sdb") + "fiid_dgconfig"));
+  ASSERT_TRUE(disk);
+  EXPECT_FALSE(disk.name);
+  EXPECT_EQ("the provider state (record fiid_volpriv, field OS disk)", disk.where);
+  EXPECT_EQ("two records name this disk", disk.why);
+  const SRefusal node = stateRefusal(
+      replaced(state(), "fiid_dgconfig",
+               replaced(record, "qzarr0_1 qzarr0_1", "qzarr0_1 qzarr0_0") + "fiid_dgconfig"));
+  ASSERT_TRUE(node);
+  EXPECT_EQ("the provider state (record fiid_volpriv, field multipath node)", node.where);
+  const SRefusal medium =
+      stateRefusal(replaced(state(), "fiid_dgconfig",
+                            replaced(record, "sdc qzarr0_1", "sdc qzarr0_0") + "fiid_dgconfig"));
+  ASSERT_TRUE(medium);
+  EXPECT_EQ("the provider state (record fiid_volpriv, field disk-media name)", medium.where);
+  const SRefusal count =
+      stateRefusal(replaced(state(), "fiid_dgconfig dg1 6", "fiid_dgconfig dg1 5"));
+  ASSERT_TRUE(count);
+  EXPECT_EQ("the provider state (record fiid_dgconfig, field line count)", count.where);
+  EXPECT_EQ("5", count.value);
+  EXPECT_EQ("its count of 5 leaves out lines that follow it", count.why);
+  const SRefusal comma = stateRefusal(replaced(state(), "offset=256", "offset=,256"));
+  ASSERT_TRUE(comma);
+  EXPECT_EQ("a value begins with a comma", comma.why);
+  // A truncated state keeps what it held as before: no shape fault, and the
+  // lines its configuration record took are not read as a dump.
+  EXPECT_FALSE(stateRefusal(replaced(state(), "fiid_dgconfig dg1 6", "fiid_dgconfig dg1 60")));
+}
+
+TEST_F(DoorTest, ARefusalIsReportedAndAnswers3) {
+  EXPECT_EQ(3, qzvmfi_door::refuse(qzvmfi_report::pluginTraceLog(), "importTreeNode",
+                                   {"the secondary disk list", "sd b",
+                                    "it holds a character other than letters, digits, '_', '-' "
+                                    "and '.'",
+                                    true}));
+  EXPECT_EQ(
+      3, qzvmfi_door::refuse(qzvmfi_report::pluginTraceLog(), "importTreeNode",
+                             {"the secondary disk list", "sdb", "the disk is named twice", false}));
+  EXPECT_EQ((std::vector<qzvmfi_test::Pushed>{
+                {"MSG_ERROR_INVALID_NAME",
+                 "door",
+                 {"importTreeNode", "sd b",
+                  "it holds a character other than letters, digits, '_', '-' and '.'",
+                  "the secondary disk list"}},
+                {"MSG_ERROR_INPUT_REFUSED",
+                 "door",
+                 {"importTreeNode", "the secondary disk list", "sdb", "the disk is named twice"}}}),
+            pushed());
+}
+
+}  // namespace
