@@ -459,8 +459,16 @@ TEST_F(ExportsTest, QuiesceWithOneNodeAndNoArrayQuiescesThatNode) {
   ASSERT_EQ(0, initPlugin());
   qfi_quiescenode node{};
   EXPECT_EQ(0, qzvmfi_fi_pgn_quiesce(&node, nullptr, 0, nullptr));
+  EXPECT_EQ(1, node.state);
   qzvmfi_fi_pgn_unquiesce(&node, nullptr, 0);
+  EXPECT_EQ(0, node.state);
   EXPECT_TRUE(enteredScope("qzvmfi_fi_pgn_unquiesce"));
+  // With an array, its nodes are the ones quiesced, not the single one.
+  qfi_quiescenode a{}, b{}, single{};
+  qfi_quiescenode* nodes[] = {&a, &b};
+  EXPECT_EQ(0, qzvmfi_fi_pgn_quiesce(&single, nodes, 2, nullptr));
+  EXPECT_EQ((std::vector<int32_t>{1, 1, 0}),
+            (std::vector<int32_t>{a.state, b.state, single.state}));
 }
 
 TEST_F(ExportsTest, PreselectAddsTheSplitNodesToTheSession) {
