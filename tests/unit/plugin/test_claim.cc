@@ -380,6 +380,31 @@ TEST_F(ClaimTest, AVolumeOnNoDisksHasNoSubObjects) {
   EXPECT_FALSE(dataOf(&node.domain)->hasRecordedDisks());
 }
 
+// The volume manager lists the disks in its own order, not the sorted one:
+// the sub-objects follow that order, and each disk is paired once each way.
+TEST_F(ClaimTest, AddSubObjectsKeepsTheListingsOrderAndPairsEachDiskOnce) {
+  const std::vector<qzvmfi_test::TestDisk> unsorted = {m_disks[2], m_disks[0], m_disks[1]};
+  groupDisks(m_dg, unsorted);
+  for (const auto& disk : unsorted) {
+    subpaths(disk);
+  }
+  TestNode node(m_path);
+  ASSERT_EQ(0, restoreState(&node.domain, "fiid_v vol1"));
+  CQzVMData* data = dataOf(&node.domain);
+  ASSERT_NE(nullptr, data);
+  ASSERT_EQ(0, plugin().AddSubObjects(&node.domain, data));
+  EXPECT_EQ((Lines{"/dev/sdd", "/dev/sdb", "/dev/sdc"}), subObjectNames(&node.domain));
+  EXPECT_EQ(6u, data->diskDMPMapEntries());
+  for (const auto& disk : unsorted) {
+    std::string os;
+    ASSERT_EQ(0, data->getDMPDiskMap(disk.node, os));
+    EXPECT_EQ(disk.os, os);
+  }
+  // Storing the map is an operation of its own, with its trace scope.
+  EXPECT_TRUE(enteredScope("storeDiskDMPMapInPrivateData"));
+  EXPECT_FALSE(traced("Exiting Function storeDiskDMPMapInPrivateData [").empty());
+}
+
 TEST_F(ClaimTest, AddSubObjectsWithoutNodeOrDataReturns3) {
   TestNode node(m_path);
   CQzVMData data(node.objid(), false);
