@@ -118,6 +118,10 @@ class CQzVMPlugin : public qzfi_pdk_4_4::CFiPluginBase {
   // after a reported one, MSG_ERROR_INITIALIZATION_FAILED is pushed and the
   // status is 30. The init entry point fails this way too.
   static int initFailed(bool reported);
+  // Registers the plug-in's message catalogue, "root" of provider, with the
+  // catalogue manager (none: nothing to do).
+  static void registerMessageCatalog(const qzfi_pdk_4_4::CFiMessageCatalogManagerPtr& manager,
+                                     const std::string& provider);
 
   // The node's private data, with the plug-in's trace log registered; null
   // without node or private data. The framework's private-data manager
