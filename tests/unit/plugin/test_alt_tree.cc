@@ -5,16 +5,22 @@
 // an owner change that succeeds is shown by the integration tests.
 #include <unistd.h>
 
+#include <functional>
+
 #include <gtest/gtest.h>
 
+#include "exception_kinds.h"
 #include "exports_env.h"
 
 namespace {
 
+using qzvmfi_test::caughtMessages;
+using qzvmfi_test::exceptionKinds;
 using qzvmfi_test::Lines;
 using qzvmfi_test::OperationsTest;
 using qzvmfi_test::out;
 using qzvmfi_test::Pushed;
+using qzvmfi_test::reportedFor;
 using qzvmfi_test::TestDisk;
 using qzvmfi_test::TestNode;
 using qzvmfi_test::TestObjids;
@@ -170,7 +176,16 @@ TEST_F(AltTreeTest, InitAltNodeWhoseSubObjectsCannotBeMadeTakesTheNewGroupAway) 
 // A plug-in whose sub-objects cannot be listed for an exception.
 class ThrowingSubObjects : public CQzVMPlugin {
  public:
-  int AddSubObjects(qfi_domain*, CQzVMData*) override { throw std::runtime_error("no disks"); }
+  explicit ThrowingSubObjects(std::function<void()> raise =
+                                  [] { throw std::runtime_error("no disks"); })
+      : m_raise(std::move(raise)) {}
+  int AddSubObjects(qfi_domain*, CQzVMData*) override {
+    m_raise();
+    return 0;
+  }
+
+ private:
+  std::function<void()> m_raise;
 };
 
 TEST_F(AltTreeTest, InitAltNodeAfterAnExceptionTakesTheNewGroupAway) {
@@ -479,6 +494,25 @@ TEST_F(AltTreeTest, ImportTreeNodeOfADiskNotRecordedStopsTheProcess) {
   TestObjids primary({"/dev/sdz"});
   TestObjids secondary({"/dev/sde"});
   EXPECT_DEATH(importTree(1, primary, secondary), "Assertion `!dmp.empty\\(\\)' failed");
+}
+
+// Whatever kind of exception stops it, initAltNode reports it and takes
+// the new group away.
+TEST_F(AltTreeTest, InitAltNodeCatchesEveryExceptionKindAndTakesTheGroupAway) {
+  answer("qzdg   list " + copyDG(), 11, out({"QZVM qzdg ERROR Q-5-1-201 not imported"}));
+  for (const auto& kind : exceptionKinds()) {
+    SCOPED_TRACE(kind.name);
+    qzvmfi_ctx::ErrorManager::instance()->clear();
+    qzfi_pdk_4_4::CFiExecSeam::clearCommands();
+    qzfi_pdk_4_4::CFiSmartPtr<ThrowingSubObjects> throwing(new ThrowingSubObjects(kind.raise));
+    throwing->registerTraceLog(qzvmfi_ctx::TraceLog::instance());
+    throwing->registerPrivateDataManager(qzvmfi_ctx::PrivateDataManager::instance());
+    TestNode copy(copyPath());
+    EXPECT_EQ(6, throwing->initAltNode(node(), nullptr, &copy.domain, false));
+    EXPECT_EQ(reportedFor(kind, "initAltNode", "../plugin"), caughtMessages(pushed()));
+    // deportAndDestroyDG asked for the group.
+    EXPECT_EQ(run({"qzdg   list " + copyDG(), "qzdg   list " + copyDG()}), commands());
+  }
 }
 
 }  // namespace

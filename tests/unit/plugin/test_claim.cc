@@ -7,15 +7,19 @@
 
 #include <gtest/gtest.h>
 
+#include "exception_kinds.h"
 #include "exports_env.h"
 
 namespace {
 
 using qzfi_pdk_4_4::CFiExecSeam;
+using qzvmfi_test::caughtMessages;
+using qzvmfi_test::exceptionKinds;
 using qzvmfi_test::Lines;
 using qzvmfi_test::OperationsTest;
 using qzvmfi_test::out;
 using qzvmfi_test::Pushed;
+using qzvmfi_test::reportedFor;
 using qzvmfi_test::TempDir;
 using qzvmfi_test::TestNode;
 using qzvmfi_test::TraceLine;
@@ -461,6 +465,45 @@ TEST_F(ClaimTest, AddSubObjectsAfterACommandLayerExceptionReturns6Silently) {
   EXPECT_EQ(6, plugin().AddSubObjects(&node.domain, &data));
   EXPECT_FALSE(wasTraced(1, "CQzVMPlugin::AddSubObjects - failed."));
   EXPECT_TRUE(errors().empty());
+}
+
+// ===== the exception kinds of each operation =====
+
+// Each kind thrown by a tool run is caught by the operation that ran it:
+// 6, and its message pushed under the operation's name.
+TEST_F(ClaimTest, InitNodeCatchesEveryExceptionKind) {
+  for (const auto& kind : exceptionKinds()) {
+    SCOPED_TRACE(kind.name);
+    qzvmfi_ctx::ErrorManager::instance()->clear();
+    toolsThrow(kind.raise);
+    TestNode node(m_path);
+    EXPECT_EQ(6, qzvmfi_fi_pgn_init_node(&node.domain, nullptr, 0, node.objid()));
+    EXPECT_EQ(reportedFor(kind, "initNode", "../plugin"), caughtMessages(pushed()));
+  }
+}
+
+TEST_F(ClaimTest, AddSubObjectsCatchesEveryExceptionKind) {
+  for (const auto& kind : exceptionKinds()) {
+    SCOPED_TRACE(kind.name);
+    qzvmfi_ctx::ErrorManager::instance()->clear();
+    toolsThrow(kind.raise);
+    TestNode node(m_path);
+    CQzVMData data(node.objid(), false);
+    EXPECT_EQ(6, plugin().AddSubObjects(&node.domain, &data));
+    EXPECT_EQ(reportedFor(kind, "AddSubObjects", "../plugin"), caughtMessages(pushed()));
+  }
+}
+
+TEST_F(ClaimTest, CheckNodeExistenceCatchesEveryExceptionKind) {
+  for (const auto& kind : exceptionKinds()) {
+    SCOPED_TRACE(kind.name);
+    qzvmfi_ctx::ErrorManager::instance()->clear();
+    toolsThrow(kind.raise);
+    TestNode node(m_path);
+    int exists = 7;
+    EXPECT_EQ(6, qzvmfi_fi_pgn_check_node_existence(&node.domain, &exists));
+    EXPECT_EQ(reportedFor(kind, "checkNodeExistence", "../plugin"), caughtMessages(pushed()));
+  }
 }
 
 }  // namespace

@@ -8,15 +8,19 @@
 
 #include <gtest/gtest.h>
 
+#include "exception_kinds.h"
 #include "exports_env.h"
 
 namespace {
 
 using qzfi_pdk_4_4::CFiExecSeam;
+using qzvmfi_test::caughtMessages;
+using qzvmfi_test::exceptionKinds;
 using qzvmfi_test::Lines;
 using qzvmfi_test::OperationsTest;
 using qzvmfi_test::out;
 using qzvmfi_test::Pushed;
+using qzvmfi_test::reportedFor;
 using qzvmfi_test::TempDir;
 using qzvmfi_test::TestNode;
 using qzvmfi_test::TestNodeList;
@@ -812,6 +816,17 @@ TEST_F(DeportTest, DisposeAfterAnExceptionTracesItsFailure) {
   EXPECT_EQ(6, qzvmfi_fi_pgn_dispose(node(), node(), &target, QFI_DISP_DELETE));
   EXPECT_FALSE(wasTraced(1, "CQzVMPlugin::dispose - failed"));
   EXPECT_EQ(1u, pushed().size());
+}
+
+TEST_F(DeportTest, DisposeCatchesEveryExceptionKind) {
+  qfi_splitnode target{node(), m_node->objid(), nullptr, 1, 0};
+  for (const auto& kind : exceptionKinds()) {
+    SCOPED_TRACE(kind.name);
+    qzvmfi_ctx::ErrorManager::instance()->clear();
+    toolsThrow(kind.raise);
+    EXPECT_EQ(6, qzvmfi_fi_pgn_dispose(node(), node(), &target, QFI_DISP_DELETE));
+    EXPECT_EQ(reportedFor(kind, "dispose", "../plugin"), caughtMessages(pushed()));
+  }
 }
 
 }  // namespace
