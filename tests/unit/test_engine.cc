@@ -269,15 +269,13 @@ TEST_F(EngineTest, InitEngineWithoutAConfigurationFolderReportsTheFrameworkError
 }
 
 TEST_F(EngineTest, InitEngineCatchesEveryExceptionKind) {
-  for (const auto& kind : qzvmfi_test::exceptionKinds()) {
-    SCOPED_TRACE(kind.name);
-    qzvmfi_ctx::ErrorManager::instance()->clear();
+  qzvmfi_test::forEachExceptionKind([&](const qzvmfi_test::ExceptionKind& kind) {
     g_configLookUpRaises = kind.raise;
     EXPECT_EQ(6, m_engine->initEngine());
     g_configLookUpRaises = nullptr;
     EXPECT_EQ(qzvmfi_test::reportedFor(kind, "initEngine", "engine"),
               qzvmfi_test::caughtMessages(PluginEnv::pushed()));
-  }
+  });
 }
 
 TEST_F(EngineTest, GetInstanceIsOneEngine) {

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <qzfi/errors.h>
 
 #include "../plugin_env.h"
@@ -33,6 +34,17 @@ inline std::vector<ExceptionKind> exceptionKinds() {
       {"std::runtime_error", [] { throw std::runtime_error("lost"); }},
       {"int", [] { throw 42; }},
   };
+}
+
+// check(kind) for each kind in turn, the error stack cleared first and the
+// kind named in any failure.
+template <class Check>
+void forEachExceptionKind(const Check& check) {
+  for (const ExceptionKind& kind : exceptionKinds()) {
+    SCOPED_TRACE(kind.name);
+    qzvmfi_ctx::ErrorManager::instance()->clear();
+    check(kind);
+  }
 }
 
 // What operation, of source, pushes when it catches kind: nothing for the

@@ -15,7 +15,8 @@
 namespace {
 
 using qzvmfi_test::caughtMessages;
-using qzvmfi_test::exceptionKinds;
+using qzvmfi_test::ExceptionKind;
+using qzvmfi_test::forEachExceptionKind;
 using qzvmfi_test::Lines;
 using qzvmfi_test::OperationsTest;
 using qzvmfi_test::out;
@@ -500,9 +501,7 @@ TEST_F(AltTreeTest, ImportTreeNodeOfADiskNotRecordedStopsTheProcess) {
 // the new group away.
 TEST_F(AltTreeTest, InitAltNodeCatchesEveryExceptionKindAndTakesTheGroupAway) {
   answer("qzdg   list " + copyDG(), 11, out({"QZVM qzdg ERROR Q-5-1-201 not imported"}));
-  for (const auto& kind : exceptionKinds()) {
-    SCOPED_TRACE(kind.name);
-    qzvmfi_ctx::ErrorManager::instance()->clear();
+  forEachExceptionKind([&](const ExceptionKind& kind) {
     qzfi_pdk_4_4::CFiExecSeam::clearCommands();
     qzfi_pdk_4_4::CFiSmartPtr<ThrowingSubObjects> throwing(new ThrowingSubObjects(kind.raise));
     throwing->registerTraceLog(qzvmfi_ctx::TraceLog::instance());
@@ -512,7 +511,7 @@ TEST_F(AltTreeTest, InitAltNodeCatchesEveryExceptionKindAndTakesTheGroupAway) {
     EXPECT_EQ(reportedFor(kind, "initAltNode", "../plugin"), caughtMessages(pushed()));
     // deportAndDestroyDG asked for the group.
     EXPECT_EQ(run({"qzdg   list " + copyDG(), "qzdg   list " + copyDG()}), commands());
-  }
+  });
 }
 
 }  // namespace

@@ -14,7 +14,8 @@ namespace {
 
 using qzfi_pdk_4_4::CFiExecSeam;
 using qzvmfi_test::caughtMessages;
-using qzvmfi_test::exceptionKinds;
+using qzvmfi_test::ExceptionKind;
+using qzvmfi_test::forEachExceptionKind;
 using qzvmfi_test::Lines;
 using qzvmfi_test::OperationsTest;
 using qzvmfi_test::out;
@@ -472,38 +473,32 @@ TEST_F(ClaimTest, AddSubObjectsAfterACommandLayerExceptionReturns6Silently) {
 // Each kind thrown by a tool run is caught by the operation that ran it:
 // 6, and its message pushed under the operation's name.
 TEST_F(ClaimTest, InitNodeCatchesEveryExceptionKind) {
-  for (const auto& kind : exceptionKinds()) {
-    SCOPED_TRACE(kind.name);
-    qzvmfi_ctx::ErrorManager::instance()->clear();
+  forEachExceptionKind([&](const ExceptionKind& kind) {
     toolsThrow(kind.raise);
     TestNode node(m_path);
     EXPECT_EQ(6, qzvmfi_fi_pgn_init_node(&node.domain, nullptr, 0, node.objid()));
     EXPECT_EQ(reportedFor(kind, "initNode", "../plugin"), caughtMessages(pushed()));
-  }
+  });
 }
 
 TEST_F(ClaimTest, AddSubObjectsCatchesEveryExceptionKind) {
-  for (const auto& kind : exceptionKinds()) {
-    SCOPED_TRACE(kind.name);
-    qzvmfi_ctx::ErrorManager::instance()->clear();
+  forEachExceptionKind([&](const ExceptionKind& kind) {
     toolsThrow(kind.raise);
     TestNode node(m_path);
     CQzVMData data(node.objid(), false);
     EXPECT_EQ(6, plugin().AddSubObjects(&node.domain, &data));
     EXPECT_EQ(reportedFor(kind, "AddSubObjects", "../plugin"), caughtMessages(pushed()));
-  }
+  });
 }
 
 TEST_F(ClaimTest, CheckNodeExistenceCatchesEveryExceptionKind) {
-  for (const auto& kind : exceptionKinds()) {
-    SCOPED_TRACE(kind.name);
-    qzvmfi_ctx::ErrorManager::instance()->clear();
+  forEachExceptionKind([&](const ExceptionKind& kind) {
     toolsThrow(kind.raise);
     TestNode node(m_path);
     int exists = 7;
     EXPECT_EQ(6, qzvmfi_fi_pgn_check_node_existence(&node.domain, &exists));
     EXPECT_EQ(reportedFor(kind, "checkNodeExistence", "../plugin"), caughtMessages(pushed()));
-  }
+  });
 }
 
 }  // namespace

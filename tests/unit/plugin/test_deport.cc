@@ -15,7 +15,8 @@ namespace {
 
 using qzfi_pdk_4_4::CFiExecSeam;
 using qzvmfi_test::caughtMessages;
-using qzvmfi_test::exceptionKinds;
+using qzvmfi_test::ExceptionKind;
+using qzvmfi_test::forEachExceptionKind;
 using qzvmfi_test::Lines;
 using qzvmfi_test::OperationsTest;
 using qzvmfi_test::out;
@@ -820,13 +821,11 @@ TEST_F(DeportTest, DisposeAfterAnExceptionTracesItsFailure) {
 
 TEST_F(DeportTest, DisposeCatchesEveryExceptionKind) {
   qfi_splitnode target{node(), m_node->objid(), nullptr, 1, 0};
-  for (const auto& kind : exceptionKinds()) {
-    SCOPED_TRACE(kind.name);
-    qzvmfi_ctx::ErrorManager::instance()->clear();
+  forEachExceptionKind([&](const ExceptionKind& kind) {
     toolsThrow(kind.raise);
     EXPECT_EQ(6, qzvmfi_fi_pgn_dispose(node(), node(), &target, QFI_DISP_DELETE));
     EXPECT_EQ(reportedFor(kind, "dispose", "../plugin"), caughtMessages(pushed()));
-  }
+  });
 }
 
 }  // namespace

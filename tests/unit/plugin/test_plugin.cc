@@ -285,9 +285,7 @@ TEST_F(PluginTest, ProviderInfoThatCannotBeBuiltIsTraced) {
 }
 
 TEST_F(PluginTest, ProviderInfoCatchesEveryExceptionKind) {
-  for (const auto& kind : qzvmfi_test::exceptionKinds()) {
-    SCOPED_TRACE(kind.name);
-    qzvmfi_ctx::ErrorManager::instance()->clear();
+  qzvmfi_test::forEachExceptionKind([&](const qzvmfi_test::ExceptionKind& kind) {
     g_providerListRaises = kind.raise;
     qfi_provider_list* list = nullptr;
     EXPECT_EQ(6, plugin().getProviderInfo(&list));
@@ -295,7 +293,7 @@ TEST_F(PluginTest, ProviderInfoCatchesEveryExceptionKind) {
     EXPECT_EQ(nullptr, list);
     EXPECT_EQ(qzvmfi_test::reportedFor(kind, "getProviderInfo", "../plugin"),
               qzvmfi_test::caughtMessages(pushed()));
-  }
+  });
 }
 
 // ===== the operations that only answer =====

@@ -15,7 +15,8 @@ namespace {
 
 using qzfi_pdk_4_4::CFiExecSeam;
 using qzvmfi_test::caughtMessages;
-using qzvmfi_test::exceptionKinds;
+using qzvmfi_test::ExceptionKind;
+using qzvmfi_test::forEachExceptionKind;
 using qzvmfi_test::Lines;
 using qzvmfi_test::OperationsTest;
 using qzvmfi_test::out;
@@ -674,48 +675,40 @@ TEST_F(FormatTest, FormatAfterAnExceptionTracesItsFailure) {
 TEST_F(ResourcesTest, OnlineResourceCatchesEveryExceptionKind) {
   TestTextArray disks({"/dev/sde"});
   TestPaths paths;
-  for (const auto& kind : exceptionKinds()) {
-    SCOPED_TRACE(kind.name);
-    qzvmfi_ctx::ErrorManager::instance()->clear();
+  forEachExceptionKind([&](const ExceptionKind& kind) {
     toolsThrow(kind.raise);
     EXPECT_EQ(6, qzvmfi_fi_pgn_online_resource(disks.get(), disks.count(), nullptr, nullptr,
                                                nullptr, nullptr, 0, paths.paths(), paths.count()));
     EXPECT_EQ(reportedFor(kind, "onlineResource", "../plugin"), caughtMessages(pushed()));
-  }
+  });
 }
 
 TEST_F(ResourcesTest, OnlineResourceOptimizedCatchesEveryExceptionKind) {
-  for (const auto& kind : exceptionKinds()) {
-    SCOPED_TRACE(kind.name);
-    qzvmfi_ctx::ErrorManager::instance()->clear();
+  forEachExceptionKind([&](const ExceptionKind& kind) {
     toolsThrow(kind.raise);
     std::vector<std::string> paths;
     EXPECT_EQ(6, plugin().onlineResourceOptimized({"sde"}, paths));
     EXPECT_EQ(reportedFor(kind, "onlineResourceOptimized", "../plugin"), caughtMessages(pushed()));
-  }
+  });
 }
 
 TEST_F(ResourcesTest, UnformatCatchesEveryExceptionKind) {
   TestTextArray disks({"/dev/sde"});
-  for (const auto& kind : exceptionKinds()) {
-    SCOPED_TRACE(kind.name);
-    qzvmfi_ctx::ErrorManager::instance()->clear();
+  forEachExceptionKind([&](const ExceptionKind& kind) {
     toolsThrow(kind.raise);
     EXPECT_EQ(6, qzvmfi_fi_pgn_unformat(disks.get(), disks.count(), 0));
     EXPECT_EQ(reportedFor(kind, "unformat", "../plugin"), caughtMessages(pushed()));
-  }
+  });
 }
 
 TEST_F(FormatTest, FormatCatchesEveryExceptionKind) {
   TestTextArray disks({"/dev/sde"});
-  for (const auto& kind : exceptionKinds()) {
-    SCOPED_TRACE(kind.name);
-    qzvmfi_ctx::ErrorManager::instance()->clear();
+  forEachExceptionKind([&](const ExceptionKind& kind) {
     toolsThrow(kind.raise);
     TestPaths paths;
     EXPECT_EQ(6, format(disks, nullptr, nullptr, 0x1, paths));
     EXPECT_EQ(reportedFor(kind, "format", "../plugin"), caughtMessages(pushed()));
-  }
+  });
 }
 
 }  // namespace
