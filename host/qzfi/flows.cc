@@ -220,7 +220,8 @@ int CFlows::info() {
   try {
     startLoadedPlugin();
   } catch (const Failure&) {
-    reportLibrary(release);
+    reportLibrary();
+    reportRelease(release);
     m_report.result("started", false, "started:           no");
     throw;
   }
@@ -261,18 +262,22 @@ int CFlows::info() {
              : types.empty() ? "no access type chosen"
                              : "access type " + types);
 
-  reportLibrary(release);
+  reportLibrary();
   m_report.result("providers", providerJson, "provider:          " + joined(providerTexts, "; "));
   m_report.result("interface_version", version, "interface version: " + version);
+  reportRelease(release);
   m_report.result("fi_access_types", types.empty() ? Json::array() : Json::array({types}),
                   "fi access types:   " + (types.empty() ? "-" : types));
   m_report.result("started", true);
   return m_report.finish(kExitDone);
 }
 
-void CFlows::reportLibrary(const std::string& release) {
+void CFlows::reportLibrary() {
   m_report.result("plugin", m_plugin->name(), "plug-in:           " + m_plugin->name());
   m_report.result("file", m_plugin->file(), "file:              " + m_plugin->file());
+}
+
+void CFlows::reportRelease(const std::string& release) {
   m_report.result("release", release, "release:           " + (release.empty() ? "-" : release));
 }
 
