@@ -1,6 +1,8 @@
 // Framework configuration files: INI text held in an ACE configuration heap.
 #include "qzfi/configuration.h"
 
+#include "qzfi/folders.h"
+
 #include <ace/Configuration_Import_Export.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,8 +12,6 @@
 namespace qzfi_pdk_4_4 {
 
 namespace {
-
-const char kDefaultConfigDir[] = "/etc/qzfi";
 
 bool isReadableFile(const tstring& path) {
   struct stat info {};
@@ -82,8 +82,7 @@ int CFiConfiguration::setStringValue(const ACE_Configuration_Section_Key& key,
 
 int CFiConfigurationPathTool::getConfigFileInfo(const tstring& provider, tstring& path,
                                                 tstring& folder) {
-  const char* fromEnv = std::getenv("QZFI_CONFIG_DIR");
-  folder = fromEnv != nullptr && *fromEnv != '\0' ? fromEnv : kDefaultConfigDir;
+  folder = getInstallFolder(CFiInstallFolder::config);
   path = folder + "/" + provider + ".conf";
   return isDirectory(folder) ? 0 : 1;
 }

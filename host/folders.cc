@@ -7,8 +7,9 @@
 #include <cstdlib>
 #include <filesystem>
 
-// QZFI_LIBRARY_TO_PLUGINS and QZFI_LIBRARY_TO_CATALOGS, the folders' paths
-// relative to the library's folder, come from the build's install layout.
+// QZFI_LIBRARY_TO_PLUGINS, QZFI_LIBRARY_TO_CATALOGS and QZFI_LIBRARY_TO_PREFIX,
+// the folders' paths relative to the library's folder, come from the build's
+// install layout.
 
 namespace qzfi_pdk_4_4 {
 
@@ -33,10 +34,43 @@ tstring joinFolder(const tstring& folder, const char* relative) {
   return (std::filesystem::path(folder) / relative).lexically_normal().string();
 }
 
+bool isDirectory(const tstring& path) {
+  std::error_code error;
+  return !path.empty() && std::filesystem::is_directory(path, error);
+}
+
+// The tree's own folder at relative under its prefix, when it has one.
+tstring treeFolder(const tstring& library, const char* relative) {
+  if (library.empty()) {
+    return tstring();
+  }
+  const tstring folder = joinFolder(joinFolder(library, QZFI_LIBRARY_TO_PREFIX), relative);
+  return isDirectory(folder) ? folder : tstring();
+}
+
+tstring configuredFolder(const char* variable, const char* machine, const tstring& library,
+                         const char* relative) {
+  const char* fromEnv = std::getenv(variable);
+  if (fromEnv != nullptr && *fromEnv != '\0') {
+    return fromEnv;
+  }
+  return chooseFolder(machine, treeFolder(library, relative));
+}
+
 }  // namespace
+
+tstring chooseFolder(const tstring& machine, const tstring& tree) {
+  return tree.empty() || isDirectory(machine) ? machine : tree;
+}
 
 tstring getInstallFolder(CFiInstallFolder folder) {
   static const tstring library = libraryFolder();
+  if (folder == CFiInstallFolder::config) {
+    return configuredFolder(kConfigFolderVariable, kMachineConfigFolder, library, "etc/qzfi");
+  }
+  if (folder == CFiInstallFolder::logs) {
+    return configuredFolder(kLogFolderVariable, kMachineLogFolder, library, "var/log/qzfi");
+  }
   if (library.empty()) {
     return library;
   }
@@ -46,6 +80,8 @@ tstring getInstallFolder(CFiInstallFolder folder) {
     case CFiInstallFolder::catalogs:
       return joinFolder(library, QZFI_LIBRARY_TO_CATALOGS);
     case CFiInstallFolder::library:
+    case CFiInstallFolder::config:
+    case CFiInstallFolder::logs:
       break;
   }
   return library;

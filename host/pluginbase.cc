@@ -210,11 +210,27 @@ int CFiPluginBase::buildAltTree(qfi_domain*, char*, qzfi_objid**, qzfi_objid**, 
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::quiesce(qfi_quiescenode**, int, char*) {
+namespace {
+
+// The base marks the nodes it is given, so that a framework can tell which
+// were quiesced.
+void markQuiesced(qfi_quiescenode** nodes, int count, int32_t state) {
+  for (int i = 0; nodes != nullptr && i < count; ++i) {
+    if (nodes[i] != nullptr) {
+      nodes[i]->state = state;
+    }
+  }
+}
+
+}  // namespace
+
+int CFiPluginBase::quiesce(qfi_quiescenode** nodes, int count, char*) {
+  markQuiesced(nodes, count, 1);
   return QFI_SUCCESS;
 }
 
-int CFiPluginBase::unquiesce(qfi_quiescenode**, int) {
+int CFiPluginBase::unquiesce(qfi_quiescenode** nodes, int count) {
+  markQuiesced(nodes, count, 0);
   return QFI_SUCCESS;
 }
 

@@ -1,6 +1,8 @@
 // The framework's trace log and function scopes.
 #include "qzfi/trace.h"
 
+#include "qzfi/folders.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,8 +16,6 @@ namespace qzfi_pdk_4_4 {
 
 namespace {
 
-const char kDefaultLogDir[] = "/var/log/qzfi";
-
 FILE* asFile(void* file) {
   return static_cast<FILE*>(file);
 }
@@ -24,8 +24,7 @@ tstring logDirectory(const tstring& dir) {
   if (!dir.empty()) {
     return dir;
   }
-  const char* fromEnv = std::getenv("QZFI_LOG_DIR");
-  return fromEnv != nullptr && *fromEnv != '\0' ? fromEnv : kDefaultLogDir;
+  return getInstallFolder(CFiInstallFolder::logs);
 }
 
 // QZFI_TRACE_LEVEL wins over the caller's level when it holds a number.

@@ -93,6 +93,8 @@ class CQzVMData : public qzfi_pdk_4_4::CFiPrivateData {
   // Whether disks and their multipath devices were paired (at claim time, or
   // read from a blob): a volume split from disks of this plug-in.
   bool hasRecordedDisks() const { return !m_diskToDmp.empty() || !m_dmpToDisk.empty(); }
+  // The pairings recorded, each direction counted.
+  size_t diskDMPMapEntries() const { return m_diskToDmp.size() + m_dmpToDisk.size(); }
 
   int IsValidConfig() { return 1; }
 

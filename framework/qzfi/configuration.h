@@ -37,7 +37,8 @@ class CFiConfiguration : public virtual CFiTraceable {
 
 class CFiConfigurationPathTool {
  public:
-  // path: "<folder>/<provider>.conf", folder: QZFI_CONFIG_DIR or /etc/qzfi.
+  // path: "<folder>/<provider>.conf", folder: the configuration folder of
+  // qzfi/folders.h (QZFI_CONFIG_DIR, /etc/qzfi, or a build tree's own).
   // 0 when the folder exists (it is not created), non-zero otherwise.
   static int getConfigFileInfo(const tstring& provider, tstring& path, tstring& folder);
 };

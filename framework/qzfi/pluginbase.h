@@ -56,6 +56,7 @@ class CFiPluginBase : public virtual CFiTraceable {
   virtual int errMsg(int code, char const** text);
   virtual int buildAltTree(qfi_domain* node, char* splitType, qzfi_objid** primary,
                            qzfi_objid** secondary, int count, qzfi_objid** out);
+  // The base sets each node's state: 1 quiesced, 0 again after unquiesce.
   virtual int quiesce(qfi_quiescenode** nodes, int count, char* text);
   virtual int unquiesce(qfi_quiescenode** nodes, int count);
   virtual int make(char* text, qfi_splitnode** nodes, int count, qzfi_objid*** ids, int* nids);

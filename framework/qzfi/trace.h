@@ -22,9 +22,9 @@ class CFiTraceLog : public virtual CFiRefCount {
   CFiTraceLog();
   ~CFiTraceLog() override;
 
-  // Opens "<dir>/<name>.log". An empty dir means QZFI_LOG_DIR (default
-  // /var/log/qzfi); an empty file name means "<name>.log". The level
-  // threshold comes from QZFI_TRACE_LEVEL when set, else from level.
+  // Opens "<dir>/<name>.log". An empty dir means the trace folder of
+  // qzfi/folders.h (QZFI_LOG_DIR, /var/log/qzfi, or a build tree's own); an empty file name means
+  // "<name>.log". The level threshold comes from QZFI_TRACE_LEVEL when set, else from level.
   int initialize(const tstring& name, const tstring& dir, const tstring& file, int level,
                  bool truncate);
 

@@ -6,6 +6,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
+
+#include <qzfi/folders.h>
 
 namespace qzfi_host {
 
@@ -51,6 +54,21 @@ std::string refusal(const CSnapshotRecord& record, const std::vector<RecordStep>
   }
   return std::string("the record is at the step \"") + stepName(record.step) + "\", not " +
          joined(names, " or ");
+}
+
+// Why a plug-in did not start: its init status and, when the folder of the
+// plug-ins' configuration files is missing (a plug-in cannot start without
+// its file), which folder and the variable that names another.
+std::string startFailure(const std::string& plugin, int status) {
+  std::string why =
+      "the plug-in " + plugin + " did not start (init returned " + std::to_string(status) + ")";
+  const std::string config = qzfi_pdk_4_4::getInstallFolder(qzfi_pdk_4_4::CFiInstallFolder::config);
+  std::error_code error;
+  if (!std::filesystem::is_directory(config, error)) {
+    why += ": its configuration folder " + config +
+           " does not exist; make it, or name another in " + qzfi_pdk_4_4::kConfigFolderVariable;
+  }
+  return why;
 }
 
 }  // namespace
@@ -105,16 +123,19 @@ int CFlows::run() {
 void CFlows::startPlugin() {
   m_plugin = std::make_unique<CPluginLibrary>(m_options.plugin);
   m_plugin->load();
+  startLoadedPlugin();
+}
+
+void CFlows::startLoadedPlugin() {
   StepOutcome outcome = runStep("init", [this] { return m_plugin->start(); });
-  const std::string version = versionText(m_plugin->interfaceVersion());
   if (outcome.status != 0) {
-    const std::string why = "the plug-in " + m_plugin->name() + " did not start (init returned " +
-                            std::to_string(outcome.status) + ")";
+    const std::string why = startFailure(m_plugin->name(), outcome.status);
     outcome.ok = false;
     outcome.detail = why;
     m_report.step(outcome);
     throw Failure{kExitPluginStart, why};
   }
+  const std::string version = versionText(m_plugin->interfaceVersion());
   finishStep(outcome, true, "started " + m_plugin->name() + " (interface version " + version + ")");
 }
 
@@ -211,17 +232,22 @@ void CFlows::saveRecord(CSnapshotRecord& record, const std::string& event, bool 
   m_report.result("record", m_options.record, "record: " + m_options.record);
 }
 
+// Nothing but fini is called after an init that failed: the plug-in and
+// its file are told, and why it did not start.
 int CFlows::info() {
   m_plugin = std::make_unique<CPluginLibrary>(m_options.plugin);
   m_plugin->load();
   m_report.begin("info: plug-in " + m_plugin->name() + " at " + m_plugin->file());
-  StepOutcome init = runStep("init", [this] { return m_plugin->start(); });
-  const bool started = init.status == 0;
+  const std::string release = m_plugin->releaseText();
+  try {
+    startLoadedPlugin();
+  } catch (const Failure&) {
+    reportLibrary();
+    reportRelease(release);
+    m_report.result("started", false, "started:           no");
+    throw;
+  }
   const std::string version = versionText(m_plugin->interfaceVersion());
-  init.ok = started;
-  init.detail = started ? "started (interface version " + version + ")"
-                        : "did not start (init returned " + std::to_string(init.status) + ")";
-  m_report.step(init);
 
   qfi_provider_list* providers = nullptr;
   StepOutcome providerStep =
@@ -239,11 +265,10 @@ int CFlows::info() {
   }
   qzfi_free_providerlist(providers);
   const bool providerOk = providerStep.status == 0 && !providerTexts.empty();
-  providerStep.ok = providerOk;
-  providerStep.detail =
-      providerOk ? joined(providerTexts, "; ")
-                 : "no provider information (status " + std::to_string(providerStep.status) + ")";
-  m_report.step(providerStep);
+  const std::string providerStatus = std::to_string(providerStep.status);
+  finishStep(std::move(providerStep), providerOk,
+             providerOk ? joined(providerTexts, "; ")
+                        : "no provider information (status " + providerStatus + ")");
 
   CNode probe(*m_plugin, "");
   probe.domain()->access->type = -1;
@@ -252,25 +277,30 @@ int CFlows::info() {
       "supportsFiType", [&] { return m_plugin->call().supportsFiType(probe.domain(), fiType); });
   const int32_t type = probe.domain()->access->type;
   const std::string types = type == -1 ? std::string() : accessTypeName(type);
-  typeStep.detail = types.empty() ? "no access type chosen" : "access type " + types;
-  m_report.step(typeStep);
+  const bool typeOk = typeStep.status == 0;
+  const std::string typeStatus = std::to_string(typeStep.status);
+  finishStep(std::move(typeStep), typeOk,
+             !typeOk         ? "status " + typeStatus
+             : types.empty() ? "no access type chosen"
+                             : "access type " + types);
 
-  const std::string release = m_plugin->releaseText();
-  m_report.result("plugin", m_plugin->name(), "plug-in:           " + m_plugin->name());
-  m_report.result("file", m_plugin->file(), "file:              " + m_plugin->file());
+  reportLibrary();
   m_report.result("providers", providerJson, "provider:          " + joined(providerTexts, "; "));
   m_report.result("interface_version", version, "interface version: " + version);
-  m_report.result("release", release, "release:           " + (release.empty() ? "-" : release));
+  reportRelease(release);
   m_report.result("fi_access_types", types.empty() ? Json::array() : Json::array({types}),
                   "fi access types:   " + (types.empty() ? "-" : types));
-  m_report.result("started", started, started ? "" : "started:           no");
-  if (!started) {
-    return m_report.finish(kExitPluginStart, "the plug-in " + m_plugin->name() +
-                                                 " did not start (init returned " +
-                                                 std::to_string(init.status) + ")");
-  }
-  return m_report.finish(providerOk ? kExitDone : kExitFailed,
-                         providerOk ? "" : "the plug-in gave no provider information");
+  m_report.result("started", true);
+  return m_report.finish(kExitDone);
+}
+
+void CFlows::reportLibrary() {
+  m_report.result("plugin", m_plugin->name(), "plug-in:           " + m_plugin->name());
+  m_report.result("file", m_plugin->file(), "file:              " + m_plugin->file());
+}
+
+void CFlows::reportRelease(const std::string& release) {
+  m_report.result("release", release, "release:           " + (release.empty() ? "-" : release));
 }
 
 }  // namespace qzfi_host

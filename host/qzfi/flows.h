@@ -46,6 +46,13 @@ class CFlows {
   int info();
   // Loads the plug-in and starts it as the step "init".
   void startPlugin();
+  // The step "init" of a loaded plug-in; exit code 5, and why, when its
+  // init fails.
+  void startLoadedPlugin();
+  // info's results that come from the library itself: its name and file,
+  // and its release text.
+  void reportLibrary();
+  void reportRelease(const std::string& release);
   // Runs one plug-in call as a step: time, tool runs, waits and the
   // messages it pushed. Not reported yet: see finishStep.
   StepOutcome runStep(const std::string& name, const std::function<int()>& call);

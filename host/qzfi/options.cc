@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <sstream>
 
@@ -79,6 +80,27 @@ std::vector<std::string> splitList(const std::string& text) {
   return items;
 }
 
+// --json, --quiet, --verbose and --plugin NAME|FILE, before or after the
+// command: true when arg is one of them (its value taken with next).
+bool takeGlobalOption(Options& options, const std::string& arg,
+                      const std::function<std::string()>& next) {
+  if (arg == "--json") {
+    options.json = true;
+  } else if (arg == "--quiet") {
+    options.quiet = true;
+  } else if (arg == "--verbose") {
+    options.verbose = true;
+  } else if (arg == "--plugin") {
+    options.plugin = next();
+    if (options.plugin.empty()) {
+      throw UsageError("--plugin needs a name or a file");
+    }
+  } else {
+    return false;
+  }
+  return true;
+}
+
 // Walks the arguments after the command: options with their values and the
 // plain arguments in order.
 class ArgumentReader {
@@ -92,7 +114,8 @@ class ArgumentReader {
   std::string take() { return m_args[m_next++]; }
   std::string value(const std::string& option) {
     if (done()) {
-      throw UsageError(m_command + ": " + option + " needs a value");
+      throw UsageError(option == "--plugin" ? "--plugin needs a name or a file"
+                                            : m_command + ": " + option + " needs a value");
     }
     return take();
   }
@@ -130,6 +153,9 @@ void parseCommand(Options& options, ArgumentReader& args) {
       continue;
     }
     const std::string option = args.take();
+    if (takeGlobalOption(options, option, [&] { return args.value(option); })) {
+      continue;
+    }
     if (option == "--record") {
       options.record = args.value(option);
     } else if (option == "--secondary" && options.command == Command::import) {
@@ -212,18 +238,14 @@ Options parseOptions(const std::vector<std::string>& args) {
   size_t next = 1;
   for (; next < args.size(); ++next) {
     const std::string& arg = args[next];
-    if (arg == "--json") {
-      options.json = true;
-    } else if (arg == "--quiet") {
-      options.quiet = true;
-    } else if (arg == "--plugin") {
+    const auto value = [&] {
       if (++next == args.size()) {
         throw UsageError("--plugin needs a name or a file");
       }
-      options.plugin = args[next];
-      if (options.plugin.empty()) {
-        throw UsageError("--plugin needs a name or a file");
-      }
+      return args[next];
+    };
+    if (takeGlobalOption(options, arg, value)) {
+      continue;
     } else if (arg == "--help" || arg == "-h") {
       options.command = Command::help;
       options.commandName = "help";
@@ -255,7 +277,7 @@ Options parseOptions(const std::vector<std::string>& args) {
 std::string helpText() {
   return R"(qzfi - drive a snapshot plug-in through a whole backup
 
-Usage: qzfi [--plugin NAME|FILE] [--json] [--quiet] COMMAND [ARGUMENTS]
+Usage: qzfi [--plugin NAME|FILE] [--json] [--quiet] [--verbose] COMMAND [ARGUMENTS]
 
 Commands:
   info                        the plug-in's provider, interface version, release
@@ -292,6 +314,9 @@ Options:
                       (default qzvmfi) or the path of its library
   --json              one JSON document on standard output
   --quiet             only the result (a device path) on standard output
+  --verbose           also the messages of steps that succeeded, as notes
+                      (a volume manager's "no" to a question, for instance)
+These options go before or after the command.
 
 Exit codes:
   0  done; claim: the plug-in claims the path

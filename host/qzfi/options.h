@@ -40,6 +40,7 @@ struct Options {
   std::string plugin = "qzvmfi";  // a name in the plug-in folder, or a file path
   bool json = false;
   bool quiet = false;
+  bool verbose = false;  // messages of steps that succeeded, as notes
   Command command = Command::help;
   std::string commandName;
   std::string path;                    // claim, prepare: the object path

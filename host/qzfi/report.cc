@@ -87,18 +87,19 @@ void CReport::printStep(const StepOutcome& outcome) {
   m_out.flush();
 }
 
-// The plug-in's messages go with a failure to standard error, whatever the
+// A failed step's messages go to standard error in full, whatever the
 // output form. A step that succeeded may have pushed some on the way (a
-// probe that failed as it may); they are told as reported, not as errors.
+// tool's expected "no" to a question): they are no errors, and are told
+// only with --verbose, as notes.
 void CReport::printMessages(const StepOutcome& outcome) {
-  std::ostream& to = outcome.ok ? m_out : m_err;
-  if (outcome.ok && m_options.quiet) {
+  if (outcome.ok && (!m_options.verbose || m_options.quiet)) {
     return;
   }
+  std::ostream& to = outcome.ok ? m_out : m_err;
   for (const PluginMessage& message : outcome.messages) {
     std::string text = message.text;
     text.erase(text.find_last_not_of(" \n\t\r") + 1);
-    to << "    " << (outcome.ok ? "reported" : severityName(message.severity)) << " " << message.id
+    to << "    " << (outcome.ok ? "note" : severityName(message.severity)) << " " << message.id
        << ": " << text << "\n";
   }
 }

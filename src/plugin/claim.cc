@@ -184,6 +184,7 @@ int CQzVMPlugin::AddSubObjects(qfi_domain* node, CQzVMData* data) {
 // Bounded by the first list: the second is never shorter.
 int CQzVMPlugin::storeDiskDMPMapInPrivateData(qfi_domain* node, const Names& osDisks,
                                               const Names& dmpNodes) {
+  QZ_PLUGIN_SCOPE("storeDiskDMPMapInPrivateData");
   CQzVMData* data = GetPrivateData(node);
   if (data == nullptr) {
     QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::storeDiskDMPMapInPrivateData - null private data.");

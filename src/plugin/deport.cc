@@ -191,7 +191,8 @@ int CQzVMPlugin::disableAccessOptimize(const std::string& diskGroup, const std::
 
 // A failure stops the walk: earlier entries stay enabled, later ones are not
 // touched. The device nodes get back the owner recorded when the node was
-// initialised.
+// initialised. A failed re-creation undoes nothing: what it made of the
+// group is found again by the next call, which goes on from there.
 int CQzVMPlugin::enableAccess(qfi_node_subobj_list* list, long /*flags*/, int /*reserved*/,
                               int options) {
   QZ_PLUGIN_SCOPE("enableAccess");
@@ -264,7 +265,6 @@ int CQzVMPlugin::enableEntry(const qfi_node_subobj_list& entry) {
     if (m_engine->recreateDG(path, restoredDisks, data) != 0) {
       QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::enableAccess recreate dg on restored disks failed.");
       pushError("MSG_ERROR_UNABLE_TO_CREATE_DISKGROUP", {}, kQzVMPluginSource, __LINE__);
-      leaveGroupDeported(path, restoredDisks);
       return 6;
     }
   }
@@ -276,29 +276,6 @@ int CQzVMPlugin::enableEntry(const qfi_node_subobj_list& entry) {
              path.c_str());
   }
   return 0;
-}
-
-// The group that a failed re-creation left on the restored disks, half
-// made or with its volume stopped, is deported again: the disks are then as
-// disableAccess left them, and the next enableAccess makes the group anew.
-// A group of that name that the disks do not carry, or whose volume runs,
-// is not this re-creation's and stays.
-void CQzVMPlugin::leaveGroupDeported(const std::string& path, const Names& restoredDisks) {
-  std::string dg;
-  std::string volume;
-  m_support.extractDGAndVol(path, dg, volume);
-  std::string onDisk;
-  std::string onDiskName;
-  std::string imported;
-  if (restoredDisks.empty() ||
-      m_support.dgIdNameOnDisk(restoredDisks.front(), onDisk, onDiskName) != 0 ||
-      onDiskName != dg || onDisk.empty() || m_support.getDGID(path, imported) != 0 ||
-      imported != onDisk || m_support.isVolStarted(dg, volume)) {
-    return;
-  }
-  QZ_TRACE(m_traceLog, 2, "CQzVMPlugin::enableAccess - deporting the dg '%s' left half made.",
-           dg.c_str());
-  m_support.deportDG(dg);
 }
 
 // A group that is deported but cannot be destroyed is left so, and said so:

@@ -17,6 +17,7 @@
 using qzfi_pdk_4_4::CFiApiExport;
 using qzfi_pdk_4_4::CFiErrorHandler;
 using qzfi_pdk_4_4::CFiErrorHandlerPtr;
+using qzfi_pdk_4_4::CFiErrorManager;
 using qzfi_pdk_4_4::CFiPluginBase;
 using qzfi_pdk_4_4::CFiTraceLogFunction;
 using qzfi_pdk_4_4::kCfiApiExportSource;
@@ -171,19 +172,27 @@ bool nameableByVolumeManager(const char* operation, const char* path) {
 
 }  // namespace door
 
-// The framework's managers made and registered with the plug-in, which
-// then initialises itself.
+// The plug-in singleton, or null when it cannot be built (its
+// configuration file cannot be read or made): init has reported why, and
+// the entries that only answer the framework answer without it.
+CQzVMPlugin* builtPlugin() {
+  try {
+    return &plugin();
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+// The framework's managers made first, with the error handler, so that a
+// plug-in that cannot be built still reports why; then the plug-in,
+// registered with them, initialises itself.
 int startPlugin(qfi_startup* startup, const char* fimName) {
-  CQzVMPlugin& started = plugin();
-  started.setProviderName(cfi_pgn_name_tstr);
-  started.setFimName(fimName != nullptr ? fimName : "");
-  started.setMessageIndexOffset(kMessageIndexOffset);
   auto catalog = qzvmfi_ctx::CatalogManager::instance();
   auto log = qzvmfi_ctx::TraceLog::instance();
   auto errors = qzvmfi_ctx::ErrorManager::instance();
   auto privateData = qzvmfi_ctx::PrivateDataManager::instance();
   auto sessions = qzvmfi_ctx::SessionManager::instance();
-  log->initialize(started.getProviderName(), "", "", 1, false);
+  log->initialize(cfi_pgn_name_tstr, "", "", 1, false);
   std::string language;
   if (startup != nullptr && startup->locale != nullptr &&
       startup->locale->native_language != nullptr) {
@@ -191,6 +200,10 @@ int startPlugin(qfi_startup* startup, const char* fimName) {
     catalog->setNativeLanguage(language);
   }
   errors->registerHandler(CFiErrorHandlerPtr(new CFiErrorHandler(startup, language, catalog)));
+  CQzVMPlugin& started = plugin();
+  started.setProviderName(cfi_pgn_name_tstr);
+  started.setFimName(fimName != nullptr ? fimName : "");
+  started.setMessageIndexOffset(kMessageIndexOffset);
   started.registerTraceLog(log);
   started.registerErrorManager(errors);
   started.registerCatalogManager(catalog);
@@ -389,11 +402,22 @@ int32_t qzvmfi_fi_pgn_get_locale_message(int* code, qfi_msg_info* info, char con
 }
 
 int32_t qzvmfi_fi_pgn_del_last_error(qfi_msg_info** list) {
-  return plain(__func__, [&] { return plugin().delLastError(list); });
+  return plain(__func__, [&] {
+    CQzVMPlugin* built = builtPlugin();
+    return built != nullptr ? built->delLastError(list) : CFiErrorManager::delLastError(list);
+  });
 }
 
+// Without a plug-in, the messages that init pushed are still there to read.
 int32_t qzvmfi_fi_pgn_get_last_error(qfi_msg_info** list) {
-  return plain(__func__, [&] { return plugin().getLastError(list); });
+  return plain(__func__, [&] {
+    CQzVMPlugin* built = builtPlugin();
+    if (built != nullptr) {
+      return built->getLastError(list);
+    }
+    return list == nullptr ? static_cast<int>(QFI_E_INVALID)
+                           : qzvmfi_ctx::ErrorManager::instance()->getLastError(list);
+  });
 }
 
 int32_t qzvmfi_fi_pgn_check_node_existence(qfi_domain* node, int* exists) {
@@ -579,8 +603,12 @@ int32_t qzvmfi_fi_pgn_init_node(qfi_domain* node, qfi_domain** parents, int coun
   });
 }
 
+// 0 in every case, also when the plug-in cannot be built.
 int32_t qzvmfi_fi_pgn_supports_fitype(qfi_domain* node, char* fiType) {
-  return plain(__func__, [&] { return plugin().supportsFiType(node, fiType); });
+  return plain(__func__, [&] {
+    CQzVMPlugin* built = builtPlugin();
+    return built != nullptr ? built->supportsFiType(node, fiType) : 0;
+  });
 }
 
 int32_t qzvmfi_fi_pgn_claim(qzfi_objid* object, qzfi_objid*** secondaryObjects,
@@ -688,7 +716,15 @@ int32_t qzvmfi_fi_pgn_init(qfi_startup* startup, qfi_version* version, const cha
                                   kCfiApiExportSource);
   return reportingExceptions(
       {__func__, kCfiApiExportSource, __LINE__}, [&] { return startPlugin(startup, fimName); },
-      CQzVMPlugin::initFailed);
+      [](bool reported) {
+        // Its own init registers the catalogue: without a plug-in, the
+        // reason pushed here still reads in it.
+        if (!Export::PluginSingleton::exists()) {
+          CQzVMPlugin::registerMessageCatalog(qzvmfi_ctx::CatalogManager::instance(),
+                                              cfi_pgn_name_tstr);
+        }
+        return CQzVMPlugin::initFailed(reported);
+      });
 }
 
 int32_t qzvmfi_fi_pgn_make(char* text, qfi_splitnode* node, qfi_splitnode** nodes, int count,

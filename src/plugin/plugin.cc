@@ -4,6 +4,7 @@
 
 using qzfi_pdk_4_4::CFiMessageCatalogFactory;
 using qzfi_pdk_4_4::CFiMessageCatalogFactoryPtr;
+using qzfi_pdk_4_4::CFiMessageCatalogManagerPtr;
 using qzfi_pdk_4_4::CFiPrivateDataConcreteFactory;
 using qzfi_pdk_4_4::CFiPrivateDataFactoryPtr;
 using qzfi_pdk_4_4::CFiStringTool;
@@ -26,11 +27,7 @@ int CQzVMPlugin::init() {
   return reportingExceptions(
       {"init", kQzVMPluginSource, __LINE__},
       [this] {
-        CFiMessageCatalogFactoryPtr catalog(
-            new CFiMessageCatalogFactory("root", getProviderName()));
-        if (getCatalogManager()) {
-          getCatalogManager()->registerFactory(catalog);
-        }
+        registerMessageCatalog(getCatalogManager(), getProviderName());
         CFiPrivateDataFactoryPtr factory(new CFiPrivateDataConcreteFactory<CQzVMData>());
         if (getPrivateDataManager()) {
           getPrivateDataManager()->registerFactory(factory);
@@ -52,6 +49,15 @@ int CQzVMPlugin::init() {
         return result;
       },
       initFailed);
+}
+
+// MSG_ERROR_* identifiers resolve in the plug-in's own catalogue.
+void CQzVMPlugin::registerMessageCatalog(const CFiMessageCatalogManagerPtr& manager,
+                                         const std::string& provider) {
+  if (manager) {
+    manager->registerFactory(
+        CFiMessageCatalogFactoryPtr(new CFiMessageCatalogFactory("root", provider)));
+  }
 }
 
 int CQzVMPlugin::initFailed(bool reported) {

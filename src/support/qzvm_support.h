@@ -262,6 +262,8 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   int pathsOfNode(const std::string& node, std::vector<std::string>& osDisks, bool allPaths);
   int setDMPPaths(const std::string& node, bool enable);
   int runOnce(const std::vector<CQzVMCommandLine>& commands);
+  // "qzdg deport" of a group known to be present; true when it failed.
+  bool runDeport(const std::string& dg);
   int printRecordsOf(const CQzVMCommandLine& command, std::vector<std::string>& output);
   // A cached listing copied into lines, with the "returned value from map"
   // trace of operation; false when nothing is cached.

@@ -10,6 +10,7 @@ using qzfi_e2e::QzfiRun;
 using qzfi_e2e::QzfiTest;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::SizeIs;
 
 class RebuildTest : public QzfiTest {};
@@ -86,13 +87,45 @@ TEST_F(RebuildTest, TheRawPathOfTheCopyOnRequest) {
   EXPECT_EQ(json["raw_device"], "/dev/qz/rdsk/" + block.substr(std::string("/dev/qz/dsk/").size()));
   EXPECT_EQ(json["owner"]["block"], "1001:1002");
   EXPECT_EQ(json["owner"]["raw"], "1001:1002");
+  // The expected "no" of the volume manager on the way is kept, with its
+  // severity, in a step that succeeded.
+  bool noted = false;
+  for (const Json& step : json["steps"]) {
+    for (const Json& message : step["messages"]) {
+      EXPECT_TRUE(step["ok"]) << step;
+      noted = noted ||
+              (message["id"] == "MSG_ERROR_COMMAND_FAILED" && message["severity"] == "error" &&
+               message["text"].get<std::string>().find("qzdg   list dg1 ") != std::string::npos);
+    }
+  }
+  EXPECT_TRUE(noted) << imported;
+  EXPECT_EQ(qzfi("B", {"release", "--record", record()}).status, 0);
+}
+
+// A successful import prints no error lines; --verbose, given after the
+// command as users type it, shows what the plug-in reported on the way as
+// notes.
+TEST_F(RebuildTest, ASuccessfulImportPrintsNotesOnlyWhenAsked) {
+  makeSource();
+  const std::string secondary = prepareSplitDeport("B");
+  const QzfiRun imported =
+      qzfi("B", {"import", "--record", record(), "--secondary", secondary, "--verbose"});
+  ASSERT_EQ(imported.status, 0) << imported;
+  EXPECT_EQ(imported.err, "");
+  EXPECT_THAT(imported.out, HasSubstr("\n    note MSG_ERROR_COMMAND_FAILED: executeCommand: a "
+                                      "volume manager command failed: /usr/sbin/qzdg   list dg1 "));
+  EXPECT_THAT(imported.out, Not(HasSubstr("    error ")));
   EXPECT_EQ(qzfi("B", {"release", "--record", record()}).status, 0);
 }
 
 TEST_F(RebuildTest, ASecondReleaseIsRefusedAndChangesNothing) {
   makeSource();
   const std::string secondary = prepareSplitDeport("B");
-  ASSERT_EQ(qzfi("B", {"import", "--record", record(), "--secondary", secondary}).status, 0);
+  const QzfiRun imported = qzfi("B", {"import", "--record", record(), "--secondary", secondary});
+  ASSERT_EQ(imported.status, 0) << imported;
+  // A successful step prints no error lines.
+  EXPECT_EQ(imported.err, "");
+  EXPECT_THAT(imported.out, Not(HasSubstr("MSG_ERROR")));
   ASSERT_EQ(qzfi("B", {"release", "--record", record()}).status, 0);
   const std::string before = qztest::readFile(record());
   const long runs = toolRuns();

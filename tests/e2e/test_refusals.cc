@@ -37,9 +37,35 @@ TEST_F(RefusalTest, APluginDoesNotStartWhereItsVolumeManagerIsMissing) {
   EXPECT_EQ(info.status, 5) << info;
   EXPECT_THAT(info.out, HasSubstr("release:           Brovik_"));
   EXPECT_THAT(info.err, HasSubstr("the plug-in qzvmfi did not start (init returned 30)"));
+  // After a failed init, nothing else is asked of the plug-in.
+  const QzfiRun json = qzfi("D", {"info", "--json"});
+  EXPECT_EQ(json.status, 5) << json;
+  ASSERT_EQ(json.json()["steps"].size(), 1u) << json;
+  EXPECT_EQ(json.json()["steps"][0]["step"], "init");
+  EXPECT_EQ(json.json()["steps"][0]["ok"], false);
+  EXPECT_EQ(json.json()["started"], false);
   const QzfiRun prepared = qzfi("D", {"prepare", "/dev/qz/dsk/dg1/vol1", "--record", record()});
   EXPECT_EQ(prepared.status, 5) << prepared;
   EXPECT_FALSE(std::ifstream(record()).good());
+}
+
+TEST_F(RefusalTest, APluginWithoutItsConfigurationFolderNamesItAndTheVariable) {
+  const std::string missing = root() + "/no-config";
+  const qzsim::CommandResult info =
+      sandboxed("A", {"env", "QZFI_CONFIG_DIR=" + missing, QZFI_BINARY, "info"});
+  EXPECT_EQ(info.status, 5) << info.out << info.err;
+  EXPECT_THAT(info.err, HasSubstr("qzfi info: the plug-in qzvmfi did not start (init returned 30): "
+                                  "its configuration folder " +
+                                  missing +
+                                  " does not exist; make it, or name another in "
+                                  "QZFI_CONFIG_DIR\n"));
+  // The plug-in's own reason is read through get_last_error.
+  EXPECT_THAT(info.err,
+              HasSubstr("error MSG_ERROR_UNHANDLED_FIERROR_EXCEPTION: Unhandled framework "
+                        "error : Serious error, the directory for the config file could "
+                        "not be determined or doesn't exist."));
+  EXPECT_THAT(info.err, HasSubstr("error MSG_ERROR_INITIALIZATION_FAILED: The qzvmfi plug-in could "
+                                  "not be initialised."));
 }
 
 TEST_F(RefusalTest, AnObjectThePluginDoesNotClaimIsNeitherClaimedNorPrepared) {

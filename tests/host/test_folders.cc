@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <qzfi/folders.h>
 
+#include "tempdir.h"
+
 #include <filesystem>
 #include <string>
 
@@ -23,4 +25,36 @@ TEST(InstallFolderTest, CatalogueFolderIsTheOneTheBuildWrote) {
 TEST(InstallFolderTest, PluginFolderLiesUnderTheLibraryFolder) {
   EXPECT_EQ(getInstallFolder(CFiInstallFolder::library) + "/qzfi/plugins",
             getInstallFolder(CFiInstallFolder::plugins));
+}
+
+// ===== configuration and trace folders =====
+
+TEST(InstallFolderTest, TheVariablesNameTheConfigurationAndTraceFolders) {
+  qztest::TempDir dir;
+  qztest::ScopedEnv config(kConfigFolderVariable, dir.path() + "/config");
+  qztest::ScopedEnv logs(kLogFolderVariable, dir.path() + "/logs");
+  EXPECT_EQ(dir.path() + "/config", getInstallFolder(CFiInstallFolder::config));
+  EXPECT_EQ(dir.path() + "/logs", getInstallFolder(CFiInstallFolder::logs));
+}
+
+TEST(InstallFolderTest, TheMachinesFolderWinsWhenItExistsOrTheTreeHasNone) {
+  qztest::TempDir machine;
+  qztest::TempDir tree;
+  EXPECT_EQ(machine.path(), chooseFolder(machine.path(), tree.path()));
+  EXPECT_EQ(machine.path() + "/absent", chooseFolder(machine.path() + "/absent", ""));
+  EXPECT_EQ(tree.path(), chooseFolder(machine.path() + "/absent", tree.path()));
+}
+
+// The build folder is a tree with folders of its own: without the
+// machine's, its programs configure and trace inside it.
+TEST(InstallFolderTest, ABuildTreeUsesItsOwnFoldersWhereTheMachineHasNone) {
+  qztest::ScopedEnv config(kConfigFolderVariable, std::nullopt);
+  qztest::ScopedEnv logs(kLogFolderVariable, std::nullopt);
+  const fs::path build = fs::canonical(fs::path(QZ_CATALOG_DIR) / "../../..");
+  const std::string expectedConfig =
+      fs::is_directory(kMachineConfigFolder) ? kMachineConfigFolder : (build / "etc/qzfi").string();
+  const std::string expectedLogs =
+      fs::is_directory(kMachineLogFolder) ? kMachineLogFolder : (build / "var/log/qzfi").string();
+  EXPECT_EQ(expectedConfig, getInstallFolder(CFiInstallFolder::config));
+  EXPECT_EQ(expectedLogs, getInstallFolder(CFiInstallFolder::logs));
 }

@@ -97,6 +97,18 @@ class PluginAlternateTest : public PluginHostTest {
   // the copy's node. The new volume's path, or empty.
   std::string importOn(const std::string& host, const std::string& path, const Split& split,
                        const Lines& secondary, int expected = 0) {
+    const std::string copy = buildOn(host, path, split, secondary, expected);
+    if (copy.empty()) {
+      return copy;
+    }
+    EXPECT_EQ(0, plugin().init_altnode(&m_node->domain, nullptr, &m_copy->domain, false));
+    EXPECT_EQ(secondary, plugin().subObjects(&m_copy->domain));
+    return copy;
+  }
+
+  // importOn up to the copy made, its node not yet initialised.
+  std::string buildOn(const std::string& host, const std::string& path, const Split& split,
+                      const Lines& secondary, int expected) {
     startPluginAs(host);
     m_node = std::make_unique<TestNode>(path);
     EXPECT_EQ(0, plugin().restoreState(&m_node->domain, split.state));
@@ -111,9 +123,18 @@ class PluginAlternateTest : public PluginHostTest {
     const std::string copy = made->name;
     qzfi_free_objid(made);
     m_copy = std::make_unique<TestNode>(copy);
-    EXPECT_EQ(0, plugin().init_altnode(&m_node->domain, nullptr, &m_copy->domain, false));
-    EXPECT_EQ(secondary, plugin().subObjects(&m_copy->domain));
     return copy;
+  }
+
+  // The GROUP and LOCK columns of the array's listing of lun.
+  Lines groupAndLockOf(const std::string& lun) {
+    for (const std::string& line : qzvmfi_it::linesOf(admin({"disk", "list"}))) {
+      const Lines fields = qzvmfi_it::words(line);
+      if (fields.size() > 5 && fields[0] == lun) {
+        return {fields[4], fields[5]};
+      }
+    }
+    return {};
   }
 
   static std::string groupOf(const std::string& path) {
@@ -288,6 +309,30 @@ TEST_F(PluginAlternateTest, AnOwnerThatCannotBeSetGives1091AndLeavesTheCopyStart
   EXPECT_TRUE(
       pluginTraced("CQzVMPlugin::importTreeNode setOwnerIds call failed for " + rawOf(copy)));
   EXPECT_TRUE(groupImported("B", dg));
+}
+
+// 7. The copy's node cannot list its sub-objects: init_altnode takes the
+// group it was built for away. The group is deported and its disks leave
+// B's view; the destroy that follows finds no group of that name on B, so
+// the group stays on the disks, deported, not destroyed.
+TEST_F(PluginAlternateTest, AnAlternateNodeWithoutSubObjectsLeavesItsGroupDeportedOnTheDisks) {
+  const Split split = splitFromA(kVol1, "B", {"vol1"});
+  const std::string copy = buildOn("B", kVol1, split, split.secondary(), 0);
+  const std::string dg = newName("dg1");
+  ASSERT_EQ("/dev/qz/dsk/" + dg + "/vol1", copy);
+  admin({"fault", "add", "--host", "B", "--tool", "qzdmpadm", "--match", "getsubpaths", "--status",
+         "11", "--stderr", "QZVM qzdmpadm ERROR Q-5-1-401 no node"});
+  EXPECT_EQ(6, plugin().init_altnode(&m_node->domain, nullptr, &m_copy->domain, false));
+  admin({"fault", "clear"});
+  EXPECT_FALSE(groupImported("B", dg));
+  EXPECT_EQ(1u, runsOf("B", "qzdg deport " + dg));
+  EXPECT_EQ(0u, runsOf("B", " destroy "));
+  EXPECT_TRUE(pluginTraced("dg '" + dg + "' is already destroyed."));
+  for (const SimDisk& disk : split.copies) {
+    EXPECT_EQ((Lines{dg, "-"}), groupAndLockOf(disk.lun)) << disk.lun;
+  }
+  EXPECT_TRUE(groupImported("A", "dg1"));
+  EXPECT_EQ(std::string("OK"), admin({"check"}).substr(0, 2));
 }
 
 }  // namespace

@@ -1,17 +1,43 @@
 #include "engine.h"
 
+#include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <map>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <qzfi/configuration.h>
 
 #include "osutil.h"
+#include "plugin/exception_kinds.h"
 #include "plugin_env.h"
+
+// The framework's configuration folder look-up, as this test program links
+// it: the framework's own, unless a test has it raise an exception first.
+namespace {
+std::function<void()> g_configLookUpRaises;
+}  // namespace
+
+int qzfi_pdk_4_4::CFiConfigurationPathTool::getConfigFileInfo(const tstring& provider,
+                                                              tstring& path, tstring& folder) {
+  if (g_configLookUpRaises) {
+    g_configLookUpRaises();
+  }
+  using LookUp = int (*)(const tstring&, tstring&, tstring&);
+  static const auto framework = reinterpret_cast<LookUp>(
+      dlsym(RTLD_NEXT,
+            "_ZN12qzfi_pdk_4_424CFiConfigurationPathTool17getConfigFileInfoERKNSt7__cxx1112basic_"
+            "stringIcSt11char_traitsIcESaIcEEERS6_S9_"));
+  if (framework == nullptr) {
+    throw std::logic_error("the framework's getConfigFileInfo is not found");
+  }
+  return framework(provider, path, folder);
+}
 
 namespace {
 
@@ -242,6 +268,16 @@ TEST_F(EngineTest, InitEngineWithoutAConfigurationFolderReportsTheFrameworkError
   ScopedEnv missing("QZFI_CONFIG_DIR", m_scratch->path() + "/none");
   EXPECT_EQ(6, m_engine->initEngine());
   ASSERT_EQ(Lines{"MSG_ERROR_UNHANDLED_FIERROR_EXCEPTION"}, pushed());
+}
+
+TEST_F(EngineTest, InitEngineCatchesEveryExceptionKind) {
+  qzvmfi_test::forEachExceptionKind([&](const qzvmfi_test::ExceptionKind& kind) {
+    g_configLookUpRaises = kind.raise;
+    EXPECT_EQ(6, m_engine->initEngine());
+    g_configLookUpRaises = nullptr;
+    EXPECT_EQ(qzvmfi_test::reportedFor(kind, "initEngine", "engine"),
+              qzvmfi_test::caughtMessages(PluginEnv::pushed()));
+  });
 }
 
 TEST_F(EngineTest, GetInstanceIsOneEngine) {

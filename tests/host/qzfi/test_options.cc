@@ -29,12 +29,28 @@ std::string refusal(std::vector<std::string> args) {
 }
 
 TEST(Options, GlobalOptionsComeBeforeTheCommand) {
-  Options options = parse({"--plugin", "/opt/libother.so", "--json", "--quiet", "info"});
+  Options options =
+      parse({"--plugin", "/opt/libother.so", "--json", "--quiet", "--verbose", "info"});
   EXPECT_EQ(options.plugin, "/opt/libother.so");
   EXPECT_TRUE(options.json);
   EXPECT_TRUE(options.quiet);
+  EXPECT_TRUE(options.verbose);
   EXPECT_EQ(options.command, Command::info);
   EXPECT_EQ(options.commandName, "info");
+}
+
+// As users type them: "qzfi info --json".
+TEST(Options, GlobalOptionsComeAfterTheCommandToo) {
+  Options options = parse({"deport", "--json", "--record", "r.json", "--plugin", "/opt/libother.so",
+                           "--quiet", "--verbose"});
+  EXPECT_EQ(options.command, Command::deport);
+  EXPECT_EQ(options.record, "r.json");
+  EXPECT_EQ(options.plugin, "/opt/libother.so");
+  EXPECT_TRUE(options.json);
+  EXPECT_TRUE(options.quiet);
+  EXPECT_TRUE(options.verbose);
+  EXPECT_TRUE(parse({"info", "--json"}).json);
+  EXPECT_FALSE(parse({"info"}).verbose);
 }
 
 TEST(Options, ThePluginDefaultsToQzvmfi) {
@@ -118,8 +134,10 @@ TEST(Options, GroupAndVolumeNamesAreAtMost31Characters) {
 TEST(Options, UnknownCommandsAndOptionsAreNamed) {
   EXPECT_EQ(refusal({}), "no command given");
   EXPECT_EQ(refusal({"backup"}), "unknown command 'backup'");
-  EXPECT_EQ(refusal({"--verbose", "info"}), "unknown option '--verbose'");
+  EXPECT_EQ(refusal({"--loud", "info"}), "unknown option '--loud'");
+  EXPECT_EQ(refusal({"info", "--loud"}), "info: unknown option or argument '--loud'");
   EXPECT_EQ(refusal({"--plugin"}), "--plugin needs a name or a file");
+  EXPECT_EQ(refusal({"info", "--plugin"}), "--plugin needs a name or a file");
   EXPECT_EQ(refusal({"prepare", "/dev/qz/dsk/dg1/vol1", "--record"}),
             "prepare: --record needs a value");
 }

@@ -76,14 +76,25 @@ TEST_F(ReportTest, AFailureGoesToStandardErrorWithThePluginsMessages) {
             "qzfi deport: deportTree failed: status 6\n");
 }
 
-TEST_F(ReportTest, MessagesOfAStepThatSucceededAreToldAsReported) {
+// A tool's expected "no" on the way to a success is no error line.
+TEST_F(ReportTest, MessagesOfAStepThatSucceededAreNotPrinted) {
   Options given = options();
+  CReport report(given, out, err);
+  report.step(step("isParentPgn", true, "carries a group", 10,
+                   {{"MSG_ERROR_COMMAND_FAILED", "qzdisk rm failed: in use\n", 3, 6003}}));
+  EXPECT_EQ(out.str(), "  isParentPgn               0.250 s   10 tool runs  carries a group\n");
+  EXPECT_EQ(err.str(), "");
+}
+
+TEST_F(ReportTest, VerboseTellsMessagesOfAStepThatSucceededAsNotes) {
+  Options given = options();
+  given.verbose = true;
   CReport report(given, out, err);
   report.step(step("isParentPgn", true, "carries a group", 10,
                    {{"MSG_ERROR_COMMAND_FAILED", "qzdisk rm failed: in use\n", 3, 6003}}));
   EXPECT_EQ(out.str(),
             "  isParentPgn               0.250 s   10 tool runs  carries a group\n"
-            "    reported MSG_ERROR_COMMAND_FAILED: qzdisk rm failed: in use\n");
+            "    note MSG_ERROR_COMMAND_FAILED: qzdisk rm failed: in use\n");
   EXPECT_EQ(err.str(), "");
 }
 
@@ -132,6 +143,23 @@ TEST_F(ReportTest, JsonIsOneDocumentWithStepsResultsAndTotals) {
                   {"severity", "error"},
                   {"number", 6042},
                   {"text", "deportTree: unable to deport disk group dg1."}}));
+}
+
+TEST_F(ReportTest, JsonHoldsTheMessagesOfAStepThatSucceededWithTheirSeverity) {
+  Options given = options();
+  given.json = true;
+  CReport report(given, out, err);
+  report.step(step("importTreeNode", true, "built", 24,
+                   {{"MSG_ERROR_COMMAND_FAILED", "qzdg list dg1 failed\n", 3, 6001}}));
+  report.finish(0);
+  EXPECT_EQ(err.str(), "");
+  const Json json = Json::parse(out.str());
+  EXPECT_EQ(json["steps"][0]["ok"], true);
+  EXPECT_EQ(json["steps"][0]["messages"],
+            Json::array({Json({{"id", "MSG_ERROR_COMMAND_FAILED"},
+                               {"severity", "error"},
+                               {"number", 6001},
+                               {"text", "qzdg list dg1 failed\n"}})}));
 }
 
 TEST_F(ReportTest, JsonStaysValidWithBytesThatAreNotUtf8) {

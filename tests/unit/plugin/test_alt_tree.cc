@@ -5,16 +5,23 @@
 // an owner change that succeeds is shown by the integration tests.
 #include <unistd.h>
 
+#include <functional>
+
 #include <gtest/gtest.h>
 
+#include "exception_kinds.h"
 #include "exports_env.h"
 
 namespace {
 
+using qzvmfi_test::caughtMessages;
+using qzvmfi_test::ExceptionKind;
+using qzvmfi_test::forEachExceptionKind;
 using qzvmfi_test::Lines;
 using qzvmfi_test::OperationsTest;
 using qzvmfi_test::out;
 using qzvmfi_test::Pushed;
+using qzvmfi_test::reportedFor;
 using qzvmfi_test::TestDisk;
 using qzvmfi_test::TestNode;
 using qzvmfi_test::TestObjids;
@@ -144,7 +151,9 @@ TEST_F(AltTreeTest, InitAltNodeWhoseSubObjectsCannotBeMadeTakesTheNewGroupAway) 
   groupDisks(copyDG(), m_copies);
   answer("qzdmpadm   getsubpaths  dmpnodename=" + m_copies[0].node, 11,
          out({"QZVM qzdmpadm ERROR Q-5-1-401 no node"}));
-  answer("qzdg   list " + copyDG(), 0, out({"Group:   " + copyDG()}));
+  // As the volume manager answers: the group is listed until its deport.
+  expect("qzdg   list " + copyDG(), 0, out({"Group:   " + copyDG()}));
+  answer("qzdg   list " + copyDG(), 11, out({"QZVM qzdg ERROR Q-5-1-201 not imported"}));
   answer("qzdg   deport " + copyDG(), 0, {});
   for (const TestDisk& disk : m_copies) {
     answer("qzdisk   rm " + disk.node, 0, {});
@@ -152,22 +161,32 @@ TEST_F(AltTreeTest, InitAltNodeWhoseSubObjectsCannotBeMadeTakesTheNewGroupAway) 
   answer("qzdg   destroy " + copyDG(), 0, {});
   EXPECT_EQ(6, qzvmfi_fi_pgn_init_altnode(node(), nullptr, &copy.domain, false));
   EXPECT_TRUE(enteredScope("deportAndDestroyDG"));
-  Lines expected =
-      run({"qzdisk   -g " + copyDG() + "  list ",
-           "qzdmpadm   getsubpaths  dmpnodename=" + m_copies[0].node, "qzdg   list " + copyDG(),
-           "qzdg   list " + copyDG(), "qzdg   deport " + copyDG()});
+  // The group is deported and its disks leave the view; the destroy then
+  // finds no group of that name here: it stays on the disks, deported.
+  Lines expected = run({"qzdisk   -g " + copyDG() + "  list ",
+                        "qzdmpadm   getsubpaths  dmpnodename=" + m_copies[0].node,
+                        "qzdg   list " + copyDG(), "qzdg   deport " + copyDG()});
   for (const TestDisk& disk : m_copies) {
     expected.push_back(qz("qzdisk   rm " + disk.node));
   }
   expected.push_back(qz("qzdg   list " + copyDG()));
-  expected.push_back(qz("qzdg   destroy " + copyDG()));
   EXPECT_EQ(expected, commands());
+  EXPECT_TRUE(wasTraced(3, "dg '" + copyDG() + "' is already destroyed."));
 }
 
 // A plug-in whose sub-objects cannot be listed for an exception.
 class ThrowingSubObjects : public CQzVMPlugin {
  public:
-  int AddSubObjects(qfi_domain*, CQzVMData*) override { throw std::runtime_error("no disks"); }
+  explicit ThrowingSubObjects(std::function<void()> raise =
+                                  [] { throw std::runtime_error("no disks"); })
+      : m_raise(std::move(raise)) {}
+  int AddSubObjects(qfi_domain*, CQzVMData*) override {
+    m_raise();
+    return 0;
+  }
+
+ private:
+  std::function<void()> m_raise;
 };
 
 TEST_F(AltTreeTest, InitAltNodeAfterAnExceptionTakesTheNewGroupAway) {
@@ -251,6 +270,28 @@ TEST_F(AltTreeTest, BuildAltTreeReadsTheListsUpToCountOrTheirEnd) {
                         "[/dev/sdb]."));
   EXPECT_TRUE(
       wasTraced(3, "CQzVMPlugin::buildAltTree - got DMP as [" + m_disks[2].node + "] for [sdd]."));
+}
+
+// The secondary list is read as the primary one: up to count, or to its
+// end when shorter. The engine scans the disks read.
+TEST_F(AltTreeTest, BuildAltTreeReadsTheSecondaryListUpToCountOrItsEnd) {
+  ASSERT_EQ(0, restoreState(node(), sourceState()));
+  groupRecords(m_dg, m_disks);
+  answer("qzdisk   scandisks  device=sde,sdf", 1, out({"QZVM qzdisk ERROR Q-5-1-1 no"}));
+  TestObjids primary(primaryPaths());
+  TestObjids secondary(secondaryPaths());
+  EXPECT_EQ(
+      6, qzvmfi_fi_pgn_build_alttree(node(), nullptr, primary.get(), secondary.get(), 2, &m_out));
+  EXPECT_EQ(qz("qzdisk   scandisks  device=sde,sdf"), commands().back());
+
+  // Other disks: the volume manager is not asked to scan a disk twice.
+  qzfi_pdk_4_4::CFiExecSeam::clearCommands();
+  answer("qzdisk   scandisks  device=sdh,sdi", 1, out({"QZVM qzdisk ERROR Q-5-1-1 no"}));
+  TestObjids twoPrimary({"/dev/sdb", "/dev/sdc"});
+  TestObjids shorter({"/dev/sdh", "/dev/sdi"});
+  EXPECT_EQ(
+      6, qzvmfi_fi_pgn_build_alttree(node(), nullptr, twoPrimary.get(), shorter.get(), 7, &m_out));
+  EXPECT_EQ(qz("qzdisk   scandisks  device=sdh,sdi"), commands().back());
 }
 
 TEST_F(AltTreeTest, BuildAltTreeWithoutDiskMediaNamesReturns6) {
@@ -457,6 +498,23 @@ TEST_F(AltTreeTest, ImportTreeNodeOfADiskNotRecordedStopsTheProcess) {
   TestObjids primary({"/dev/sdz"});
   TestObjids secondary({"/dev/sde"});
   EXPECT_DEATH(importTree(1, primary, secondary), "Assertion `!dmp.empty\\(\\)' failed");
+}
+
+// Whatever kind of exception stops it, initAltNode reports it and takes
+// the new group away.
+TEST_F(AltTreeTest, InitAltNodeCatchesEveryExceptionKindAndTakesTheGroupAway) {
+  answer("qzdg   list " + copyDG(), 11, out({"QZVM qzdg ERROR Q-5-1-201 not imported"}));
+  forEachExceptionKind([&](const ExceptionKind& kind) {
+    qzfi_pdk_4_4::CFiExecSeam::clearCommands();
+    qzfi_pdk_4_4::CFiSmartPtr<ThrowingSubObjects> throwing(new ThrowingSubObjects(kind.raise));
+    throwing->registerTraceLog(qzvmfi_ctx::TraceLog::instance());
+    throwing->registerPrivateDataManager(qzvmfi_ctx::PrivateDataManager::instance());
+    TestNode copy(copyPath());
+    EXPECT_EQ(6, throwing->initAltNode(node(), nullptr, &copy.domain, false));
+    EXPECT_EQ(reportedFor(kind, "initAltNode", "../plugin"), caughtMessages(pushed()));
+    // deportAndDestroyDG asked for the group.
+    EXPECT_EQ(run({"qzdg   list " + copyDG(), "qzdg   list " + copyDG()}), commands());
+  });
 }
 
 }  // namespace

@@ -7,15 +7,20 @@
 
 #include <gtest/gtest.h>
 
+#include "exception_kinds.h"
 #include "exports_env.h"
 
 namespace {
 
 using qzfi_pdk_4_4::CFiExecSeam;
+using qzvmfi_test::caughtMessages;
+using qzvmfi_test::ExceptionKind;
+using qzvmfi_test::forEachExceptionKind;
 using qzvmfi_test::Lines;
 using qzvmfi_test::OperationsTest;
 using qzvmfi_test::out;
 using qzvmfi_test::Pushed;
+using qzvmfi_test::reportedFor;
 using qzvmfi_test::TempDir;
 using qzvmfi_test::TestNode;
 using qzvmfi_test::TraceLine;
@@ -380,6 +385,31 @@ TEST_F(ClaimTest, AVolumeOnNoDisksHasNoSubObjects) {
   EXPECT_FALSE(dataOf(&node.domain)->hasRecordedDisks());
 }
 
+// The volume manager lists the disks in its own order, not the sorted one:
+// the sub-objects follow that order, and each disk is paired once each way.
+TEST_F(ClaimTest, AddSubObjectsKeepsTheListingsOrderAndPairsEachDiskOnce) {
+  const std::vector<qzvmfi_test::TestDisk> unsorted = {m_disks[2], m_disks[0], m_disks[1]};
+  groupDisks(m_dg, unsorted);
+  for (const auto& disk : unsorted) {
+    subpaths(disk);
+  }
+  TestNode node(m_path);
+  ASSERT_EQ(0, restoreState(&node.domain, "fiid_v vol1"));
+  CQzVMData* data = dataOf(&node.domain);
+  ASSERT_NE(nullptr, data);
+  ASSERT_EQ(0, plugin().AddSubObjects(&node.domain, data));
+  EXPECT_EQ((Lines{"/dev/sdd", "/dev/sdb", "/dev/sdc"}), subObjectNames(&node.domain));
+  EXPECT_EQ(6u, data->diskDMPMapEntries());
+  for (const auto& disk : unsorted) {
+    std::string os;
+    ASSERT_EQ(0, data->getDMPDiskMap(disk.node, os));
+    EXPECT_EQ(disk.os, os);
+  }
+  // Storing the map is an operation of its own, with its trace scope.
+  EXPECT_TRUE(enteredScope("storeDiskDMPMapInPrivateData"));
+  EXPECT_FALSE(traced("Exiting Function storeDiskDMPMapInPrivateData [").empty());
+}
+
 TEST_F(ClaimTest, AddSubObjectsWithoutNodeOrDataReturns3) {
   TestNode node(m_path);
   CQzVMData data(node.objid(), false);
@@ -436,6 +466,39 @@ TEST_F(ClaimTest, AddSubObjectsAfterACommandLayerExceptionReturns6Silently) {
   EXPECT_EQ(6, plugin().AddSubObjects(&node.domain, &data));
   EXPECT_FALSE(wasTraced(1, "CQzVMPlugin::AddSubObjects - failed."));
   EXPECT_TRUE(errors().empty());
+}
+
+// ===== the exception kinds of each operation =====
+
+// Each kind thrown by a tool run is caught by the operation that ran it:
+// 6, and its message pushed under the operation's name.
+TEST_F(ClaimTest, InitNodeCatchesEveryExceptionKind) {
+  forEachExceptionKind([&](const ExceptionKind& kind) {
+    toolsThrow(kind.raise);
+    TestNode node(m_path);
+    EXPECT_EQ(6, qzvmfi_fi_pgn_init_node(&node.domain, nullptr, 0, node.objid()));
+    EXPECT_EQ(reportedFor(kind, "initNode", "../plugin"), caughtMessages(pushed()));
+  });
+}
+
+TEST_F(ClaimTest, AddSubObjectsCatchesEveryExceptionKind) {
+  forEachExceptionKind([&](const ExceptionKind& kind) {
+    toolsThrow(kind.raise);
+    TestNode node(m_path);
+    CQzVMData data(node.objid(), false);
+    EXPECT_EQ(6, plugin().AddSubObjects(&node.domain, &data));
+    EXPECT_EQ(reportedFor(kind, "AddSubObjects", "../plugin"), caughtMessages(pushed()));
+  });
+}
+
+TEST_F(ClaimTest, CheckNodeExistenceCatchesEveryExceptionKind) {
+  forEachExceptionKind([&](const ExceptionKind& kind) {
+    toolsThrow(kind.raise);
+    TestNode node(m_path);
+    int exists = 7;
+    EXPECT_EQ(6, qzvmfi_fi_pgn_check_node_existence(&node.domain, &exists));
+    EXPECT_EQ(reportedFor(kind, "checkNodeExistence", "../plugin"), caughtMessages(pushed()));
+  });
 }
 
 }  // namespace

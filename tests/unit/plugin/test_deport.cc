@@ -8,15 +8,20 @@
 
 #include <gtest/gtest.h>
 
+#include "exception_kinds.h"
 #include "exports_env.h"
 
 namespace {
 
 using qzfi_pdk_4_4::CFiExecSeam;
+using qzvmfi_test::caughtMessages;
+using qzvmfi_test::ExceptionKind;
+using qzvmfi_test::forEachExceptionKind;
 using qzvmfi_test::Lines;
 using qzvmfi_test::OperationsTest;
 using qzvmfi_test::out;
 using qzvmfi_test::Pushed;
+using qzvmfi_test::reportedFor;
 using qzvmfi_test::TempDir;
 using qzvmfi_test::TestNode;
 using qzvmfi_test::TestNodeList;
@@ -50,9 +55,11 @@ class DeportTest : public OperationsTest {
     answer("qzdg   list " + dg, 11, out({"QZVM qzdg ERROR Q-5-1-201 " + dg + " not imported"}));
   }
   // A group that goes with its disks: deported, then its disks out of the
-  // volume manager's view.
+  // volume manager's view. As the volume manager answers, it is listed
+  // until its deport and not found after it.
   void groupDeports(const std::string& dg) {
-    groupPresent(dg);
+    expect("qzdg   list " + dg, 0, out({"Group:   " + dg, "dgid:    17.9.A"}));
+    groupAbsent(dg);
     groupDisks(dg, m_disks);
     answer("qzdg   deport " + dg, 0, {});
     for (const auto& disk : m_disks) {
@@ -60,8 +67,8 @@ class DeportTest : public OperationsTest {
     }
   }
   Lines deportAndRemoveRuns(const std::string& dg) const {
-    Lines lines = run({"qzdg   list " + dg, "qzdisk   -g " + dg + "  list ", "qzdg   list " + dg,
-                       "qzdg   deport " + dg});
+    Lines lines =
+        run({"qzdg   list " + dg, "qzdisk   -g " + dg + "  list ", "qzdg   deport " + dg});
     for (const auto& disk : m_disks) {
       lines.push_back(qz("qzdisk   rm " + disk.node));
     }
@@ -269,6 +276,32 @@ TEST_F(DeportTest, DisableAccessOfDisksAboutToBeMaskedButStillVisibleTakesTheOpt
   EXPECT_TRUE(enteredScope("disableAccessOptimize"));
 }
 
+// The optimized path's failure is disableAccess's answer: the walk stops
+// there, with its status.
+TEST_F(DeportTest, DisableAccessOfDisksStillVisiblePassesOnTheOptimizedPathsFailure) {
+  withDisks();
+  TestNode second("/dev/qz/dsk/" + m_dg + "b/vol1");
+  ASSERT_EQ(0, restoreState(&second.domain, diskRecords()));
+  answer("qzvol   -g " + m_dg + " stop vol1", 1, out({"QZVM qzvol ERROR Q-5-1-1 cannot stop"}));
+  TestNodeList list;
+  list.add(node());
+  list.add(&second.domain);
+  EXPECT_EQ(6, qzvmfi_fi_pgn_disable_access(list.get(), 0x8400));
+  EXPECT_EQ(run({"qzvol   -g " + m_dg + " stop vol1"}), commands());
+  EXPECT_EQ((Pushed{"MSG_ERROR_UNABLE_TO_OFFLINE_VOLUME_FOR_DISKGROUP",
+                    "../plugin",
+                    {"disableAccessOptimize", m_dg, "vol1"}}),
+            pushed().back());
+
+  CFiExecSeam::clearCommands();
+  answer("qzvol   -g " + m_dg + " stop vol1", 0, {});
+  groupPresent(m_dg);
+  answer("qzdg   deport " + m_dg, 13, out({"QZVM qzdg ERROR Q-5-1-103 volume in use"}));
+  EXPECT_EQ(6, qzvmfi_fi_pgn_disable_access(list.get(), 0x8400));
+  EXPECT_EQ(qz("qzdg   deport " + m_dg), commands().back());
+  EXPECT_EQ("MSG_ERROR_UNABLE_TO_DEPORT_DISKGROUP", pushed().back().id);
+}
+
 TEST_F(DeportTest, DisableAccessOfDisksToBeMaskedOfflinesThenDeportsAndRemovesDisks) {
   withDisks();
   answer("qzvol   -g " + m_dg + " stop vol1", 0, {});
@@ -377,6 +410,7 @@ TEST_F(DeportTest, DisableAccessWhoseDeportFailsStopsTheWalk) {
   answer("qzvol   -g " + m_dg + " stop vol1", 0, {});
   groupDeports(m_dg);
   answer("qzdg   deport " + m_dg, 13, out({"QZVM qzdg ERROR Q-5-1-103 volume in use"}));
+  groupPresent(m_dg);  // the failed deport leaves it
   for (long flags : {0x8000L, 0L}) {
     CFiExecSeam::clearCommands();
     TestNodeList list;
@@ -502,9 +536,10 @@ TEST_F(DeportTest, EnableAccessWhoseGroupCannotBeRecreatedReturns6) {
   EXPECT_EQ(3, severities()[created - messages.begin()]);
 }
 
-// What a failed re-creation left imported on the disks goes again: the next
-// enableAccess starts from deported disks.
-TEST_F(DeportTest, EnableAccessWhoseRecreationFailsDeportsTheGroupItLeft) {
+// A failed re-creation undoes nothing and runs nothing more: a group of
+// that name, made by it or there before the call, stays as it is, and the
+// next call finds it on the disks.
+TEST_F(DeportTest, EnableAccessWhoseRecreationFailsRunsNothingMore) {
   withDisks();
   TestObjids subobjs({"/dev/sdb", "/dev/sdc", "/dev/sdd"});
   answer("qzdisk   scandisks  device=sdb,sdc,sdd", 1, out({"QZVM qzdisk ERROR Q-5-1-1 no"}));
@@ -512,25 +547,16 @@ TEST_F(DeportTest, EnableAccessWhoseRecreationFailsDeportsTheGroupItLeft) {
   answer("qzdisk   -s  -g " + m_dg + " list ", 0, out({"Disk:  x", "dgid:  17.9.D"}));
   answer("qzinfo   -g " + m_dg + " vol1", 0, out({"vol1  fsgen  Startable"}));
   groupDeports(m_dg);
+  TestNode second("/dev/qz/dsk/" + m_dg + "/vol2");
+  ASSERT_EQ(0, restoreState(&second.domain, diskRecords()));
   TestNodeList list;
   list.add(node(), &subobjs);
+  list.add(&second.domain, &subobjs);
   EXPECT_EQ(6, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0));
-  EXPECT_EQ(run({"qzdisk   scandisks  device=sdb,sdc,sdd", "qzdisk   list sdb",
-                 "qzdisk   -s  -g " + m_dg + " list ", "qzinfo   -g " + m_dg + " vol1",
-                 "qzdg   list " + m_dg, "qzdg   deport " + m_dg}),
-            commands());
-  EXPECT_TRUE(
-      wasTraced(2, "CQzVMPlugin::enableAccess - deporting the dg '" + m_dg + "' left half made."));
-
-  // A group whose volume runs, or another group of that name, stays.
-  CFiExecSeam::clearCommands();
-  volumeExists(m_dg, "vol1");
-  EXPECT_EQ(6, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0));
-  EXPECT_EQ(qz("qzinfo   -g " + m_dg + " vol1"), commands().back());
-  CFiExecSeam::clearCommands();
-  answer("qzdisk   -s  -g " + m_dg + " list ", 0, out({"Disk:  x", "dgid:  17.9.E"}));
-  EXPECT_EQ(6, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0));
-  EXPECT_EQ(qz("qzdisk   -s  -g " + m_dg + " list "), commands().back());
+  EXPECT_EQ(run({"qzdisk   scandisks  device=sdb,sdc,sdd"}), commands());
+  EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::enableAccess recreate dg on restored disks failed."));
+  EXPECT_EQ((Pushed{"MSG_ERROR_UNABLE_TO_CREATE_DISKGROUP", "../plugin", {}}), pushed().back());
+  EXPECT_EQ(2u, pushed().size());  // the failed scan's, then the operation's
 }
 
 TEST_F(DeportTest, EnableAccessOfAGroupStillPresentOnlyStartsItsVolume) {
@@ -620,26 +646,33 @@ TEST_F(DeportTest, DeportAndDestroyDGOfANodeWithoutObjectDoesNothing) {
   EXPECT_TRUE(commands().empty());
 }
 
-TEST_F(DeportTest, DeportAndDestroyDGDeportsTheGroupAndDestroysIt) {
+// The group is deported first; the destroy that follows asks for it and,
+// as the volume manager answers after a deport, does not find it: the
+// group stays deported on its disks, not destroyed.
+TEST_F(DeportTest, DeportAndDestroyDGDeportsTheGroupWhichIsThenNotThereToDestroy) {
   groupDeports(m_dg);
   answer("qzdg   destroy " + m_dg, 0, {});
   EXPECT_EQ(0, plugin().deportAndDestroyDG(node()));
   Lines expected = deportAndRemoveRuns(m_dg);
   expected.push_back(qz("qzdg   list " + m_dg));
-  expected.push_back(qz("qzdg   destroy " + m_dg));
   EXPECT_EQ(expected, commands());
   EXPECT_TRUE(wasTraced(
       3, "CQzVMPlugin::deportAndDestroyDG - Deporting and Destroying DG - [" + m_dg + "]"));
+  EXPECT_TRUE(wasTraced(3, "dg '" + m_dg + "' is already destroyed."));
   EXPECT_TRUE(wasTraced(1,
                         "CQzVMPlugin::deportAndDestroyDG() - successfully deported & "
                         "destroyed the DG - [" +
                             m_dg + "]."));
 }
 
+// A group found again after its deport (imported anew meanwhile) is
+// destroyed; when that fails, the call still succeeds.
 TEST_F(DeportTest, DeportAndDestroyDGThatCannotDestroyStillSucceeds) {
   groupDeports(m_dg);
+  expect("qzdg   list " + m_dg, 0, out({"Group:   " + m_dg}));
   answer("qzdg   destroy " + m_dg, 13, out({"QZVM qzdg ERROR Q-5-1-103 in use"}));
   EXPECT_EQ(0, plugin().deportAndDestroyDG(node()));
+  EXPECT_EQ(qz("qzdg   destroy " + m_dg), commands().back());
   EXPECT_TRUE(wasTraced(1,
                         "CQzVMPlugin::deportAndDestroyDG() - Deported the DG, but failed to "
                         "destroy it, please destroy DG - [" +
@@ -735,6 +768,7 @@ TEST_F(DeportTest, DisposeOfATargetWithoutObjectReturns3) {
 
 TEST_F(DeportTest, DisposeWithDeletionRemovesTheSnapshotGroupAndItsDisks) {
   groupDeports(m_dg);
+  groupPresent(m_dg);  // nothing deports it
   for (const auto& disk : m_disks) {
     subpaths(disk);
   }
@@ -756,6 +790,7 @@ TEST_F(DeportTest, DisposeWithDeletionRemovesTheSnapshotGroupAndItsDisks) {
 
 TEST_F(DeportTest, DisposeWhoseGroupCannotBeDestroyedReturns6) {
   groupDeports(m_dg);
+  groupPresent(m_dg);  // nothing deports it
   for (const auto& disk : m_disks) {
     subpaths(disk);
   }
@@ -782,6 +817,15 @@ TEST_F(DeportTest, DisposeAfterAnExceptionTracesItsFailure) {
   EXPECT_EQ(6, qzvmfi_fi_pgn_dispose(node(), node(), &target, QFI_DISP_DELETE));
   EXPECT_FALSE(wasTraced(1, "CQzVMPlugin::dispose - failed"));
   EXPECT_EQ(1u, pushed().size());
+}
+
+TEST_F(DeportTest, DisposeCatchesEveryExceptionKind) {
+  qfi_splitnode target{node(), m_node->objid(), nullptr, 1, 0};
+  forEachExceptionKind([&](const ExceptionKind& kind) {
+    toolsThrow(kind.raise);
+    EXPECT_EQ(6, qzvmfi_fi_pgn_dispose(node(), node(), &target, QFI_DISP_DELETE));
+    EXPECT_EQ(reportedFor(kind, "dispose", "../plugin"), caughtMessages(pushed()));
+  });
 }
 
 }  // namespace

@@ -291,6 +291,35 @@ TEST_F(ExportsTest, InitWithoutAConfigurationFolderFailsWithTheFrameworksError) 
   EXPECT_FALSE(PluginSingleton::exists());
 }
 
+// The plug-in object cannot be built without its configuration file: the
+// framework still reads why init failed, and supportsFiType answers 0.
+TEST_F(ExportsTest, APluginThatCannotBeBuiltStillTellsWhy) {
+  ScopedEnv missing("QZFI_CONFIG_DIR", configDir() + "/none");
+  EXPECT_EQ(30, initPlugin());
+  qfi_domain domain{};
+  EXPECT_EQ(0, qzvmfi_fi_pgn_supports_fitype(&domain, nullptr));
+  qfi_msg_info* list = nullptr;
+  ASSERT_EQ(0, qzvmfi_fi_pgn_get_last_error(&list));
+  std::vector<std::string> ids;
+  std::string texts;
+  for (const qfi_msg_info* message = list; message != nullptr; message = message->next) {
+    ids.emplace_back(message->id);
+    texts += std::string(message->text != nullptr ? message->text : "") + "\n";
+  }
+  EXPECT_EQ(0, qzvmfi_fi_pgn_del_last_error(&list));
+  // Newest first.
+  EXPECT_EQ((Lines{"MSG_ERROR_INITIALIZATION_FAILED", "MSG_ERROR_UNHANDLED_FIERROR_EXCEPTION"}),
+            ids);
+  EXPECT_NE(std::string::npos,
+            texts.find("Serious error, the directory for the config file could not be "
+                       "determined or doesn't exist."))
+      << texts;
+  EXPECT_NE(std::string::npos, texts.find("The qzvmfi plug-in could not be initialised.")) << texts;
+  EXPECT_EQ(nullptr, list);
+  EXPECT_EQ(3, qzvmfi_fi_pgn_get_last_error(nullptr));
+  EXPECT_FALSE(PluginSingleton::exists());
+}
+
 // ===== messages as the framework reads them =====
 
 TEST_F(ExportsTest, ToolBytesReachTheFrameworkAsTheToolPrintedThem) {
@@ -459,8 +488,16 @@ TEST_F(ExportsTest, QuiesceWithOneNodeAndNoArrayQuiescesThatNode) {
   ASSERT_EQ(0, initPlugin());
   qfi_quiescenode node{};
   EXPECT_EQ(0, qzvmfi_fi_pgn_quiesce(&node, nullptr, 0, nullptr));
+  EXPECT_EQ(1, node.state);
   qzvmfi_fi_pgn_unquiesce(&node, nullptr, 0);
+  EXPECT_EQ(0, node.state);
   EXPECT_TRUE(enteredScope("qzvmfi_fi_pgn_unquiesce"));
+  // With an array, its nodes are the ones quiesced, not the single one.
+  qfi_quiescenode a{}, b{}, single{};
+  qfi_quiescenode* nodes[] = {&a, &b};
+  EXPECT_EQ(0, qzvmfi_fi_pgn_quiesce(&single, nodes, 2, nullptr));
+  EXPECT_EQ((std::vector<int32_t>{1, 1, 0}),
+            (std::vector<int32_t>{a.state, b.state, single.state}));
 }
 
 TEST_F(ExportsTest, PreselectAddsTheSplitNodesToTheSession) {

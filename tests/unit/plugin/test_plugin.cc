@@ -1,8 +1,30 @@
 #include "plugin/qzvm_plugin.h"
 
+#include <dlfcn.h>
+
+#include <functional>
+
 #include <gtest/gtest.h>
 
 #include "../plugin_env.h"
+#include "exception_kinds.h"
+
+// The framework's builder of provider lists, as this test program links it:
+// the framework's own, unless a test has it raise an exception first.
+namespace {
+std::function<void()> g_providerListRaises;
+}  // namespace
+
+extern "C" int qzfi_build_providerlist_node(qfi_provider_list** list, const char* provider,
+                                            char** names, int nnames) {
+  if (g_providerListRaises) {
+    g_providerListRaises();
+  }
+  using Builder = int (*)(qfi_provider_list**, const char*, char**, int);
+  static const auto framework =
+      reinterpret_cast<Builder>(dlsym(RTLD_NEXT, "qzfi_build_providerlist_node"));
+  return framework(list, provider, names, nnames);
+}
 
 namespace {
 
@@ -260,6 +282,18 @@ TEST_F(PluginTest, ProviderInfoAppendsThePluginHandlingQzvmObjects) {
 TEST_F(PluginTest, ProviderInfoThatCannotBeBuiltIsTraced) {
   EXPECT_EQ(3, plugin().getProviderInfo(nullptr));
   EXPECT_TRUE(wasTraced(1, "Error in getting provider info"));
+}
+
+TEST_F(PluginTest, ProviderInfoCatchesEveryExceptionKind) {
+  qzvmfi_test::forEachExceptionKind([&](const qzvmfi_test::ExceptionKind& kind) {
+    g_providerListRaises = kind.raise;
+    qfi_provider_list* list = nullptr;
+    EXPECT_EQ(6, plugin().getProviderInfo(&list));
+    g_providerListRaises = nullptr;
+    EXPECT_EQ(nullptr, list);
+    EXPECT_EQ(qzvmfi_test::reportedFor(kind, "getProviderInfo", "../plugin"),
+              qzvmfi_test::caughtMessages(pushed()));
+  });
 }
 
 // ===== the operations that only answer =====

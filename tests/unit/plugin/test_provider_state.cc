@@ -1,13 +1,19 @@
 // Provider state through the entry point: the node private data saved into
 // a blob, and restored from one in a plug-in that has never seen the node.
+#include <functional>
+
 #include <gtest/gtest.h>
 
+#include "exception_kinds.h"
 #include "exports_env.h"
 
 namespace {
 
+using qzvmfi_test::caughtMessages;
+using qzvmfi_test::exceptionKinds;
 using qzvmfi_test::Lines;
 using qzvmfi_test::OperationsTest;
+using qzvmfi_test::reportedFor;
 using qzvmfi_test::TestNode;
 
 class ProviderStateTest : public OperationsTest {
@@ -186,6 +192,50 @@ TEST_F(ProviderStateTest, ARefusedStateLeavesWhatTheNodeHeld) {
   EXPECT_EQ("MSG_ERROR_INPUT_REFUSED", pushed().at(0).id);
   EXPECT_EQ("the provider state (record fiid_volpriv, field OS disk)", pushed().at(0).args.at(1));
   EXPECT_EQ(fullState(), savedState(&node.domain));
+}
+
+// ===== the exception kinds =====
+
+// Private data whose blob cannot be read or written: each raises what the
+// test gives.
+class ThrowingData : public CQzVMData {
+ public:
+  using CQzVMData::CQzVMData;
+  inline static std::function<void()> raise;
+  int createBlob(qfi_blob*) override {
+    raise();
+    return 0;
+  }
+  int extractFromBlob(qfi_blob*) override {
+    raise();
+    return 0;
+  }
+};
+
+// A save and a restore each meet every kind: 6, the message pushed under
+// the operation's name, and the operation's failure traced.
+TEST_F(ProviderStateTest, ProcessProviderStateCatchesEveryExceptionKind) {
+  qzvmfi_ctx::PrivateDataManager::instance()->registerFactory(
+      qzfi_pdk_4_4::CFiPrivateDataFactoryPtr(
+          new qzfi_pdk_4_4::CFiPrivateDataConcreteFactory<ThrowingData>()));
+  for (const auto& kind : exceptionKinds()) {
+    SCOPED_TRACE(kind.name);
+    ThrowingData::raise = kind.raise;
+    for (qfi_op_providerstate op : {QFI_PS_RESTORE, QFI_PS_SAVE}) {
+      qzvmfi_ctx::ErrorManager::instance()->clear();
+      m_trace.clear();
+      TestNode node("/dev/qz/dsk/dg1/vol1");
+      char text[] = "fiid_v vol1";
+      qfi_blob blob{11, text, 0};
+      if (op == QFI_PS_SAVE) {
+        ASSERT_NE(nullptr, qzvmfi_ctx::PrivateDataManager::instance()->create(&node.domain, 0));
+      }
+      EXPECT_EQ(6, qzvmfi_fi_pgn_process_providerstate(&node.domain, &blob, op));
+      EXPECT_EQ(reportedFor(kind, "processProviderState", "../plugin"), caughtMessages(pushed()));
+      EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::processProviderState failed"));
+    }
+  }
+  ThrowingData::raise = nullptr;
 }
 
 }  // namespace

@@ -8,14 +8,19 @@
 
 #include <gtest/gtest.h>
 
+#include "exception_kinds.h"
 #include "exports_env.h"
 
 namespace {
 
 using qzfi_pdk_4_4::CFiExecSeam;
+using qzvmfi_test::caughtMessages;
+using qzvmfi_test::ExceptionKind;
+using qzvmfi_test::forEachExceptionKind;
 using qzvmfi_test::Lines;
 using qzvmfi_test::OperationsTest;
 using qzvmfi_test::out;
+using qzvmfi_test::reportedFor;
 using qzvmfi_test::TestDisk;
 using qzvmfi_test::TestPaths;
 using qzvmfi_test::TestTextArray;
@@ -155,6 +160,21 @@ TEST_F(ResourcesTest, IsParentPgnOfADiskWithoutNodeSaysNo) {
   EXPECT_TRUE(wasTraced(2, "isParentPgnOptimized - Unable to get dmp disk name for os disks."));
 }
 
+// A look-up that succeeds without naming a node answers "not a parent" at
+// once: nothing more is asked of the volume manager.
+TEST_F(ResourcesTest, IsParentPgnOptimizedWithAnEmptyAnswerAsksNothingMore) {
+  answer("qzdmpadm   getdmpnode  nodename=sde", 0,
+         out({"NAME  STATE  ENCLR-TYPE  PATHS  ENBL  DSBL  ENCLR-NAME",
+              "=============================================================="}));
+  char disk[] = "/dev/sde";
+  int isParent = 7;
+  EXPECT_EQ(0, qzvmfi_fi_pgn_is_parent_pgn(disk, &isParent, kPersistent));
+  EXPECT_EQ(0, isParent);
+  EXPECT_EQ(run({"qzdmpadm   getdmpnode  nodename=sde"}), commands());
+  EXPECT_TRUE(wasTraced(2, "isParentPgnOptimized - Unable to get dmp disk name for os disks."));
+  EXPECT_TRUE(wasTraced(3, "Skiping device refresh as disks are not newly inported."));
+}
+
 TEST_F(ResourcesTest, IsParentPgnOfADiskTheVolumeManagerDoesNotSeeReturns6) {
   dmpNode(m_plain[0]);
   answer("qzdisk   rm " + m_plain[0].node, 0, {});
@@ -217,8 +237,11 @@ TEST_F(ResourcesTest, UnformatDeletesEveryDiskWhenTheFirstCarriesTheVolumeManage
     expected.push_back("/usr/lib/qzvm/bin/qzdiskunsetup   -C " + disk.node);
   }
   EXPECT_EQ(expected, unset);
-  // The first disk is cleaned and asked about once.
+  // The first disk is cleaned and asked about once; it is read by that
+  // question, once more after the cleaning, and by its deletion, which
+  // needs no read of its own before.
   EXPECT_EQ(1u, runsHolding("qzdg   -C  import 17.9.A"));
+  EXPECT_EQ(3u, runsHolding("qzdisk   list " + m_plain[0].node));
   EXPECT_EQ(3u, runsHolding("qzdg   destroy " + m_dg));
   EXPECT_EQ(1u, runsHolding("qzdisk   scandisks "));
   EXPECT_TRUE(wasTraced(3, "CQzVMPlugin::unformat - successful."));
@@ -372,10 +395,19 @@ TEST_F(ResourcesTest, OnlineResourceWhoseShortcutGivesNoDeviceFails) {
 TEST_F(ResourcesTest, OnlineResourceOptimizedFailuresAreTraced) {
   std::vector<std::string> paths;
   dmpNode(m_plain[0]);
-  answer("qzdisk   list " + m_plain[0].node, 11, out({"QZVM qzdisk ERROR Q-5-1-101 gone"}));
+  const std::string listing = "qzdisk   list " + m_plain[0].node;
+  answer(listing, 11, out({"QZVM qzdisk ERROR Q-5-1-101 gone"}));
   EXPECT_EQ(6, plugin().onlineResourceOptimized({"sde"}, paths));
   EXPECT_TRUE(
       wasTraced(1, "onlineResourceOptimized - unable to find qzvm dg and volume from given disk."));
+  // The failed listing is reported by the runner; the shortcut adds nothing.
+  EXPECT_EQ(run({"qzdmpadm   getdmpnode  nodename=sde", listing}), commands());
+  const auto failed = pushed();
+  ASSERT_EQ(1u, failed.size());
+  EXPECT_EQ("MSG_ERROR_COMMAND_FAILED", failed[0].id);
+  EXPECT_EQ((Lines{"executeCommand", qz(listing)}),
+            Lines(failed[0].args.begin(), failed[0].args.begin() + 2));
+  qzvmfi_ctx::ErrorManager::instance()->clear();
 
   disksCarryTheGroup();
   answer("qzinfo   -g " + m_dg + " vol1", 0, out({"vol1  fsgen  Startable"}));
@@ -383,12 +415,26 @@ TEST_F(ResourcesTest, OnlineResourceOptimizedFailuresAreTraced) {
   EXPECT_EQ(6, plugin().onlineResourceOptimized({"sde"}, paths));
   EXPECT_TRUE(wasTraced(1, "onlineResourceOptimized - unable to start qzvm dg '" + m_dg + "'."));
   EXPECT_TRUE(paths.empty());
+  ASSERT_FALSE(pushed().empty());
+  EXPECT_EQ("MSG_ERROR_COMMAND_FAILED", pushed().back().id);
+  EXPECT_EQ(qz("qzvol   -g " + m_dg + " start vol1"), pushed().back().args[1]);
+  qzvmfi_ctx::ErrorManager::instance()->clear();
 
+  // A command-layer exception is traced and posts nothing; the others post
+  // their message under the operation's name.
   toolsThrow([] { throw CQzVMCliException("stopped"); });
   EXPECT_EQ(6, plugin().onlineResourceOptimized({"sde"}, paths));
   EXPECT_TRUE(wasTraced(1,
                         "CQzVMPlugin::onlineResourceOptimized - Exception occured in "
                         "onlineResourceOptimized."));
+  EXPECT_TRUE(pushed().empty());
+  toolsThrow([] { throw std::runtime_error("lost"); });
+  EXPECT_EQ(6, plugin().onlineResourceOptimized({"sde"}, paths));
+  const auto thrown = pushed();
+  ASSERT_EQ(1u, thrown.size());
+  EXPECT_EQ("MSG_ERROR_UNHANDLED_RUNTIME_EXCEPTION", thrown[0].id);
+  EXPECT_EQ((Lines{"std::runtime_error", "lost", "onlineResourceOptimized"}),
+            Lines(thrown[0].args.begin(), thrown[0].args.begin() + 3));
 }
 
 TEST_F(ResourcesTest, OnlineResourceDetailedFailuresAreTraced) {
@@ -588,6 +634,23 @@ TEST_F(FormatTest, FormatWithoutDisksOrOutputsReturns3) {
   EXPECT_TRUE(commands().empty());
 }
 
+// Option text that cannot be read is refused, not taken for no options:
+// no group is made under a name of the plug-in's choosing.
+TEST_F(FormatTest, FormatWithUnreadableOptionsReturns3AndNamesThem) {
+  toolsMakeGroups({});
+  TestTextArray disks({"/dev/sde"});
+  TestPaths paths;
+  char options[] = "=";
+  EXPECT_EQ(3, format(disks, nullptr, options, 0x1, paths));
+  EXPECT_TRUE(commands().empty());
+  EXPECT_TRUE(paths.texts().empty());
+  EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::format - unable to read the format options '='."));
+  EXPECT_EQ((std::vector<qzvmfi_test::Pushed>{
+                {"MSG_ERROR_INVALID_FORMAT_OPTIONS", "../plugin", {"format", "="}}}),
+            pushed());
+  EXPECT_EQ(std::vector<int>{3}, severities());
+}
+
 // Asked to do nothing, format has no volume to name.
 TEST_F(FormatTest, FormatWithoutAFlagHasNoPathToGive) {
   TestTextArray disks({"/dev/sde"});
@@ -605,6 +668,47 @@ TEST_F(FormatTest, FormatAfterAnExceptionTracesItsFailure) {
   EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::format - failed."));
   ASSERT_EQ(1u, pushed().size());
   EXPECT_EQ("format", pushed()[0].args[2]);
+}
+
+// ===== the exception kinds of each operation =====
+
+TEST_F(ResourcesTest, OnlineResourceCatchesEveryExceptionKind) {
+  TestTextArray disks({"/dev/sde"});
+  TestPaths paths;
+  forEachExceptionKind([&](const ExceptionKind& kind) {
+    toolsThrow(kind.raise);
+    EXPECT_EQ(6, qzvmfi_fi_pgn_online_resource(disks.get(), disks.count(), nullptr, nullptr,
+                                               nullptr, nullptr, 0, paths.paths(), paths.count()));
+    EXPECT_EQ(reportedFor(kind, "onlineResource", "../plugin"), caughtMessages(pushed()));
+  });
+}
+
+TEST_F(ResourcesTest, OnlineResourceOptimizedCatchesEveryExceptionKind) {
+  forEachExceptionKind([&](const ExceptionKind& kind) {
+    toolsThrow(kind.raise);
+    std::vector<std::string> paths;
+    EXPECT_EQ(6, plugin().onlineResourceOptimized({"sde"}, paths));
+    EXPECT_EQ(reportedFor(kind, "onlineResourceOptimized", "../plugin"), caughtMessages(pushed()));
+  });
+}
+
+TEST_F(ResourcesTest, UnformatCatchesEveryExceptionKind) {
+  TestTextArray disks({"/dev/sde"});
+  forEachExceptionKind([&](const ExceptionKind& kind) {
+    toolsThrow(kind.raise);
+    EXPECT_EQ(6, qzvmfi_fi_pgn_unformat(disks.get(), disks.count(), 0));
+    EXPECT_EQ(reportedFor(kind, "unformat", "../plugin"), caughtMessages(pushed()));
+  });
+}
+
+TEST_F(FormatTest, FormatCatchesEveryExceptionKind) {
+  TestTextArray disks({"/dev/sde"});
+  forEachExceptionKind([&](const ExceptionKind& kind) {
+    toolsThrow(kind.raise);
+    TestPaths paths;
+    EXPECT_EQ(6, format(disks, nullptr, nullptr, 0x1, paths));
+    EXPECT_EQ(reportedFor(kind, "format", "../plugin"), caughtMessages(pushed()));
+  });
 }
 
 }  // namespace
