@@ -208,8 +208,9 @@ changes() {
 }
 lasting_changes() { changes | { grep -vE "$bookkeeping" || true; }; }
 # What dpkg, apt and the triggers keep of every install: their state, logs
-# and caches.
-bookkeeping='^[fd] (var/lib/dpkg/|var/lib/apt/|var/log/(dpkg\.log|apt/)|var/cache/(apt|ldconfig|man|debconf)/|etc/ld\.so\.cache$)'
+# and caches; and on a machine without systemd, the empty folders of its
+# units' links and states that deb-systemd-helper makes and keeps.
+bookkeeping='^([fd] (var/lib/dpkg/|var/lib/apt/|var/log/(dpkg\.log|apt/)|var/cache/(apt|ldconfig|man|debconf)/|etc/ld\.so\.cache$)|d (etc/systemd|etc/systemd/system|var/lib/systemd)$)'
 
 if [ -z "${QZ_PACKAGES_NAMESPACE:-}" ]; then
   step "the packages unpacked with dpkg-deb -x"
@@ -290,8 +291,14 @@ in_root sh -c "mkdir /tmp/tiny-pc && cd /tmp/tiny-pc &&
 check_tiny_plugin in_root /usr /tmp/tiny-pc "$root/tmp/log"
 
 step "apt-get remove"
-# An administrator enabled the agent meanwhile.
-in_root systemctl enable qzfi-agent.service >/dev/null 2>&1
+# An administrator enabled the agent meanwhile (where systemd is not
+# installed, with the link that systemctl enable makes).
+if [ -x "$root/usr/bin/systemctl" ]; then
+  in_root systemctl enable qzfi-agent.service >/dev/null 2>&1
+else
+  mkdir -p "$root/etc/systemd/system/multi-user.target.wants"
+  ln -s /lib/systemd/system/qzfi-agent.service "$root/etc/systemd/system/multi-user.target.wants/"
+fi
 [ -L "$root/etc/systemd/system/multi-user.target.wants/qzfi-agent.service" ] ||
   fail "systemctl enable made no link for the agent's unit"
 in_root apt-get remove -y -q "${QZ_PACKAGES[@]}" >"$work/remove.log" 2>&1 ||
