@@ -27,7 +27,7 @@ CREATE TABLE IF NOT EXISTS paths(
   PRIMARY KEY(host, osname));
 CREATE TABLE IF NOT EXISTS hostdisks(
   host TEXT, disk INTEGER, discovered INTEGER DEFAULT 0, inview INTEGER DEFAULT 0,
-  late INTEGER DEFAULT 0, PRIMARY KEY(host, disk));
+  late INTEGER DEFAULT 0, name TEXT DEFAULT '', PRIMARY KEY(host, disk));
 CREATE TABLE IF NOT EXISTS imports(
   host TEXT, dgid TEXT, dgname TEXT, config TEXT DEFAULT '', disabled INTEGER DEFAULT 0,
   shared INTEGER DEFAULT 0, PRIMARY KEY(host, dgid));
@@ -42,7 +42,8 @@ CREATE TABLE IF NOT EXISTS faults(
   id INTEGER PRIMARY KEY, host TEXT, tool TEXT, pattern TEXT, kind TEXT,
   nth INTEGER, remaining INTEGER, status INTEGER, out TEXT, err TEXT, hits INTEGER DEFAULT 0);
 CREATE TABLE IF NOT EXISTS runs(
-  id INTEGER PRIMARY KEY, host TEXT, cmd TEXT, status INTEGER, usec INTEGER);
+  id INTEGER PRIMARY KEY, host TEXT, cmd TEXT, status INTEGER, usec INTEGER,
+  printed INTEGER DEFAULT 0, changed INTEGER DEFAULT 0);
 )SQL";
 
 }  // namespace

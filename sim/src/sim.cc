@@ -181,7 +181,12 @@ std::string Sim::daName(const Disk& d) {
   if (host.dmp)
     return d.node();
   auto p = paths(d.id);
-  return p.empty() ? d.node() : p[0].osname;
+  if (!p.empty())
+    return p[0].osname;
+  // A disk listed without its paths keeps the name it had.
+  std::string kept =
+      db.queryText("SELECT name FROM hostdisks WHERE host=? AND disk=?", {host.name, d.id}, "");
+  return kept.empty() ? d.node() : kept;
 }
 
 std::string Sim::dmpPath(const Disk& d) {
@@ -242,6 +247,18 @@ bool Sim::inView(int64_t disk) {
 void Sim::setView(int64_t disk, bool discovered, bool inview) {
   db.exec("UPDATE hostdisks SET discovered=?, inview=? WHERE host=? AND disk=?",
           {discovered ? 1 : 0, inview ? 1 : 0, host.name, disk});
+  if (!inview && !hasPath(disk))
+    db.exec("DELETE FROM hostdisks WHERE host=? AND disk=?", {host.name, disk});
+}
+
+bool Sim::hasPath(int64_t disk) {
+  return db.queryInt("SELECT count(*) FROM paths WHERE host=? AND disk=?", {host.name, disk}, 0) >
+         0;
+}
+
+void Sim::requirePath(int64_t disk, const std::string& name) {
+  if (!hasPath(disk))
+    fail(kNoPath, "Disk " + name + ": the disk has no path (state error)");
 }
 
 std::vector<std::pair<std::string, std::string>> Sim::imports() {
@@ -273,7 +290,8 @@ bool Sim::loadImported(const std::string& dgid, Group* g) {
   g->dmDisk.clear();
   for (const auto& r : db.query("SELECT m.dm, m.disk FROM members m JOIN hostdisks h ON "
                                 "h.host=m.host AND h.disk=m.disk AND h.inview=1 "
-                                "WHERE m.host=? AND m.dgid=?",
+                                "WHERE m.host=? AND m.dgid=? AND EXISTS (SELECT 1 FROM paths p "
+                                "WHERE p.host=m.host AND p.disk=m.disk)",
                                 {host.name, dgid}))
     g->dmDisk[r[0].s] = r[1].i;
   return true;
@@ -404,9 +422,12 @@ bool Sim::deleteOsPath(const std::string& osname) {
       db.queryInt("SELECT disk FROM paths WHERE host=? AND osname=?", {host.name, osname}, 0);
   if (!disk)
     return false;
+  std::string name = daName(loadDisk(db, disk));
   db.exec("DELETE FROM paths WHERE host=? AND osname=?", {host.name, osname});
-  if (paths(disk).empty())
-    db.exec("DELETE FROM hostdisks WHERE host=? AND disk=?", {host.name, disk});
+  if (!hasPath(disk)) {
+    db.exec("UPDATE hostdisks SET name=? WHERE host=? AND disk=?", {name, host.name, disk});
+    setView(disk, true, inView(disk));
+  }
   return true;
 }
 

