@@ -57,10 +57,11 @@ Db::Db(const std::string& path) {
     throw DbError("cannot open " + path + ": " + msg);
   }
   sqlite3_busy_timeout(db_, 30000);
-  // Every tool run is a short process: a checkpoint and fsync at each close
-  // would cost more than the run itself, and a simulation need not survive a
-  // power cut.
-  sqlite3_db_config(db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+  // Every tool run is a short process and the first connection to the
+  // database, which reads the whole write-ahead log again: the last
+  // connection to close checkpoints it and removes it, so that the next run
+  // starts from the database alone. No fsync is made: a simulation need not
+  // survive a power cut.
   exec("PRAGMA journal_mode=WAL");
   exec("PRAGMA synchronous=OFF");
   if (queryInt("SELECT count(*) FROM sqlite_master WHERE name='runs'", {}, 0) == 0) {
