@@ -64,7 +64,8 @@ struct Flags {
   }
 };
 
-const std::set<std::string> kBoolFlags = {"no-dmp", "no-vset", "no-cds", "not-installed", "total"};
+const std::set<std::string> kBoolFlags = {"no-dmp", "no-vset", "no-cds", "not-installed",
+                                          "total",  "printed", "changed"};
 
 // A simulation holds at most this many sectors per disk (1 PiB), so that
 // no offset or length sum can overflow.
@@ -137,9 +138,10 @@ std::string osName(int64_t n) {
 
 std::vector<std::string> attach(Db& db, int64_t disk, const std::string& host, int paths) {
   Sim::loadHost(db, host);
-  if (db.queryInt("SELECT count(*) FROM hostdisks WHERE host=? AND disk=?", {host, disk}, 0))
+  if (db.queryInt("SELECT count(*) FROM paths WHERE host=? AND disk=?", {host, disk}, 0))
     usage(Sim::loadDisk(db, disk).lun + " is already attached to host " + host + ".");
-  db.exec("INSERT INTO hostdisks(host, disk) VALUES(?,?)", {host, disk});
+  // A disk the host still lists without paths (state error) gets them back.
+  db.exec("INSERT OR IGNORE INTO hostdisks(host, disk) VALUES(?,?)", {host, disk});
   std::vector<std::string> names;
   for (int i = 0; i < paths; ++i) {
     std::string name = osName(db.nextSeq("os:" + host));
@@ -293,10 +295,11 @@ void diskAttach(const Flags& f, bool attachIt) {
       byHost[host] = attach(db, id, host, static_cast<int>(f.num("paths", 1, 1, 8)));
       std::cout << describe(db, id, byHost) << "\n";
     } else {
-      db.exec("DELETE FROM paths WHERE host=? AND disk=?", {host, id});
-      db.exec("DELETE FROM hostdisks WHERE host=? AND disk=?", {host, id});
-      if (db.changes() == 0)
+      Sim s(db, root, host);
+      std::vector<OsPath> paths = s.paths(id);
+      if (paths.empty())
         usage(Sim::loadDisk(db, id).lun + " is not attached to host " + host + ".");
+      for (const OsPath& p : paths) s.deleteOsPath(p.osname);
     }
     syncHost(db, root, host);
   });
@@ -507,28 +510,35 @@ void nodeCmd(const std::string& op, const Flags& f) {
   });
 }
 
-void addFault(Db& db, const Flags& f, const std::string& kind) {
-  bool busy = kind == "busy";
+// A fault of the given kind ("fault hang"), or of the --kind given (fail by
+// default); "fault busy" is a failure with the busy volume's status and text.
+void addFault(Db& db, const Flags& f, const std::string& op) {
+  bool busy = op == "busy";
+  FaultKind kind = FaultKind::kHang;
+  if (op != "hang" && !faultKindFromName(f.get("kind", "fail"), &kind))
+    usage("--kind takes " + faultKindNames() + ".");
   std::string host = f.get("host");
   if (!host.empty())
     Sim::loadHost(db, host);
   std::string tool = f.get("tool", busy ? "qzvol" : "");
   if (!tool.empty() && !findTool(tool))
     usage("there is no tool " + tool + ".");
+  std::string err = f.get("stderr");
+  if (busy && err.empty())
+    err = errorLine(tool.empty() ? "qzvol" : tool, 304, "Volume is busy");
   db.exec(
       "INSERT INTO faults(host, tool, pattern, kind, nth, remaining, status, out, err) "
       "VALUES(?,?,?,?,?,?,?,?,?)",
-      {host, tool, squeezeBlanks(f.get("match", busy ? "stop" : "")), kind,
+      {host, tool, squeezeBlanks(f.get("match", busy ? "stop" : "")), faultKindName(kind),
        static_cast<int64_t>(f.num("nth", 1, 1)),
        static_cast<int64_t>(busy ? f.num("count", 1, 1) : f.num("times", 1, 1)),
-       static_cast<int64_t>(busy ? 31 : f.num("status", 1, 0, 255)), f.get("stdout"),
-       f.get("stderr")});
+       static_cast<int64_t>(busy ? 31 : f.num("status", 1, 0, 255)), f.get("stdout"), err});
 }
 
 void faultCmd(const std::string& op, const Flags& f) {
   withDb([&](Db& db, const std::string& root) {
     if (op == "add" || op == "busy" || op == "hang") {
-      addFault(db, f, op == "add" ? "fail" : op);
+      addFault(db, f, op);
     } else if (op == "hide-scans") {
       std::string host = Sim::loadHost(db, f.need("host")).name;
       db.exec("UPDATE hosts SET hide_scans=? WHERE name=?",
@@ -575,9 +585,10 @@ void logCmd(const Flags& f) {
       Sim::loadHost(db, f.get("host"));
     std::string sql =
         "SELECT id, host, status, usec, cmd FROM runs WHERE (?='' OR host=?) AND (?='' OR cmd LIKE "
-        "?) ORDER BY id";
+        "?) AND printed>=? AND changed>=? ORDER BY id";
     std::string tool = f.get("tool");
-    auto rows = db.query(sql, {f.get("host"), f.get("host"), tool, tool + " %"});
+    auto rows = db.query(sql, {f.get("host"), f.get("host"), tool, tool + " %",
+                               f.flags.count("printed") ? 1 : 0, f.flags.count("changed") ? 1 : 0});
     if (f.flags.count("total")) {
       std::cout << rows.size() << "\n";
       return;
@@ -618,18 +629,21 @@ const char* kHelp = R"(qzsim - QzVM simulator
   qzsim node list --host H [PATH...]
   qzsim node set --host H PATH [--uid N] [--gid N] [--mode OCTAL]
   qzsim fault add [--host H] [--tool T] [--match TEXT] [--nth N] [--times K] [--status S] [--stdout T] [--stderr T]
-  qzsim fault busy [--host H] [--tool qzvol] [--match stop] --count K
+                  [--kind fail|after|partial|hang]
+  qzsim fault busy [--host H] [--tool qzvol] [--match stop] --count K [--kind fail|after|partial]
   qzsim fault hang [--host H] [--tool T] [--match TEXT] [--nth N] [--times K] [--stdout T] [--stderr T]
   qzsim fault hide-scans --host H --count K
   qzsim fault late-disk DISK --host H --scans N
   qzsim fault list|clear
-  qzsim log [--host H] [--tool T] [--total]
+  qzsim log [--host H] [--tool T] [--printed] [--changed] [--total]
   qzsim check
   qzsim run --host H TOOL [ARGS...]            run one tool as host H without the sandbox
 Called as qzdg, qzdisk, qzprint, qzvol, qzinfo, qzassist, qzvset, qzmake, qzdmpadm,
 qzdisksetup, qzdiskunsetup, qzcdsconvert, rpm or parted, it is that tool for host $QZSIM_HOST.
 A fault's TEXT is matched against the command line as "qzsim log" shows it (the tool's
 name and its arguments joined by single blanks); runs of blanks in TEXT count as one.
+A fault's kind says what the run does before it fails: fail (nothing), after (its
+change), partial (prints the first half of its output's lines), hang (waits to be killed).
 )";
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include "sim.h"
 #include "text.h"
+#include "tools.h"
 
 namespace qzsim {
 
@@ -20,9 +21,10 @@ using Problems = std::vector<std::string>;
 void checkLinks(Db& db, Problems& p) {
   for (const auto& r :
        db.query("SELECT host, disk FROM hostdisks WHERE host NOT IN (SELECT name FROM hosts) "
-                "OR disk NOT IN (SELECT id FROM disks) OR NOT EXISTS (SELECT 1 FROM paths p "
-                "WHERE p.host=hostdisks.host AND p.disk=hostdisks.disk)"))
-    p.push_back("host " + r[0].s + " sees disk " + std::to_string(r[1].i) + " without a path");
+                "OR disk NOT IN (SELECT id FROM disks) OR (inview=0 AND NOT EXISTS (SELECT 1 "
+                "FROM paths p WHERE p.host=hostdisks.host AND p.disk=hostdisks.disk))"))
+    p.push_back("host " + r[0].s + " keeps disk " + std::to_string(r[1].i) +
+                " without a path, outside its view");
   for (const auto& r :
        db.query("SELECT host, osname FROM paths WHERE NOT EXISTS (SELECT 1 FROM hostdisks h "
                 "WHERE h.host=paths.host AND h.disk=paths.disk)"))
@@ -192,6 +194,9 @@ void checkDisks(Db& db, Problems& p) {
     std::vector<std::pair<const char*, int64_t>> values = {
         {"privoffset", d.privoffset}, {"privlen", d.privlen},     {"puboffset", d.puboffset},
         {"publen", d.publen},         {"configlen", d.configlen}, {"loglen", d.loglen}};
+    const size_t before = p.size();
+    if (d.size < 0 || d.size > (int64_t{1} << 41))
+      p.push_back(where + "size " + std::to_string(d.size) + " is out of range");
     for (const auto& v : values)
       if (v.second < 0 || v.second > d.size)
         p.push_back(where + v.first + "=" + std::to_string(v.second) + " is out of range");
@@ -202,10 +207,10 @@ void checkDisks(Db& db, Problems& p) {
     for (int64_t slice : {d.privslice, d.pubslice})
       if ((slice < 0 || slice > 15) && slice != 9999)
         p.push_back(where + "slice " + std::to_string(slice) + " is out of range");
-    if (d.privoffset >= 0 && d.privlen >= 0 && d.privoffset + d.privlen > d.size)
-      p.push_back(where + "private region does not fit on the disk");
-    if (d.puboffset >= 0 && d.publen >= 0 && d.puboffset + d.publen > d.size)
-      p.push_back(where + "public region does not fit on the disk");
+    // The tests qzdisk init makes, on values in range (no sum can overflow).
+    const std::string problem = p.size() == before ? geometryProblem(d) : "";
+    if (!problem.empty())
+      p.push_back(where + problem);
   }
   for (const auto& r : db.query("SELECT name FROM hosts")) checkName("", "host", r[0].s, p);
 }

@@ -27,7 +27,7 @@ CREATE TABLE IF NOT EXISTS paths(
   PRIMARY KEY(host, osname));
 CREATE TABLE IF NOT EXISTS hostdisks(
   host TEXT, disk INTEGER, discovered INTEGER DEFAULT 0, inview INTEGER DEFAULT 0,
-  late INTEGER DEFAULT 0, PRIMARY KEY(host, disk));
+  late INTEGER DEFAULT 0, name TEXT DEFAULT '', PRIMARY KEY(host, disk));
 CREATE TABLE IF NOT EXISTS imports(
   host TEXT, dgid TEXT, dgname TEXT, config TEXT DEFAULT '', disabled INTEGER DEFAULT 0,
   shared INTEGER DEFAULT 0, PRIMARY KEY(host, dgid));
@@ -42,7 +42,8 @@ CREATE TABLE IF NOT EXISTS faults(
   id INTEGER PRIMARY KEY, host TEXT, tool TEXT, pattern TEXT, kind TEXT,
   nth INTEGER, remaining INTEGER, status INTEGER, out TEXT, err TEXT, hits INTEGER DEFAULT 0);
 CREATE TABLE IF NOT EXISTS runs(
-  id INTEGER PRIMARY KEY, host TEXT, cmd TEXT, status INTEGER, usec INTEGER);
+  id INTEGER PRIMARY KEY, host TEXT, cmd TEXT, status INTEGER, usec INTEGER,
+  printed INTEGER DEFAULT 0, changed INTEGER DEFAULT 0);
 )SQL";
 
 }  // namespace
@@ -56,10 +57,11 @@ Db::Db(const std::string& path) {
     throw DbError("cannot open " + path + ": " + msg);
   }
   sqlite3_busy_timeout(db_, 30000);
-  // Every tool run is a short process: a checkpoint and fsync at each close
-  // would cost more than the run itself, and a simulation need not survive a
-  // power cut.
-  sqlite3_db_config(db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+  // Every tool run is a short process and the first connection to the
+  // database, which reads the whole write-ahead log again: the last
+  // connection to close checkpoints it and removes it, so that the next run
+  // starts from the database alone. No fsync is made: a simulation need not
+  // survive a power cut.
   exec("PRAGMA journal_mode=WAL");
   exec("PRAGMA synchronous=OFF");
   if (queryInt("SELECT count(*) FROM sqlite_master WHERE name='runs'", {}, 0) == 0) {

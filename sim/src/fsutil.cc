@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 namespace qzsim {
@@ -63,6 +64,92 @@ void removeTree(const std::string& path) {
   } else {
     unlink(path.c_str());
   }
+}
+
+Fd& Fd::operator=(Fd&& other) noexcept {
+  if (this != &other) {
+    if (fd_ >= 0)
+      close(fd_);
+    fd_ = other.release();
+  }
+  return *this;
+}
+
+Fd::~Fd() {
+  if (fd_ >= 0)
+    close(fd_);
+}
+
+int Fd::release() {
+  int fd = fd_;
+  fd_ = -1;
+  return fd;
+}
+
+namespace {
+
+Fd openPlainFolder(int at, const std::string& name) {
+  return Fd(openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+Fd openFolderPart(int at, const std::string& name, bool create) {
+  Fd fd = openPlainFolder(at, name);
+  if (fd.ok() || !create)
+    return fd;
+  if (errno != ENOENT)
+    removeAt(at, name);  // a link or a file where the folder belongs
+  if (mkdirat(at, name.c_str(), 0755) != 0 && errno != EEXIST)
+    return Fd();
+  return openPlainFolder(at, name);
+}
+
+}  // namespace
+
+Fd openFolderAt(int at, const std::string& rel, bool create) {
+  Fd folder(fcntl(at, F_DUPFD_CLOEXEC, 0));
+  size_t start = 0;
+  while (folder.ok() && start < rel.size()) {
+    size_t end = rel.find('/', start);
+    if (end == std::string::npos)
+      end = rel.size();
+    const std::string part = rel.substr(start, end - start);
+    start = end + 1;
+    if (part.empty() || part == ".")
+      continue;
+    if (part == "..")
+      return Fd();
+    folder = openFolderPart(folder.get(), part, create);
+  }
+  return folder;
+}
+
+std::vector<Entry> listFolder(int folder) {
+  std::vector<Entry> entries;
+  DIR* d = fdopendir(fcntl(folder, F_DUPFD_CLOEXEC, 0));
+  if (!d)
+    return entries;
+  while (dirent* e = readdir(d)) {
+    if (!strcmp(e->d_name, ".") || !strcmp(e->d_name, ".."))
+      continue;
+    bool plain = e->d_type == DT_REG;
+    if (e->d_type == DT_UNKNOWN) {
+      struct stat st;
+      plain = fstatat(folder, e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode);
+    }
+    entries.push_back({e->d_name, plain});
+  }
+  closedir(d);
+  return entries;
+}
+
+void removeAt(int folder, const std::string& name) {
+  if (unlinkat(folder, name.c_str(), 0) == 0 || (errno != EISDIR && errno != EPERM))
+    return;
+  Fd sub = openPlainFolder(folder, name);
+  if (sub.ok()) {
+    for (const Entry& e : listFolder(sub.get())) removeAt(sub.get(), e.name);
+  }
+  unlinkat(folder, name.c_str(), AT_REMOVEDIR);
 }
 
 bool copySparse(const std::string& from, const std::string& to) {

@@ -15,11 +15,29 @@ bool isQzvmTool(const std::string& tool) {
   return tool != "rpm" && tool != "parted";
 }
 
-// A fault that fires replaces the run: no state changes, only its output.
+struct KindName {
+  FaultKind kind;
+  const char* name;
+};
+
+const KindName kFaultKinds[] = {
+    {FaultKind::kFail, "fail"},
+    {FaultKind::kAfter, "after"},
+    {FaultKind::kPartial, "partial"},
+    {FaultKind::kHang, "hang"},
+};
+
+// The fault that fires on a run: how, and what it prints.
+struct Fault {
+  FaultKind kind = FaultKind::kFail;
+  int status = 1;
+  std::string out, err;
+};
+
 // Every fault counts the runs its pattern matches, whether or not it fires;
 // when several are due in one run the oldest fires and the others stay due.
-bool fireFault(Db& db, const std::string& host, const std::string& tool, const std::string& cmdline,
-               RunResult* r) {
+bool dueFault(Db& db, const std::string& host, const std::string& tool, const std::string& cmdline,
+              Fault* fault) {
   auto rows = db.query(
       "SELECT id, pattern, kind, nth, remaining, status, out, err, hits FROM faults "
       "WHERE (host='' OR host=?) AND (tool='' OR tool=?) ORDER BY id",
@@ -38,29 +56,42 @@ bool fireFault(Db& db, const std::string& host, const std::string& tool, const s
     return false;
   const Row& f = *due;
   db.exec("UPDATE faults SET remaining=remaining-1 WHERE id=?", {f[0].i});
-  r->status = static_cast<int>(f[5].i);
-  r->out = f[6].s;
-  r->err = f[7].s;
-  r->hang = f[2].s == "hang";
-  if (f[2].s == "busy" && r->err.empty())
-    r->err = errorLine(tool, 304, "Volume is busy");
+  faultKindFromName(f[2].s, &fault->kind);
+  fault->status = static_cast<int>(f[5].i);
+  fault->out = f[6].s;
+  fault->err = f[7].s;
   return true;
 }
 
-void logRun(Db& db, const std::string& host, const std::string& cmdline, int status,
+// The first half of the text's lines, rounded up: what a run that dies in
+// the middle of its output has printed.
+std::string firstHalfOfLines(const std::string& text) {
+  size_t lines = 0;
+  for (char c : text) lines += c == '\n' ? 1 : 0;
+  if (!text.empty() && text.back() != '\n')
+    ++lines;
+  size_t keep = (lines + 1) / 2, end = 0;
+  for (size_t n = 0; n < keep; ++n) {
+    size_t newline = text.find('\n', end);
+    end = newline == std::string::npos ? text.size() : newline + 1;
+  }
+  return text.substr(0, end);
+}
+
+void logRun(Db& db, const std::string& host, const std::string& cmdline, const RunResult& r,
             std::chrono::steady_clock::time_point start) {
   auto usec = std::chrono::duration_cast<std::chrono::microseconds>(
                   std::chrono::steady_clock::now() - start)
                   .count();
-  db.exec("INSERT INTO runs(host, cmd, status, usec) VALUES(?,?,?,?)",
-          {host, cmdline, status, static_cast<int64_t>(usec)});
+  db.exec("INSERT INTO runs(host, cmd, status, usec, printed, changed) VALUES(?,?,?,?,?,?)",
+          {host, cmdline, r.hang ? kHungStatus : r.status, static_cast<int64_t>(usec),
+           r.printed ? 1 : 0, r.changed ? 1 : 0});
 }
 
-RunResult runInTransaction(Db& db, Sim& s, const std::string& tool,
-                           const std::vector<std::string>& args, const std::string& cmdline) {
+// The tool itself; its change is kept only when keep is set and it succeeds.
+RunResult runModel(Db& db, Sim& s, const std::string& tool, const std::vector<std::string>& args,
+                   bool keep) {
   RunResult r;
-  if (fireFault(db, s.host.name, tool, cmdline, &r))
-    return r;
   int64_t before = db.totalChanges();
   db.exec("SAVEPOINT tool");
   try {
@@ -68,6 +99,10 @@ RunResult runInTransaction(Db& db, Sim& s, const std::string& tool,
       fail(kNotInstalled, "QzVM is not installed on this host");
     findTool(tool)(s, args);
     r.out = s.out;
+    r.printed = !r.out.empty();
+    r.changed = db.totalChanges() != before;
+    if (!keep)
+      db.exec("ROLLBACK TO tool");
   } catch (const ToolError& e) {
     db.exec("ROLLBACK TO tool");
     r.status = e.status;
@@ -79,7 +114,55 @@ RunResult runInTransaction(Db& db, Sim& s, const std::string& tool,
   return r;
 }
 
+// A run that a fault ends: what its kind let the run print, then the
+// fault's own output and status.
+RunResult faultResult(const Fault& fault, const std::string& printed, const RunResult& own = {}) {
+  return {fault.status, printed + fault.out, fault.err, fault.kind == FaultKind::kHang,
+          own.changed,  own.printed};
+}
+
+RunResult runInTransaction(Db& db, Sim& s, const std::string& tool,
+                           const std::vector<std::string>& args, const std::string& cmdline) {
+  Fault fault;
+  if (!dueFault(db, s.host.name, tool, cmdline, &fault))
+    return runModel(db, s, tool, args, true);
+  switch (fault.kind) {
+    case FaultKind::kAfter:
+      return faultResult(fault, "", runModel(db, s, tool, args, true));
+    case FaultKind::kPartial: {
+      const RunResult own = runModel(db, s, tool, args, false);
+      return faultResult(fault, firstHalfOfLines(own.out), own);
+    }
+    case FaultKind::kFail:
+    case FaultKind::kHang:
+      break;
+  }
+  return faultResult(fault, "");
+}
+
 }  // namespace
+
+bool faultKindFromName(const std::string& name, FaultKind* kind) {
+  for (const KindName& k : kFaultKinds)
+    if (name == k.name) {
+      *kind = k.kind;
+      return true;
+    }
+  return false;
+}
+
+const char* faultKindName(FaultKind kind) {
+  for (const KindName& k : kFaultKinds)
+    if (kind == k.kind)
+      return k.name;
+  return "fail";
+}
+
+std::string faultKindNames() {
+  std::vector<std::string> names;
+  for (const KindName& k : kFaultKinds) names.push_back(k.name);
+  return join(names, "|");
+}
 
 std::string errorLine(const std::string& tool, int code, const std::string& text) {
   return "QZVM " + tool + " ERROR Q-5-1-" + std::to_string(code) + " " + text + "\n";
@@ -105,7 +188,7 @@ RunResult runTool(const std::string& root, const std::string& host, const std::s
     } catch (const ToolError& e) {
       r = {e.status, "", errorLine(tool, e.code, e.text)};
     }
-    logRun(db, host, cmdline, r.hang ? kHungStatus : r.status, start);
+    logRun(db, host, cmdline, r, start);
     db.commit();
   } catch (const DbError& e) {
     return {99, "", errorLine(tool, 99, std::string("simulation database: ") + e.what())};

@@ -181,7 +181,12 @@ std::string Sim::daName(const Disk& d) {
   if (host.dmp)
     return d.node();
   auto p = paths(d.id);
-  return p.empty() ? d.node() : p[0].osname;
+  if (!p.empty())
+    return p[0].osname;
+  // A disk listed without its paths keeps the name it had.
+  std::string kept =
+      db.queryText("SELECT name FROM hostdisks WHERE host=? AND disk=?", {host.name, d.id}, "");
+  return kept.empty() ? d.node() : kept;
 }
 
 std::string Sim::dmpPath(const Disk& d) {
@@ -242,6 +247,18 @@ bool Sim::inView(int64_t disk) {
 void Sim::setView(int64_t disk, bool discovered, bool inview) {
   db.exec("UPDATE hostdisks SET discovered=?, inview=? WHERE host=? AND disk=?",
           {discovered ? 1 : 0, inview ? 1 : 0, host.name, disk});
+  if (!inview && !hasPath(disk))
+    db.exec("DELETE FROM hostdisks WHERE host=? AND disk=?", {host.name, disk});
+}
+
+bool Sim::hasPath(int64_t disk) {
+  return db.queryInt("SELECT count(*) FROM paths WHERE host=? AND disk=?", {host.name, disk}, 0) >
+         0;
+}
+
+void Sim::requirePath(int64_t disk, const std::string& name) {
+  if (!hasPath(disk))
+    fail(kNoPath, "Disk " + name + ": the disk has no path (state error)");
 }
 
 std::vector<std::pair<std::string, std::string>> Sim::imports() {
@@ -273,7 +290,8 @@ bool Sim::loadImported(const std::string& dgid, Group* g) {
   g->dmDisk.clear();
   for (const auto& r : db.query("SELECT m.dm, m.disk FROM members m JOIN hostdisks h ON "
                                 "h.host=m.host AND h.disk=m.disk AND h.inview=1 "
-                                "WHERE m.host=? AND m.dgid=?",
+                                "WHERE m.host=? AND m.dgid=? AND EXISTS (SELECT 1 FROM paths p "
+                                "WHERE p.host=m.host AND p.disk=m.disk)",
                                 {host.name, dgid}))
     g->dmDisk[r[0].s] = r[1].i;
   return true;
@@ -404,9 +422,12 @@ bool Sim::deleteOsPath(const std::string& osname) {
       db.queryInt("SELECT disk FROM paths WHERE host=? AND osname=?", {host.name, osname}, 0);
   if (!disk)
     return false;
+  std::string name = daName(loadDisk(db, disk));
   db.exec("DELETE FROM paths WHERE host=? AND osname=?", {host.name, osname});
-  if (paths(disk).empty())
-    db.exec("DELETE FROM hostdisks WHERE host=? AND disk=?", {host.name, disk});
+  if (!hasPath(disk)) {
+    db.exec("UPDATE hostdisks SET name=? WHERE host=? AND disk=?", {name, host.name, disk});
+    setView(disk, true, inView(disk));
+  }
   return true;
 }
 
@@ -424,6 +445,110 @@ struct NodeRow {
   std::string path;
   int64_t uid, gid, mode;
 };
+
+std::string folderPart(const std::string& path) {
+  return path.substr(0, path.rfind('/'));
+}
+std::string namePart(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+// The host's device-node folders, each opened once and without following
+// links: a sandbox can write there, and whatever it planted is only a name.
+class NodeFolders {
+ public:
+  // wanted: the node files each folder should hold.
+  NodeFolders(int host, const std::map<std::string, std::set<std::string>>& wanted)
+      : host_(host), wanted_(wanted) {
+    for (const char* flat : {"dev_qz/dmp", "dev_qz/rdmp", "dev_os"}) wanted_[flat];
+    for (const char* groups : kGroupFolders) open(groups, true);
+    for (const auto& folder : wanted_) open(folder.first, true);
+  }
+
+  // The folder rel below the host folder; -1 when it is not there (or
+  // cannot be made). Made when asked, in place of a link or a file.
+  int open(const std::string& rel, bool create) {
+    auto it = folders_.find(rel);
+    if (it == folders_.end() || (create && !it->second.ok()))
+      it = folders_.insert_or_assign(rel, openFolderAt(host_, rel, create)).first;
+    return it->second.get();
+  }
+
+  // Removes the groups' folders and the files no longer wanted, and what is
+  // not a plain file where a node belongs; the nodes already there.
+  std::set<std::string> prune() {
+    for (const char* groups : kGroupFolders) {
+      const int fd = open(groups, true);
+      for (const Entry& e : listFolder(fd))
+        if (!wanted_.count(std::string(groups) + "/" + e.name))
+          removeAt(fd, e.name);
+    }
+    std::set<std::string> present;
+    for (const auto& folder : wanted_) {
+      const int fd = open(folder.first, true);
+      for (const Entry& e : listFolder(fd)) {
+        if (e.plainFile && folder.second.count(e.name))
+          present.insert(folder.first + "/" + e.name);
+        else
+          removeAt(fd, e.name);
+      }
+    }
+    return present;
+  }
+
+ private:
+  static constexpr const char* kGroupFolders[] = {"dev_qz/dsk", "dev_qz/rdsk"};
+  int host_;
+  std::map<std::string, std::set<std::string>> wanted_;
+  std::map<std::string, Fd> folders_;
+};
+
+// Owners and modes changed on the nodes themselves (chown, chmod) are kept,
+// so that a node made again later gets them back.
+void keepOwners(Db& db, const std::string& host, NodeFolders* folders,
+                std::map<std::string, NodeRow>* rows) {
+  for (auto& row : *rows) {
+    const int folder = folders->open(folderPart(row.second.path), false);
+    struct stat st;
+    if (folder < 0 ||
+        fstatat(folder, namePart(row.second.path).c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISREG(st.st_mode))
+      continue;
+    NodeRow now{row.second.path, st.st_uid, st.st_gid, st.st_mode & 07777};
+    if (now.uid != row.second.uid || now.gid != row.second.gid || now.mode != row.second.mode) {
+      db.exec("UPDATE nodes SET uid=?, gid=?, mode=? WHERE host=? AND key=?",
+              {now.uid, now.gid, now.mode, host, row.first});
+      row.second = now;
+    }
+  }
+}
+
+// Makes a missing node with the owner and mode it had last, or its own
+// mode. Never through a link: a name taken meanwhile leaves it unmade.
+void makeNode(Db& db, const std::string& host, NodeFolders* folders, const WantedNode& w,
+              const std::map<std::string, NodeRow>& rows) {
+  const int folder = folders->open(folderPart(w.path), true);
+  int fd = openat(folder, namePart(w.path).c_str(),
+                  O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, w.mode);
+  if (fd < 0)
+    return;
+  auto it = rows.find(w.key);
+  struct stat st;
+  fstat(fd, &st);
+  if (it != rows.end()) {
+    // An id that a user namespace cannot map keeps the creator's.
+    if (it->second.uid != st.st_uid || it->second.gid != st.st_gid)
+      (void)!fchown(fd, static_cast<uid_t>(it->second.uid), static_cast<gid_t>(it->second.gid));
+    fchmod(fd, static_cast<mode_t>(it->second.mode));
+  } else {
+    fchmod(fd, w.mode);
+  }
+  fstat(fd, &st);
+  close(fd);
+  db.exec("INSERT OR REPLACE INTO nodes(host, key, path, uid, gid, mode) VALUES(?,?,?,?,?,?)",
+          {host, w.key, w.path, static_cast<int64_t>(st.st_uid), static_cast<int64_t>(st.st_gid),
+           static_cast<int64_t>(st.st_mode & 07777)});
+}
 
 bool validNames(std::initializer_list<std::string> names) {
   for (const auto& n : names)
@@ -519,73 +644,22 @@ void Sim::syncHostFiles() {
     }
   }
 
-  std::string dir = hostDir(root, host.name);
   std::map<std::string, NodeRow> rows;
   for (const auto& r :
        db.query("SELECT key, path, uid, gid, mode FROM nodes WHERE host=?", {host.name}))
     rows[r[0].s] = {r[1].s, r[2].i, r[3].i, r[4].i};
-  // Owners and modes changed on the nodes themselves (chown, chmod) are
-  // kept, so that a node made again later gets them back.
-  for (auto& row : rows) {
-    struct stat st;
-    if (lstat((dir + "/" + row.second.path).c_str(), &st) != 0 || !S_ISREG(st.st_mode))
-      continue;
-    NodeRow now{row.second.path, st.st_uid, st.st_gid, st.st_mode & 07777};
-    if (now.uid != row.second.uid || now.gid != row.second.gid || now.mode != row.second.mode) {
-      db.exec("UPDATE nodes SET uid=?, gid=?, mode=? WHERE host=? AND key=?",
-              {now.uid, now.gid, now.mode, host.name, row.first});
-      row.second = now;
-    }
-  }
-
-  std::set<std::string> wantedPaths, wantedDirs;
+  std::map<std::string, std::set<std::string>> wantedFiles;  // folder -> names
+  for (const auto& w : wanted) wantedFiles[folderPart(w.path)].insert(namePart(w.path));
+  const std::string dir = hostDir(root, host.name);
+  Fd hostFolder(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!hostFolder.ok())
+    return;
+  NodeFolders folders(hostFolder.get(), wantedFiles);
+  keepOwners(db, host.name, &folders, &rows);
+  std::set<std::string> present = folders.prune();
   for (const auto& w : wanted) {
-    wantedPaths.insert(w.path);
-    wantedDirs.insert(w.path.substr(0, w.path.rfind('/')));
-  }
-  auto prune = [&](const std::string& rel) {
-    for (const std::string& n : listDir(dir + "/" + rel))
-      if (!wantedPaths.count(rel + "/" + n))
-        removeTree(dir + "/" + rel + "/" + n);
-  };
-  for (const char* kind : {"dsk", "rdsk"}) {
-    std::string base = std::string("dev_qz/") + kind;
-    makeDirs(dir + "/" + base);
-    for (const std::string& dg : listDir(dir + "/" + base)) {
-      if (!wantedDirs.count(base + "/" + dg))
-        removeTree(dir + "/" + base + "/" + dg);
-      else
-        prune(base + "/" + dg);
-    }
-  }
-  for (const char* rel : {"dev_qz/dmp", "dev_qz/rdmp", "dev_os"}) {
-    makeDirs(dir + "/" + rel);
-    prune(rel);
-  }
-  for (const auto& w : wanted) {
-    std::string path = dir + "/" + w.path;
-    if (access(path.c_str(), F_OK) == 0)
-      continue;
-    makeDirs(path.substr(0, path.rfind('/')));
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, w.mode);
-    if (fd < 0)
-      continue;
-    auto it = rows.find(w.key);
-    struct stat st;
-    fstat(fd, &st);
-    if (it != rows.end()) {
-      // An id that a user namespace cannot map keeps the creator's.
-      if (it->second.uid != st.st_uid || it->second.gid != st.st_gid)
-        (void)!fchown(fd, static_cast<uid_t>(it->second.uid), static_cast<gid_t>(it->second.gid));
-      fchmod(fd, static_cast<mode_t>(it->second.mode));
-    } else {
-      fchmod(fd, w.mode);
-    }
-    fstat(fd, &st);
-    close(fd);
-    db.exec("INSERT OR REPLACE INTO nodes(host, key, path, uid, gid, mode) VALUES(?,?,?,?,?,?)",
-            {host.name, w.key, w.path, static_cast<int64_t>(st.st_uid),
-             static_cast<int64_t>(st.st_gid), static_cast<int64_t>(st.st_mode & 07777)});
+    if (!present.count(w.path))
+      makeNode(db, host.name, &folders, w, rows);
   }
   syncSandboxDisks(osnames);
 }

@@ -111,7 +111,12 @@ class Sim {
   int64_t findDisk(const std::string& name, bool requireView);
   int64_t requireViewDisk(const std::string& name);
   bool inView(int64_t disk);
+  // A disk that lost every path stays in the view, listed in state error,
+  // until it is taken out of it (qzdisk rm); then the host forgets it.
   void setView(int64_t disk, bool discovered, bool inview);
+  bool hasPath(int64_t disk);
+  // Refuses a disk without a path: nothing can be read from it or written to it.
+  void requirePath(int64_t disk, const std::string& name);
 
   // Disk groups imported on this host. The host keeps the configuration it
   // imported (and changed since) and which disk holds each disk medium; a

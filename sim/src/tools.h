@@ -28,6 +28,10 @@ Opts parseOpts(const Args& args, const std::string& withValue);
 ToolFn findTool(const std::string& name);
 std::vector<std::string> toolNames();
 
+// Why a private region's geometry cannot be, or "": regions that overlap or
+// do not fit on the disk, copies and logs that do not fit in the private
+// region. Every value must be within 0 and the disk's size (copies 0 to 32).
+std::string geometryProblem(const Disk& d);
 // Shared by qzdisk init and qzdisksetup: writes a new private region.
 void initDisk(Sim& s, int64_t disk, const std::map<std::string, std::string>& attrs, bool force);
 
@@ -45,6 +49,11 @@ void toolQzdiskunsetup(Sim& s, const Args& a);
 void toolQzcdsconvert(Sim& s, const Args& a);
 void toolRpm(Sim& s, const Args& a);
 void toolParted(Sim& s, const Args& a);
+
+// Whether a volume or volume set is in use on this host: held (qzsim volume
+// hold), or one of its device nodes open in a process, as a real kernel
+// counts the opens of a volume.
+bool inUse(Sim& s, const Sim::Group& g, const std::string& obj);
 
 // Volume helpers shared by qzvol, qzvset and qzassist.
 void startVolume(Sim& s, Sim::Group& g, const std::string& vol, const std::string& useType);

@@ -1,7 +1,52 @@
+#include <sys/stat.h>
+
+#include <set>
+#include <utility>
+
+#include "fsutil.h"
 #include "text.h"
 #include "tools.h"
 
 namespace qzsim {
+
+namespace {
+
+using FileId = std::pair<dev_t, ino_t>;
+
+// The host's device nodes of a volume or volume set, as files.
+std::set<FileId> nodeFiles(Sim& s, const std::string& dg, const std::string& obj) {
+  std::set<FileId> files;
+  for (const char* kind : {"/dsk/", "/rdsk/"}) {
+    struct stat st;
+    if (stat((devQzDir(s.root, s.host.name) + kind + dg + "/" + obj).c_str(), &st) == 0)
+      files.insert({st.st_dev, st.st_ino});
+  }
+  return files;
+}
+
+// Whether any process has one of the files open. A process whose folder
+// cannot be read (another user's, or one that just ended) is passed over.
+bool openAnywhere(const std::set<FileId>& files) {
+  if (files.empty())
+    return false;
+  for (const std::string& pid : listDir("/proc")) {
+    if (pid.find_first_not_of("0123456789") != std::string::npos)
+      continue;
+    const std::string fdDir = "/proc/" + pid + "/fd/";
+    for (const std::string& fd : listDir(fdDir)) {
+      struct stat st;
+      if (stat((fdDir + fd).c_str(), &st) == 0 && files.count({st.st_dev, st.st_ino}))
+        return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+bool inUse(Sim& s, const Sim::Group& g, const std::string& obj) {
+  return s.isHeld(g.dgid, obj) || openAnywhere(nodeFiles(s, g.cfg.dg.name, obj));
+}
 
 std::string Opts::get(char c) const {
   auto it = opt.find(c);

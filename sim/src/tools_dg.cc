@@ -60,6 +60,7 @@ void addDiskToGroup(Sim& s, Sim::Group& g, const std::string& word) {
   std::string dm, da;
   parseDiskArg(word, &dm, &da);
   int64_t id = s.requireViewDisk(da);
+  s.requirePath(id, da);
   Disk d = Sim::loadDisk(s.db, id);
   if (!d.initialized() || d.ptype == "nopriv")
     fail(kDiskNotInit, "Disk " + da + " is not initialized with a private region");
@@ -134,7 +135,7 @@ std::string findGroupId(Sim& s, const std::string& target) {
     requireName("Disk group", target);
   std::set<std::string> byName;
   for (const Disk& d : s.viewDisks()) {
-    if (d.dgid.empty())
+    if (d.dgid.empty() || !s.hasPath(d.id))
       continue;
     if (d.dgid == target)
       return d.dgid;
@@ -150,11 +151,12 @@ std::string findGroupId(Sim& s, const std::string& target) {
   return *byName.begin();
 }
 
-// Visible disks that carry the group and belong to no group imported here.
+// Visible disks with a path that carry the group and belong to no group
+// imported here.
 std::vector<Disk> freeCarriers(Sim& s, const std::string& dgid) {
   std::vector<Disk> out;
   for (const Disk& d : s.viewDisks())
-    if (d.dgid == dgid && s.groupOfDisk(d.id).empty())
+    if (d.dgid == dgid && s.hasPath(d.id) && s.groupOfDisk(d.id).empty())
       out.push_back(d);
   return out;
 }
@@ -254,10 +256,13 @@ void importGroup(Sim& s, const ImportArgs& ia) {
 }
 
 void checkNotBusy(Sim& s, const Sim::Group& g, const std::string& op) {
-  for (const auto& v : g.cfg.vols)
-    if (s.isHeld(g.dgid, v.name))
-      fail(kDiskInUse,
-           "Disk group " + g.cfg.dg.name + ": " + op + " failed: Volume " + v.name + " is open");
+  std::vector<std::pair<std::string, std::string>> objs;  // (kind, name)
+  for (const auto& v : g.cfg.vols) objs.emplace_back("Volume", v.name);
+  for (const auto& v : g.cfg.vsets) objs.emplace_back("Volume set", v.name);
+  for (const auto& obj : objs)
+    if (inUse(s, g, obj.second))
+      fail(kDiskInUse, "Disk group " + g.cfg.dg.name + ": " + op + " failed: " + obj.first + " " +
+                           obj.second + " is open");
 }
 
 void forgetImport(Sim& s, const Sim::Group& g) {

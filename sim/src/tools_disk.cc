@@ -40,19 +40,6 @@ std::string formatFor(const std::string& type, const std::map<std::string, std::
   return f;
 }
 
-void checkGeometry(const Disk& d) {
-  bool overlap = d.privlen > 0 && d.privoffset < d.puboffset + d.publen &&
-                 d.puboffset < d.privoffset + d.privlen;
-  if (overlap)
-    fail(kBadGeometry, "private and public regions overlap");
-  if (d.publen <= 0 || d.puboffset + d.publen > d.size)
-    fail(kBadGeometry, "public region does not fit on the disk");
-  if (d.privoffset + d.privlen > d.size)
-    fail(kBadGeometry, "private region does not fit on the disk");
-  if (d.privlen > 0 && d.configlen * d.nconfig + d.loglen * d.nlog > d.privlen)
-    fail(kBadGeometry, "configuration copies and logs do not fit in the private region");
-}
-
 // Geometry defaults of a fresh private region, overridden by the attributes.
 void applyGeometry(Disk& d, const std::map<std::string, std::string>& attrs) {
   auto typeIt = attrs.find("type");
@@ -76,7 +63,9 @@ void applyGeometry(Disk& d, const std::map<std::string, std::string>& attrs) {
   bool cds = d.pformat == "cdsdisk";
   d.privslice = geometryValue(attrs, "privslice", sliced ? 4 : cds ? 3 : kNoSlice, kMaxSlice);
   d.pubslice = geometryValue(attrs, "pubslice", sliced || cds ? 3 : kNoSlice, kMaxSlice);
-  checkGeometry(d);
+  std::string problem = geometryProblem(d);
+  if (!problem.empty())
+    fail(kBadGeometry, problem);
 }
 
 std::string statusText(Sim& s, const Disk& d) {
@@ -263,6 +252,7 @@ void clearImport(Sim& s, const std::string& name) {
   std::string dg = s.groupOfDisk(id);
   if (!dg.empty())
     fail(kDiskInUse, "Disk " + name + " is in use by imported disk group " + dg);
+  s.requirePath(id, name);
   Disk d = Sim::loadDisk(s.db, id);
   d.hostlock.clear();
   Sim::saveDisk(s.db, d);
@@ -291,6 +281,20 @@ void initCommand(Sim& s, const Opts& o) {
 
 }  // namespace
 
+std::string geometryProblem(const Disk& d) {
+  bool overlap = d.privlen > 0 && d.privoffset < d.puboffset + d.publen &&
+                 d.puboffset < d.privoffset + d.privlen;
+  if (overlap)
+    return "private and public regions overlap";
+  if (d.publen <= 0 || d.puboffset + d.publen > d.size)
+    return "public region does not fit on the disk";
+  if (d.privoffset + d.privlen > d.size)
+    return "private region does not fit on the disk";
+  if (d.privlen > 0 && d.configlen * d.nconfig + d.loglen * d.nlog > d.privlen)
+    return "configuration copies and logs do not fit in the private region";
+  return "";
+}
+
 void initDisk(Sim& s, int64_t id, const std::map<std::string, std::string>& attrs, bool force) {
   Disk d = Sim::loadDisk(s.db, id);
   std::string da = s.daName(d);
@@ -299,6 +303,7 @@ void initDisk(Sim& s, int64_t id, const std::map<std::string, std::string>& attr
     fail(kDiskInUse, "Disk " + da + " is in use by disk group " + dg);
   if (d.initialized() && !force)
     fail(kDiskInUse, "Disk " + da + " is already initialized; use -f to initialize it again");
+  s.requirePath(id, da);
   applyGeometry(d, attrs);
   d.diskid = d.ptype == "nopriv" ? "" : s.newId();
   d.udid = d.ptype == "nopriv" ? "" : d.ownUdid();
@@ -353,6 +358,7 @@ void toolQzdiskunsetup(Sim& s, const Args& a) {
   std::string dg = s.groupOfDisk(id);
   if (!dg.empty())
     fail(kDiskInUse, "Disk " + o.words[0] + " is in use by disk group " + dg);
+  s.requirePath(id, o.words[0]);
   Disk d = Sim::loadDisk(s.db, id);
   if (!d.hostlock.empty() && d.hostlock != s.host.name && !o.has('C'))
     fail(kImportLocked, "Disk " + o.words[0] + " is locked by host " + d.hostlock + "; use -C");

@@ -63,7 +63,7 @@ void startVolume(Sim& s, Sim::Group& g, const std::string& vol, const std::strin
 
 void stopVolume(Sim& s, Sim::Group& g, const std::string& vol) {
   requireVol(g, vol);
-  if (s.isHeld(g.dgid, vol))
+  if (inUse(s, g, vol))
     fail(kVolBusy, "Volume " + vol + " in disk group " + g.cfg.dg.name + " is busy");
   s.setStarted(g.dgid, vol, false);
 }
@@ -285,6 +285,8 @@ void vsetStart(Sim& s, Sim::Group& g, const VsetRec& vs) {
 }
 
 void vsetStop(Sim& s, Sim::Group& g, const VsetRec& vs) {
+  if (inUse(s, g, vs.name))
+    fail(kVolBusy, "Volume set " + vs.name + " in disk group " + g.cfg.dg.name + " is busy");
   for (const auto& v : vs.vols) stopVolume(s, g, v);
   s.setStarted(g.dgid, vs.name, false);
 }
@@ -364,6 +366,26 @@ void checkNew(const GroupConfig& cfg, std::set<std::string>& seen, const DumpRec
     fail(kObjectExists, "Record " + r.name + " already exists in disk group " + cfg.dg.name);
 }
 
+// The attributes "qzprint -m" prints for each kind of record that qzmake
+// makes; a real qzmake refuses any other.
+const std::map<std::string, std::set<std::string>> kRecordAttrs = {
+    {"vol", {"use_type", "len", "kstate", "guid"}},
+    {"plex", {"vol", "layout", "len", "guid"}},
+    {"sd", {"plex", "dm_name", "da_name", "path", "dm_offset", "pl_offset", "len", "guid"}},
+    {"dco", {"parent_vol", "log_vol", "guid"}},
+    {"vset", {"vols", "guid"}},
+};
+
+void checkAttributes(const DumpRecord& r) {
+  const std::string where = std::string(kindName(r.kind)) + " " + r.name + ": ";
+  const std::set<std::string>& known = kRecordAttrs.at(r.kind);
+  for (const auto& kv : r.attrs)
+    if (!known.count(kv.first))
+      fail(kBadRecord, where + "unknown attribute " + kv.first + "=" + kv.second + ".");
+  if (r.kind == "plex" && !r.get("layout").empty() && r.get("layout") != "CONCAT")
+    fail(kBadRecord, where + "layout=" + r.get("layout") + " is not a layout this host makes.");
+}
+
 // A numeric attribute; a missing one is 0 unless it is required.
 uint64_t num(const DumpRecord& r, const std::string& key, bool required = true) {
   std::string text = r.get(key);
@@ -374,6 +396,13 @@ uint64_t num(const DumpRecord& r, const std::string& key, bool required = true) 
     fail(kBadRecord, std::string(kindName(r.kind)) + " " + r.name + ": " + key + "=" + text +
                          " is not a number.");
   return v;
+}
+
+// The length of a volume or plex: it must have one.
+uint64_t length(const DumpRecord& r) {
+  if (r.get("len").empty() || num(r, "len") == 0)
+    fail(kBadRecord, std::string(kindName(r.kind)) + " " + r.name + " has no length.");
+  return num(r, "len");
 }
 
 // The disk medium a subdisk lies on, checked against every name the record
@@ -406,7 +435,7 @@ std::string sdDiskMedia(Sim& s, const Sim::Group& g, const DumpRecord& r) {
 }
 
 // Each plex must map every sector of its volume exactly once.
-void checkCoverage(const Sim::Group& g, const PlexRec& p, uint64_t plexLen) {
+void checkCoverage(const Sim::Group& g, const PlexRec& p) {
   const VolRec& v = requireVol(g, p.vol);
   auto sds = g.cfg.sdsOf(p.name);
   std::sort(sds.begin(), sds.end(),
@@ -425,8 +454,8 @@ void checkCoverage(const Sim::Group& g, const PlexRec& p, uint64_t plexLen) {
   if (pos != v.len)
     fail(kBadRecord, where + "its subdisks map " + std::to_string(pos) + " of " +
                          std::to_string(v.len) + " sectors.");
-  if (plexLen && plexLen != v.len)
-    fail(kBadRecord, where + "its length is " + std::to_string(plexLen) + ", the volume's " +
+  if (p.len != v.len)
+    fail(kBadRecord, where + "its length is " + std::to_string(p.len) + ", the volume's " +
                          std::to_string(v.len) + ".");
 }
 
@@ -434,23 +463,21 @@ void checkCoverage(const Sim::Group& g, const PlexRec& p, uint64_t plexLen) {
 void addRecords(Sim& s, Sim::Group& g, const std::vector<DumpRecord>& recs) {
   std::set<std::string> seen;
   for (const auto& r : recs)
-    if (r.kind != "dg" && r.kind != "dm")
+    if (r.kind != "dg" && r.kind != "dm") {
       checkNew(g.cfg, seen, r);
+      checkAttributes(r);
+    }
   for (const auto& r : recs)
     if (r.kind == "vol") {
       std::string use = r.get("use_type").empty() ? "fsgen" : r.get("use_type");
-      uint64_t len = num(r, "len");
-      if (len == 0)
-        fail(kBadRecord, "Volume " + r.name + " has no length.");
-      g.cfg.vols.push_back({r.name, requireName("Usage type", use), s.newGuid(), len});
+      g.cfg.vols.push_back({r.name, requireName("Usage type", use), s.newGuid(), length(r)});
     }
-  std::map<std::string, uint64_t> newPlexes;
+  std::set<std::string> newPlexes;
   for (const auto& r : recs)
     if (r.kind == "plex") {
-      uint64_t volLen = requireVol(g, r.get("vol")).len;
-      newPlexes[r.name] = num(r, "len", false);
-      g.cfg.plexes.push_back(
-          {r.name, r.get("vol"), s.newGuid(), newPlexes[r.name] ? newPlexes[r.name] : volLen});
+      requireVol(g, r.get("vol"));
+      newPlexes.insert(r.name);
+      g.cfg.plexes.push_back({r.name, r.get("vol"), s.newGuid(), length(r)});
     }
   for (const auto& r : recs)
     if (r.kind == "sd") {
@@ -472,7 +499,7 @@ void addRecords(Sim& s, Sim::Group& g, const std::vector<DumpRecord>& recs) {
     }
   for (const auto& p : g.cfg.plexes)
     if (newPlexes.count(p.name))
-      checkCoverage(g, p, newPlexes[p.name]);
+      checkCoverage(g, p);
   for (const auto& r : recs) {
     if (r.kind == "dco") {
       requireVol(g, r.get("parent_vol"));

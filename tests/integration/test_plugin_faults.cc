@@ -4,8 +4,12 @@
 // k-th of those runs failing. The call that meets the failure ends with a
 // pushed message and its documented status (or the flow gets over it), the
 // source volume keeps its data, the simulation stays consistent, and the
-// same flow run again once the fault is gone succeeds. Every test prints its
-// row of the table; a run of the whole program prints the table at the end.
+// same flow run again once the fault is gone succeeds. Every flow is swept
+// with each kind of failure: a run that does nothing ("fail"), one that
+// makes its change first ("after": only runs that change something), and
+// one that prints the first half of its output first ("partial": only runs
+// that print something). Every test prints its row of the table; a run of
+// the whole program prints the table at the end.
 #include <cstdio>
 #include <functional>
 #include <set>
@@ -67,8 +71,9 @@ Flow named(const std::string& name, const std::string& host) {
 }
 
 struct Row {
-  std::string flow;
+  std::string flow, kind;
   unsigned long runs = 0;
+  unsigned long swept = 0;
   unsigned long injected = 0;
   unsigned long clean = 0;
   unsigned long absorbed = 0;
@@ -82,11 +87,12 @@ std::vector<Row>& rows() {
 }
 
 void printTable(const std::vector<Row>& table) {
-  std::printf("%-26s %6s %16s %16s %9s %17s %10s\n", "flow", "runs", "faults injected",
-              "clean failures", "absorbed", "converged re-runs", "by design");
+  std::printf("%-26s %-8s %6s %6s %16s %16s %9s %17s %10s\n", "flow", "kind", "runs", "swept",
+              "faults injected", "clean failures", "absorbed", "converged re-runs", "by design");
   for (const Row& row : table) {
-    std::printf("%-26s %6lu %16lu %16lu %9lu %17lu %10lu\n", row.flow.c_str(), row.runs,
-                row.injected, row.clean, row.absorbed, row.converged, row.byDesign);
+    std::printf("%-26s %-8s %6lu %6lu %16lu %16lu %9lu %17lu %10lu\n", row.flow.c_str(),
+                row.kind.c_str(), row.runs, row.swept, row.injected, row.clean, row.absorbed,
+                row.converged, row.byDesign);
   }
   std::fflush(stdout);
 }
@@ -113,8 +119,11 @@ struct Outcome {
   }
 };
 
-class PluginFaultTest : public PluginHostTest {
+// The kind of failure a test injects ("qzsim fault add --kind").
+class PluginFaultTest : public PluginHostTest, public ::testing::WithParamInterface<const char*> {
  protected:
+  std::string kind() const { return GetParam(); }
+
   void arrange() override {
     admin({"host", "add", "A"});
     admin({"host", "add", "B"});
@@ -130,6 +139,42 @@ class PluginFaultTest : public PluginHostTest {
 
   unsigned long toolRuns(const std::string& host) {
     return std::stoul(admin({"log", "--host", host, "--total"}));
+  }
+
+  // The ids of the host's runs, all or only those the log flag selects.
+  std::set<unsigned long> runIds(const std::string& host, const std::string& flag) {
+    std::vector<std::string> args = {"log", "--host", host};
+    if (!flag.empty()) {
+      args.push_back(flag);
+    }
+    std::set<unsigned long> ids;
+    for (const std::string& line : qzvmfi_it::linesOf(admin(args))) {
+      const Lines fields = qzvmfi_it::words(line);
+      if (!fields.empty() && fields[0] != "ID") {
+        ids.insert(std::stoul(fields[0]));
+      }
+    }
+    return ids;
+  }
+
+  // Which of the host's last runs (numbered from 1) a failure of this kind
+  // can tell apart from a run that does nothing: those that change
+  // something for "after", those that print something for "partial".
+  std::vector<unsigned long> runsToSweep(const std::string& host, unsigned long runs) {
+    const std::string flag = kind() == "after"     ? "--changed"
+                             : kind() == "partial" ? "--printed"
+                                                   : "";
+    const std::set<unsigned long> all = runIds(host, "");
+    const std::set<unsigned long> selected = runIds(host, flag);
+    std::vector<unsigned long> last(all.begin(), all.end());
+    last.erase(last.begin(), last.end() - static_cast<long>(runs));
+    std::vector<unsigned long> sweep;
+    for (unsigned long nth = 1; nth <= runs; ++nth) {
+      if (selected.count(last[nth - 1]) != 0) {
+        sweep.push_back(nth);
+      }
+    }
+    return sweep;
   }
 
   // The command line of the host's run number index (from 1), as the
@@ -229,6 +274,7 @@ class PluginFaultTest : public PluginHostTest {
   Row sweep(const Flow& flow) {
     Row row;
     row.flow = flow.name;
+    row.kind = kind();
     // Once to settle what a first run does once only (disks seen for the
     // first time), once to count.
     flow.before();
@@ -238,14 +284,16 @@ class PluginFaultTest : public PluginHostTest {
     const unsigned long start = toolRuns(flow.host);
     const Outcome first = runSteps(flow.steps);
     row.runs = toolRuns(flow.host) - start;
+    const std::vector<unsigned long> toSweep = runsToSweep(flow.host, row.runs);
+    row.swept = toSweep.size();
     EXPECT_TRUE(first.failed == nullptr && flow.done()) << flow.name << ": " << first.text();
     flow.after();
-    for (unsigned long nth = 1; nth <= row.runs; ++nth) {
+    for (unsigned long nth : toSweep) {
       sweepAt(flow, nth, &row);
     }
     rows().push_back(row);
     printTable({row});
-    EXPECT_EQ(row.injected, row.runs) << flow.name;
+    EXPECT_EQ(row.injected, row.swept) << flow.name;
     EXPECT_EQ(row.clean, row.injected) << flow.name;
     EXPECT_EQ(row.converged + row.byDesign, row.injected) << flow.name;
     return row;
@@ -255,13 +303,13 @@ class PluginFaultTest : public PluginHostTest {
     flow.before();
     plugin().lastErrors();
     const unsigned long start = toolRuns(flow.host);
-    admin({"fault", "add", "--host", flow.host, "--nth", std::to_string(nth), "--status", "9",
-           "--stderr", "QZVM fault ERROR Q-5-1-99 injected failure"});
+    admin({"fault", "add", "--host", flow.host, "--nth", std::to_string(nth), "--kind", kind(),
+           "--status", "9", "--stderr", "QZVM fault ERROR Q-5-1-99 injected failure"});
     const Outcome outcome = runSteps(flow.steps);
     const Lines messages = plugin().lastErrors();
     admin({"fault", "clear"});
-    const std::string at = flow.name + ", failure at run " + std::to_string(nth) + " (" +
-                           loggedRun(flow.host, start + nth) + ")";
+    const std::string at = flow.name + ", " + kind() + " failure at run " + std::to_string(nth) +
+                           " (" + loggedRun(flow.host, start + nth) + ")";
     if (toolRuns(flow.host) - start < nth) {
       ADD_FAILURE() << at << ": the flow ran fewer tool runs than before";
     } else {
@@ -406,8 +454,11 @@ class PluginFaultTest : public PluginHostTest {
         qzsim::simTool(root(), "B", "qzdg deport " + fields[0]);
       }
     }
+    // A copy's disk that is still in the view stays listed in state error
+    // once detached, until it is taken out of the view.
     for (const SimDisk& copy : m_copies) {
       qzsim::simAdmin(root(), {"disk", "detach", copy.lun, "--host", "B"});
+      qzsim::simTool(root(), "B", "qzdisk rm " + copy.node);
     }
   }
 
@@ -424,7 +475,7 @@ class PluginFaultTest : public PluginHostTest {
 
 // The source host prepares the volume: claim, then the node's
 // initialisation with its disks, configuration and owner.
-TEST_F(PluginFaultTest, SourcePrepare) {
+TEST_P(PluginFaultTest, SourcePrepare) {
   Flow flow = named("source prepare", "A");
   flow.before = [this] {
     startPluginAs("A");
@@ -456,7 +507,7 @@ TEST_F(PluginFaultTest, SourcePrepare) {
 
 // The split keeps the configuration: deportTree records it, postDeport
 // rescans the disks (a failed rescan is only reported).
-TEST_F(PluginFaultTest, Deport) {
+TEST_P(PluginFaultTest, Deport) {
   Flow flow = named("deport", "A");
   flow.before = [this] { initVol1(); };
   flow.steps = {
@@ -470,7 +521,7 @@ TEST_F(PluginFaultTest, Deport) {
 }
 
 // Host B rebuilds the group on the split disks under a new name.
-TEST_F(PluginFaultTest, ImportOnAnotherHost) {
+TEST_P(PluginFaultTest, ImportOnAnotherHost) {
   recordSplit();
   Flow flow = named("import on another host", "B");
   flow.before = [this] { splitToB(); };
@@ -484,7 +535,7 @@ TEST_F(PluginFaultTest, ImportOnAnotherHost) {
 }
 
 // Host B takes the copy offline and deletes it with its disks.
-TEST_F(PluginFaultTest, Release) {
+TEST_P(PluginFaultTest, Release) {
   recordSplit();
   std::unique_ptr<qfi_splitnode> target;
   Flow flow = named("release", "B");
@@ -514,13 +565,24 @@ TEST_F(PluginFaultTest, Release) {
     return !groupImported("B", dg) && !holds(view, m_copies[0].node + " ") &&
            !holds(view, m_copies[1].node + " ");
   };
+  // The disks are found through their group: once the group is gone
+  // (destroyed by a run that failed after it, or before a removal from the
+  // view that failed), a run again does not find them, and they stay in the
+  // view (in state error once their paths are gone with the device tree).
+  flow.leftByDesign = [this] {
+    const std::string view = qzsim::simTool(root(), "B", "qzdisk list").out;
+    const bool left = holds(view, m_copies[0].node + " ") || holds(view, m_copies[1].node + " ");
+    return !groupImported("B", copyGroup()) && left
+               ? std::string("the group is gone and a disk it had stays in the view")
+               : std::string();
+  };
   flow.after = [this] { clearB(); };
   sweep(flow);
 }
 
 // The source volume taken out of use, and brought back from the disks the
 // node recorded.
-TEST_F(PluginFaultTest, AccessOff) {
+TEST_P(PluginFaultTest, AccessOff) {
   Flow flow = named("access off", "A");
   flow.before = [this] { initVol1(); };
   flow.steps = {
@@ -530,7 +592,7 @@ TEST_F(PluginFaultTest, AccessOff) {
   sweep(flow);
 }
 
-TEST_F(PluginFaultTest, AccessOn) {
+TEST_P(PluginFaultTest, AccessOn) {
   Flow flow = named("access on", "A");
   flow.before = [this] {
     initVol1();
@@ -547,7 +609,7 @@ TEST_F(PluginFaultTest, AccessOn) {
 
 // Two plain disks made a group with a volume, brought online from the
 // disks, and made plain again.
-TEST_F(PluginFaultTest, FormatOnlineUnformat) {
+TEST_P(PluginFaultTest, FormatOnlineUnformat) {
   const std::vector<SimDisk> plain = addDisks(2, "A", 1, "128m");
   ASSERT_EQ(2u, plain.size());
   TestTextArray disks({"/dev/" + plain[0].osNames[0], "/dev/" + plain[1].osNames[0]});
@@ -614,5 +676,10 @@ TEST_F(PluginFaultTest, FormatOnlineUnformat) {
   };
   sweep(flow);
 }
+
+INSTANTIATE_TEST_SUITE_P(Kinds, PluginFaultTest, ::testing::Values("fail", "after", "partial"),
+                         [](const ::testing::TestParamInfo<const char*>& info) {
+                           return std::string(info.param);
+                         });
 
 }  // namespace

@@ -78,7 +78,23 @@ TEST_F(CheckTest, GeometryOutOfRange) {
   EXPECT_TRUE(has(p, "PROBLEM lun1: privoffset=-5 is out of range")) << join(p, "\n");
   EXPECT_TRUE(has(p, "PROBLEM lun1: slice 99 is out of range")) << join(p, "\n");
   EXPECT_TRUE(has(p, "PROBLEM lun2: publen=9999999 is out of range")) << join(p, "\n");
-  EXPECT_TRUE(has(p, "PROBLEM lun2: public region does not fit on the disk")) << join(p, "\n");
+}
+
+// The tests qzdisk init makes, each on a disk of its own.
+TEST_F(CheckTest, GeometryThatQzdiskInitRefuses) {
+  addDisks(2, "A");
+  sql("UPDATE disks SET publen=publen+1 WHERE lun='lun1'");
+  sql("UPDATE disks SET puboffset=privoffset+100 WHERE lun='lun2'");
+  sql("UPDATE disks SET pformat='cdsdisk', privoffset=256, privlen=65536, puboffset=65792, "
+      "publen=1000, configlen=48144, nconfig=2, loglen=7296, nlog=1 WHERE lun='lun3'");
+  sql("UPDATE disks SET pformat='cdsdisk', size=4000000000000000000 WHERE lun='lun4'");
+  auto p = problems();
+  EXPECT_TRUE(has(p, "PROBLEM lun1: public region does not fit on the disk")) << join(p, "\n");
+  EXPECT_TRUE(has(p, "PROBLEM lun2: private and public regions overlap")) << join(p, "\n");
+  EXPECT_TRUE(
+      has(p, "PROBLEM lun3: configuration copies and logs do not fit in the private region"))
+      << join(p, "\n");
+  EXPECT_TRUE(has(p, "PROBLEM lun4: size 4000000000000000000 is out of range")) << join(p, "\n");
 }
 
 TEST_F(CheckTest, PlexThatDoesNotCoverItsVolume) {

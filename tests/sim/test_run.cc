@@ -35,6 +35,73 @@ TEST_F(FaultsTest, BusyKTimes) {
   ok("A", "qzvol -g dg1 stop vol1");
 }
 
+// "after": the run makes its change, then fails with the fault's text.
+TEST_F(FaultsTest, AfterKindFailsOnceTheChangeIsMade) {
+  adminOk({"fault", "add", "--host", "A", "--match", "stop", "--kind", "after", "--status", "9",
+           "--stdout", "half\n", "--stderr", "QZVM qzvol ERROR Q-5-1-99 lost\n"});
+  CommandResult r = tool("A", "qzvol -g dg1 stop vol1");
+  EXPECT_EQ(r.status, 9);
+  EXPECT_EQ(r.out, "half\n");
+  EXPECT_EQ(r.err, "QZVM qzvol ERROR Q-5-1-99 lost\n");
+  EXPECT_EQ(splitBlanks(ok("A", "qzinfo -g dg1 vol1"))[2], "Startable");
+  EXPECT_NE(adminOk({"fault", "list"}).find(" after "), std::string::npos);
+  // A busy volume whose stop went through all the same.
+  ok("A", "qzvol -g dg1 start vol1");
+  adminOk({"fault", "busy", "--host", "A", "--kind", "after", "--count", "1"});
+  r = tool("A", "qzvol -g dg1 stop vol1");
+  EXPECT_EQ(r.status, 31);
+  EXPECT_EQ(r.err, "QZVM qzvol ERROR Q-5-1-304 Volume is busy\n");
+  EXPECT_EQ(splitBlanks(ok("A", "qzinfo -g dg1 vol1"))[2], "Startable");
+}
+
+// "partial": the run prints the first half of its lines, changes nothing,
+// and fails.
+TEST_F(FaultsTest, PartialKindPrintsHalfTheOutputAndChangesNothing) {
+  const std::vector<std::string> full = lines(ok("A", "qzprint -g dg1 vol1"));
+  adminOk({"fault", "add", "--host", "A", "--tool", "qzprint", "--kind", "partial", "--status", "4",
+           "--stderr", "QZVM qzprint ERROR Q-5-1-99 cut\n"});
+  CommandResult r = tool("A", "qzprint -g dg1 vol1");
+  EXPECT_EQ(r.status, 4);
+  ASSERT_EQ(full.size(), 9u);  // the header, then 8 records: the first 5 lines are printed
+  EXPECT_EQ(r.out, join(std::vector<std::string>(full.begin(), full.begin() + 5), "\n") + "\n");
+  EXPECT_EQ(r.err, "QZVM qzprint ERROR Q-5-1-99 cut\n");
+  // One line is printed whole; a change is undone.
+  adminOk({"fault", "add", "--host", "A", "--kind", "partial"});
+  r = tool("A", "qzassist -g dg1 -p maxsize");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, ok("A", "qzassist -g dg1 -p maxsize"));
+  adminOk({"fault", "add", "--host", "A", "--kind", "partial"});
+  EXPECT_EQ(tool("A", "qzvol -g dg1 stop vol1").status, 1);
+  EXPECT_EQ(splitBlanks(ok("A", "qzinfo -g dg1 vol1"))[2], "Started");
+}
+
+TEST_F(FaultsTest, KindsAreNamed) {
+  CommandResult r = admin({"fault", "add", "--kind", "later"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.err, "qzsim: --kind takes fail|after|partial|hang.\n");
+  adminOk({"fault", "add", "--kind", "hang", "--match", "nothing"});
+  EXPECT_EQ(splitBlanks(lines(adminOk({"fault", "list"}))[1])[4], "hang");
+}
+
+// The log keeps which runs printed and which changed the model, so that a
+// sweep can fail just those.
+TEST_F(FaultsTest, LogSelectsRunsThatPrintedOrChanged) {
+  ok("A", "qzdg list");
+  ok("A", "qzdg flush dg1");
+  tool("A", "qzdg list nosuch");
+  auto commands = [&](const std::string& flag) {
+    std::vector<std::string> out;
+    auto rows = lines(adminOk({"log", "--host", "A", flag}));
+    for (size_t i = rows.size() - std::min<size_t>(rows.size(), 3); i < rows.size(); ++i) {
+      auto f = splitBlanks(rows[i]);
+      out.push_back(join(std::vector<std::string>(f.begin() + 4, f.end()), " "));
+    }
+    return out;
+  };
+  EXPECT_EQ(commands("--printed").back(), "qzdg list");
+  EXPECT_EQ(commands("--changed").back(), "qzdg flush dg1");
+}
+
 TEST_F(FaultsTest, NewDisksStayInvisibleForKScans) {
   adminOk({"disk", "add", "--hosts", "B", "--size", "64m"});
   adminOk({"fault", "hide-scans", "--host", "B", "--count", "2"});

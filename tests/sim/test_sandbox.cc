@@ -76,6 +76,7 @@ TEST_F(SandboxTest, WritingDeleteDetachesTheDisk) {
   ASSERT_EQ(lines(ok("A", "qzdisk list")).size(), 3u);
   CommandResult r = inHost("A", "echo 1 > /sys/block/sdc/device/delete");
   ASSERT_EQ(r.status, 0) << r.err;
+  ok("A", "qzdisk rm qzarr0_1");
   EXPECT_EQ(lines(ok("A", "qzdisk list")).size(), 2u);
   std::string text;
   EXPECT_FALSE(readFile(root + "/hosts/A/sys_block/sdc/device/delete", &text));
@@ -158,6 +159,87 @@ TEST_F(SandboxTest, LibrarySwitchesHostsInOneProcess) {
               return access("/usr/sbin/qzdg", F_OK) == 0 ? 19 : 0;
             }),
             0);
+}
+
+}  // namespace qzsim
+
+namespace qzsim {
+
+// A folder outside the simulation root that links planted in a sandbox
+// point to, with what it holds.
+class PlantedLinkTest : public SandboxTest {
+ protected:
+  void SetUp() override {
+    SandboxTest::SetUp();
+    char tmpl[] = "/tmp/qzsim-bait-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    bait = tmpl;
+    ASSERT_TRUE(writeFile(bait + "/keep", "kept\n"));
+    ok("A", "qzdisk scandisks");
+  }
+  void TearDown() override {
+    std::string text;
+    EXPECT_TRUE(readFile(bait + "/keep", &text));
+    EXPECT_EQ(text, "kept\n");
+    EXPECT_EQ(listDir(bait), std::vector<std::string>{"keep"});
+    removeTree(bait);
+    SandboxTest::TearDown();
+  }
+  // Plants links with script, then runs a tool that changes the model, so
+  // that the host's device nodes are made again.
+  void plantThenChange(const std::string& script) {
+    CommandResult r = inHost("A", script);
+    ASSERT_EQ(r.status, 0) << r.err;
+    ok("A", "qzvol -g dg1 stop vol1");
+    ok("A", "qzvol -g dg1 start vol1");
+  }
+  // What kind of entry path is in the host's sandbox: "d", "f" or "l".
+  std::string kindIn(const std::string& path) {
+    return inHost("A", "if [ -L " + path + " ]; then echo l; elif [ -d " + path +
+                           " ]; then echo d; elif [ -f " + path + " ]; then echo f; fi")
+        .out;
+  }
+  std::string bait;
+};
+
+TEST_F(PlantedLinkTest, GroupFolderLinkIsReplacedByAFolder) {
+  plantThenChange("rm -r /dev/qz/dsk/dg1 && ln -s " + bait + " /dev/qz/dsk/dg1 && ln -s " + bait +
+                  " /dev/qz/rdsk/dg9");
+  EXPECT_EQ(kindIn("/dev/qz/dsk/dg1"), "d\n");
+  EXPECT_EQ(kindIn("/dev/qz/dsk/dg1/vol1"), "f\n");
+  EXPECT_EQ(kindIn("/dev/qz/rdsk/dg9"), "");
+}
+
+TEST_F(PlantedLinkTest, NodeFileLinksAreReplacedByFiles) {
+  plantThenChange(
+      "for n in dsk/dg1/vol1 rdsk/dg1/vol1 dmp/qzarr0_0 rdmp/qzarr0_1; do "
+      "rm /dev/qz/$n && ln -s " +
+      bait + "/keep /dev/qz/$n || exit 1; done; ln -s " + bait +
+      "/keep /dev/qz/dmp/stale && rm /dev/.qzsim-os/sdb && ln -s " + bait +
+      "/keep /dev/.qzsim-os/sdb");
+  for (const char* node : {"/dev/qz/dsk/dg1/vol1", "/dev/qz/rdsk/dg1/vol1", "/dev/qz/dmp/qzarr0_0",
+                           "/dev/qz/rdmp/qzarr0_1", "/dev/.qzsim-os/sdb"})
+    EXPECT_EQ(kindIn(node), "f\n") << node;
+  EXPECT_EQ(kindIn("/dev/qz/dmp/stale"), "");
+}
+
+TEST_F(PlantedLinkTest, DmpAndRdmpFolderLinksAreReplacedByFolders) {
+  plantThenChange("rm -r /dev/qz/dmp /dev/qz/rdmp && ln -s " + bait + " /dev/qz/dmp && ln -s " +
+                  bait + " /dev/qz/rdmp");
+  EXPECT_EQ(kindIn("/dev/qz/dmp"), "d\n");
+  EXPECT_EQ(kindIn("/dev/qz/rdmp/qzarr0_0"), "f\n");
+}
+
+// The served /sys/block makes no links, and its delete files are its own.
+TEST_F(PlantedLinkTest, SysBlockRefusesLinks) {
+  CommandResult r = inHost("A", "ln -s " + bait +
+                                    "/keep /sys/block/sdb/device/other || echo refused; "
+                                    "rm /sys/block/sdb/device/delete 2>/dev/null; ln -s " +
+                                    bait +
+                                    "/keep /sys/block/sdb/device/delete || echo refused; "
+                                    "echo 1 > /sys/block/sdb/device/delete && echo deleted");
+  EXPECT_EQ(r.out, "refused\nrefused\ndeleted\n") << r.err;
+  EXPECT_EQ(inHost("A", "ls /sys/block").out, "sdc\n");
 }
 
 }  // namespace qzsim

@@ -30,12 +30,21 @@ TEST_F(SysBlockTest, DeleteTakesThePathAwayAtOnce) {
       "else echo second=failed; fi && ls /sys/block && test ! -e /dev/sdd && echo gone");
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, "sdb\nsdc\nsdd\nfirst=0\nsecond=failed\nsdb\nsdc\ngone\n");
-  // The disk keeps its other path; the delete of the last one takes the disk.
+  // The disk keeps its other path; after the delete of the last one QzVM
+  // lists it in state error until it is removed from its view.
   EXPECT_EQ(keyValue(ok("A", "qzdisk list qzarr0_1"), "numpaths:"), "1");
   r = inHost("echo 1 > /sys/block/sdc/device/delete");
   ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(trim(adminOk({"log", "--total"})), "2");  // no tool ran for the deletes
+  auto rows = lines(ok("A", "qzdisk list"));
+  ASSERT_EQ(rows.size(), 3u);
+  EXPECT_EQ(splitBlanks(rows[2]),
+            (std::vector<std::string>{"qzarr0_1", "auto:none", "-", "-", "error"}));
+  ok("A", "qzdisk rm qzarr0_1");
   EXPECT_EQ(lines(ok("A", "qzdisk list")).size(), 2u);
-  EXPECT_EQ(trim(adminOk({"log", "--total"})), "3");  // no tool ran for the deletes
+  ok("A", "qzdisk scandisks");  // nothing brings it back but its paths
+  EXPECT_EQ(lines(ok("A", "qzdisk list")).size(), 2u);
+  EXPECT_TRUE(startsWith(adminOk({"check"}), "OK ")) << adminOk({"check"});
 }
 
 TEST_F(SysBlockTest, OnlyOneIsWrittenAndNothingIsRead) {
@@ -75,6 +84,7 @@ TEST_F(SysBlockTest, LibraryProcessSeesPathsComeAndGo) {
         return access("/dev/sde", F_OK) == 0 ? 16 : 0;
       }),
       0);
+  ok("A", "qzdisk rm qzarr0_0");  // listed in state error until removed
   EXPECT_EQ(lines(ok("A", "qzdisk list")).size(), 2u);
 }
 

@@ -102,6 +102,31 @@ TEST_F(QzdgTest, DeportStopsVolumesAndBusyVolumesBlockIt) {
 
 namespace qzsim {
 
+TEST_F(QzdgTest, DeportOfAVolumeOpenInTheSandboxFails) {
+  CommandResult r =
+      admin({"host", "A", "--", "sh", "-c",
+             "exec 3</dev/qz/dsk/dg1/vol1; qzdg deport dg1; echo deport=$?; exec 3<&-; "
+             "qzdg deport dg1 && echo deported"});
+  EXPECT_EQ(r.out, "deport=13\ndeported\n");
+  EXPECT_EQ(r.err,
+            "QZVM qzdg ERROR Q-5-1-103 Disk group dg1: deport failed: Volume vol1 is open\n");
+}
+
+// A disk without a path cannot be read: an import finds the group only on
+// the disks it can read.
+TEST_F(QzdgTest, ImportLeavesDisksWithoutPathsAlone) {
+  ok("A", "qzdg deport dg1");
+  adminOk({"disk", "detach", "lun2", "--host", "A"});
+  CommandResult r = tool("A", "qzdg import dg1");
+  EXPECT_EQ(r.status, 20);
+  EXPECT_EQ(r.err,
+            "QZVM qzdg ERROR Q-5-1-203 Disk group dg1: import failed: Disk for media qzarr0_1 not "
+            "found\n");
+  adminOk({"disk", "attach", "lun2", "--host", "A"});
+  ok("A", "qzdg import dg1");
+  EXPECT_TRUE(startsWith(adminOk({"check"}), "OK ")) << adminOk({"check"});
+}
+
 TEST_F(QzdgTest, NamesOutsideTheRulesAreRefusedAndMakeNothing) {
   const std::string parent = root.substr(0, root.rfind('/'));
   CommandResult r = tool("A", "qzdg init ../../../../escape qzarr0_0");

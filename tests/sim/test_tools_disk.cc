@@ -79,6 +79,53 @@ TEST_F(QzdiskTest, RemovedDisksComeBackWithTheNextScan) {
   ok("A", "qzdisk list qzarr0_1");
 }
 
+// A disk whose every path is gone stays listed, in state error, until it
+// is taken out of the view; its paths coming back bring it back online.
+TEST_F(QzdiskTest, DiskWithoutPathsIsListedInErrorUntilRemoved) {
+  ok("A", "qzdisk scandisks");
+  ok("A", "qzdisk -f init qzarr0_0 type=auto");
+  adminOk({"disk", "detach", "lun1", "--host", "A"});
+  auto rows = lines(ok("A", "qzdisk list"));
+  ASSERT_EQ(rows.size(), 3u);
+  EXPECT_EQ(splitBlanks(rows[1]),
+            (std::vector<std::string>{"qzarr0_0", "auto:cdsdisk", "-", "-", "error"}));
+  std::string detail = ok("A", "qzdisk list qzarr0_0");
+  EXPECT_EQ(keyValue(detail, "flags:"), "online ready private autoconfig error");
+  EXPECT_EQ(keyValue(detail, "numpaths:"), "0");
+  CommandResult r = tool("A", "qzdisk -f init qzarr0_0 type=auto");
+  EXPECT_EQ(r.status, 11);
+  EXPECT_EQ(r.err,
+            "QZVM qzdisk ERROR Q-5-1-401 Disk qzarr0_0: the disk has no path (state error)\n");
+  EXPECT_EQ(tool("A", "qzdiskunsetup qzarr0_0").status, 11);
+  EXPECT_TRUE(startsWith(adminOk({"check"}), "OK ")) << adminOk({"check"});
+  adminOk({"disk", "attach", "lun1", "--host", "A", "--paths", "2"});
+  EXPECT_EQ(splitBlanks(lines(ok("A", "qzdisk list"))[1])[4], "online");
+  adminOk({"disk", "detach", "lun1", "--host", "A"});
+  ok("A", "qzdisk rm qzarr0_0");
+  EXPECT_EQ(lines(ok("A", "qzdisk list")).size(), 2u);
+  ok("A", "qzdisk scandisks");
+  EXPECT_EQ(lines(ok("A", "qzdisk list")).size(), 2u);
+  EXPECT_TRUE(startsWith(adminOk({"check"}), "OK ")) << adminOk({"check"});
+  // Once forgotten, the disk is new to the host when it is presented again.
+  adminOk({"disk", "attach", "lun1", "--host", "A"});
+  EXPECT_EQ(lines(ok("A", "qzdisk list")).size(), 2u);
+  ok("A", "qzdisk scandisks");
+  EXPECT_EQ(lines(ok("A", "qzdisk list")).size(), 3u);
+}
+
+// Without multipathing a disk is named by its OS path; listed without it,
+// it keeps that name.
+TEST_F(QzdiskTest, DiskWithoutPathsKeepsItsOsName) {
+  adminOk({"host", "add", "B", "--no-dmp"});
+  adminOk({"disk", "attach", "lun1", "--host", "B"});  // sdb on B
+  ok("B", "qzdisk scandisks");
+  adminOk({"disk", "detach", "lun1", "--host", "B"});
+  EXPECT_EQ(splitBlanks(lines(ok("B", "qzdisk list"))[1]),
+            (std::vector<std::string>{"sdb", "auto:none", "-", "-", "error"}));
+  ok("B", "qzdisk rm sdb");
+  EXPECT_EQ(lines(ok("B", "qzdisk list")).size(), 1u);
+}
+
 TEST_F(QzdiskTest, DisksOfAnImportedGroupCannotBeRemovedOrReinitialised) {
   makeGroup("A", "dg1", {"qzarr0_0"});
   EXPECT_EQ(tool("A", "qzdisk rm qzarr0_0").status, 13);

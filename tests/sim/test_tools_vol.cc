@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "sim_test.h"
 
 namespace qzsim {
@@ -38,6 +40,34 @@ TEST_F(QzvolTest, BusyVolumeStopsWithStatus31) {
   EXPECT_TRUE(startsWith(r.err, "QZVM qzvol ERROR Q-5-1-304 ")) << r.err;
   adminOk({"volume", "release", "--host", "A", "dg1", "vol1"});
   ok("A", "qzvol  -g dg1 stop vol1");
+}
+
+// A process in the host's sandbox that holds a node of the volume open
+// (here the shell that runs the tools) makes it busy, as a real kernel does.
+TEST_F(QzvolTest, OpenDeviceNodeMakesTheVolumeBusy) {
+  ok("A", "qzvset -g dg1 make set1 vol1");
+  CommandResult r = admin(
+      {"host", "A", "--", "sh", "-c",
+       "exec 3</dev/qz/rdsk/dg1/vol1; qzvol -g dg1 stop vol1; echo stop=$?; "
+       "qzvset -g dg1 stop set1; echo set=$?; exec 3<&-; exec 4</dev/qz/dsk/dg1/set1; "
+       "qzvset -g dg1 stop set1; echo set=$?; exec 4<&-; qzvset -g dg1 stop set1 && echo free"});
+  EXPECT_EQ(r.out, "stop=31\nset=31\nset=31\nfree\n");
+  EXPECT_EQ(r.err,
+            "QZVM qzvol ERROR Q-5-1-304 Volume vol1 in disk group dg1 is busy\n"
+            "QZVM qzvset ERROR Q-5-1-304 Volume vol1 in disk group dg1 is busy\n"
+            "QZVM qzvset ERROR Q-5-1-304 Volume set set1 in disk group dg1 is busy\n");
+  EXPECT_EQ(splitBlanks(ok("A", "qzinfo -g dg1 vol1"))[2], "Startable");
+}
+
+// Another host's nodes of a group of the same name are other files.
+TEST_F(QzvolTest, OpenNodeOfAnotherHostDoesNotCount) {
+  addDisks(1, "B");
+  makeGroup("B", "dg1", {"qzarr0_2"});
+  ok("B", "qzassist -g dg1 make vol1 1m");
+  CommandResult r = admin({"host", "B", "--", "sh", "-c",
+                           "exec 3</dev/qz/dsk/dg1/vol1; " + simBinary() +
+                               " run --host A qzvol -g dg1 stop vol1 && echo stopped"});
+  EXPECT_EQ(r.out, "stopped\n") << r.err;
 }
 
 TEST_F(QzvolTest, VolumeWithoutItsDisksCannotStart) {
@@ -206,6 +236,25 @@ TEST_F(QzmakeTest, PlexThatDoesNotCoverItsVolumeIsRefused) {
   expectRefused(16,
                 "QZVM qzmake ERROR Q-5-1-307 Plex vol1-01 does not cover volume vol1: its "
                 "subdisks map 65280 of 81920 sectors.\n");
+}
+
+TEST_F(QzmakeTest, UnknownAttributesAndPlexesWithoutLengthAreRefused) {
+  record("vol1-01").attrs.emplace_back("ncolumn", "2");
+  expectRefused(16, "QZVM qzmake ERROR Q-5-1-307 Plex vol1-01: unknown attribute ncolumn=2.\n");
+  record("vol1-01").attrs.pop_back();
+  set("vol1-01", "layout", "STRIPE");
+  expectRefused(16,
+                "QZVM qzmake ERROR Q-5-1-307 Plex vol1-01: layout=STRIPE is not a layout this "
+                "host makes.\n");
+  set("vol1-01", "layout", "CONCAT");
+  auto& attrs = record("vol1-01").attrs;
+  attrs.erase(std::remove_if(
+                  attrs.begin(), attrs.end(),
+                  [](const std::pair<std::string, std::string>& kv) { return kv.first == "len"; }),
+              attrs.end());
+  expectRefused(16, "QZVM qzmake ERROR Q-5-1-307 Plex vol1-01 has no length.\n");
+  set("vol1", "len", "0");
+  expectRefused(16, "QZVM qzmake ERROR Q-5-1-307 Volume vol1 has no length.\n");
 }
 
 TEST_F(QzmakeTest, NumbersAndNamesOfRecordsAreChecked) {
