@@ -1,8 +1,11 @@
 #include "run.h"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
+#include <sstream>
 
 #include "text.h"
 #include "tools.h"
@@ -15,7 +18,8 @@ bool isQzvmTool(const std::string& tool) {
   return tool != "rpm" && tool != "parted";
 }
 
-// A fault that fires replaces the run: no state changes, only its output.
+// A fault that fires replaces the run: no state changes, only its output;
+// but a kill fault lets the run be made and marks it.
 // Every fault counts the runs its pattern matches, whether or not it fires;
 // when several are due in one run the oldest fires and the others stay due.
 bool fireFault(Db& db, const std::string& host, const std::string& tool, const std::string& cmdline,
@@ -38,6 +42,12 @@ bool fireFault(Db& db, const std::string& host, const std::string& tool, const s
     return false;
   const Row& f = *due;
   db.exec("UPDATE faults SET remaining=remaining-1 WHERE id=?", {f[0].i});
+  // A kill does not replace the run: the tool does its work, and its caller
+  // dies before it reads what the tool printed.
+  if (f[2].s == "kill") {
+    r->killCaller = true;
+    return false;
+  }
   r->status = static_cast<int>(f[5].i);
   r->out = f[6].s;
   r->err = f[7].s;
@@ -79,7 +89,52 @@ RunResult runInTransaction(Db& db, Sim& s, const std::string& tool,
   return r;
 }
 
+// What /proc says of a process: its name, parent and process group.
+struct ProcessInfo {
+  std::string name;
+  pid_t parent = 0;
+  pid_t group = 0;
+};
+
+bool readProcess(pid_t pid, ProcessInfo* info) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string stat;
+  if (!std::getline(in, stat))
+    return false;
+  // "PID (NAME) STATE PPID PGRP ...": the name may hold blanks and brackets.
+  const size_t open = stat.find('(');
+  const size_t close = stat.rfind(')');
+  if (open == std::string::npos || close == std::string::npos || close < open)
+    return false;
+  info->name = stat.substr(open + 1, close - open - 1);
+  std::istringstream rest(stat.substr(close + 1));
+  std::string state;
+  return static_cast<bool>(rest >> state >> info->parent >> info->group);
+}
+
+bool isShell(const std::string& name) {
+  return name == "sh" || name == "dash" || name == "bash";
+}
+
 }  // namespace
+
+bool killCaller() {
+  ProcessInfo self;
+  ProcessInfo caller;
+  if (!readProcess(getpid(), &self) || !readProcess(self.parent, &caller))
+    return false;
+  pid_t victim = self.parent;
+  if (isShell(caller.name)) {
+    victim = caller.parent;
+    if (!readProcess(victim, &caller))
+      return false;
+  }
+  // A runner starts its tools in a process group of their own; a tool in
+  // its caller's group was run by hand or by a test, which lives on.
+  if (victim <= 1 || caller.group == self.group)
+    return false;
+  return kill(victim, SIGKILL) == 0;
+}
 
 std::string errorLine(const std::string& tool, int code, const std::string& text) {
   return "QZVM " + tool + " ERROR Q-5-1-" + std::to_string(code) + " " + text + "\n";

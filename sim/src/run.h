@@ -11,6 +11,8 @@ struct RunResult {
   std::string out, err;
   // A hanging fault: after printing, the run waits until it is killed.
   bool hang = false;
+  // A killing fault: the run is made, then the program that ran it dies.
+  bool killCaller = false;
 };
 
 // The status "qzsim log" keeps for a run that hung.
@@ -22,5 +24,11 @@ RunResult runTool(const std::string& root, const std::string& host, const std::s
                   const std::vector<std::string>& args);
 
 std::string errorLine(const std::string& tool, int code, const std::string& text);
+
+// SIGKILL to the program that ran this tool through a pipe runner: the
+// parent of the tool's process group, seen through a "sh -c" between them.
+// A tool that shares its caller's process group (run directly, not through
+// a runner) kills nothing. Whether a process was killed.
+bool killCaller();
 
 }  // namespace qzsim
