@@ -319,6 +319,30 @@ void CQzVMEngine::cleanUp(const std::string& importedDG, const SplitDisks& disks
   m_support.removeDevicesFromOSDeviceTree(disks.osHandles);
 }
 
+// A build stopped after it made the new group and before the volume was in
+// it (its process killed) leaves that group imported on the split disks,
+// which no later build can initialise. The split disks carry the source's
+// group until a build makes another one on them; a group of another name,
+// imported here on none but split disks and without the volume, is such a
+// leftover, and goes.
+bool CQzVMEngine::deportUnfinishedGroup(const std::string& foundDG, const std::string& sourceDG,
+                                        const SplitDisks& disks) {
+  if (foundDG.empty() || foundDG == sourceDG || !m_support.isDGPresent(foundDG)) {
+    return false;
+  }
+  // Only split disks in it: the group is this copy's own, made on them.
+  std::vector<std::string> members;
+  if (m_support.getDisksForDG(foundDG.c_str(), members) != 0 || members.empty() ||
+      !checkVectorMatch(members, disks.dmpNodes, false)) {
+    return false;
+  }
+  QZ_TRACE(m_traceLog, 2,
+           "CQzVMEngine::buildAltTree - the split disks hold the group '%s' without the volume, "
+           "left by a build that stopped; deporting it to build again.",
+           foundDG.c_str());
+  return !m_support.deportDG(foundDG);
+}
+
 int CQzVMEngine::startExisting(const std::string& dg, const std::string& volume, CQzVMData* data,
                                qzfi_objid** objid, bool raw, const char* failure) {
   const std::string& tmpDG = dg;
@@ -423,8 +447,11 @@ int CQzVMEngine::buildAltTree(qzfi_objid** objid, const std::string& newDG, cons
   }
   std::string foundDG;
   bool found = false;
-  if (m_support.checkForVolFromQzVMDiskIfRecreatedAndGetDG(disks.dmpNodes, volume, foundDG, found,
-                                                           !data->vtList().empty()) != 0) {
+  const int checked = m_support.checkForVolFromQzVMDiskIfRecreatedAndGetDG(
+      disks.dmpNodes, volume, foundDG, found, !data->vtList().empty());
+  // A group left without volumes cannot be looked into: it goes too.
+  const bool leftover = !found && deportUnfinishedGroup(foundDG, dg, disks);
+  if (checked != 0 && !leftover) {
     QZ_TRACE(m_traceLog, 1, "checkForVolFromQzVMDiskIfRecreatedAndGetDG failed");
     return 6;
   }

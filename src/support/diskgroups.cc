@@ -277,6 +277,23 @@ int CQzVMSupport::getDisksForDG(const char* dg, std::vector<std::string>& disks)
   return 0;
 }
 
+// Rows of "qzdisk list": device, type, disk-media name, group, status; the
+// group of a deported group's disk is in brackets.
+int CQzVMSupport::getDisksOfDeportedDG(const std::string& dg, std::vector<std::string>& disks) {
+  std::vector<std::string> output;
+  const int status = run(tool("qzdisk  ", " list "), output);
+  if (status != 0) {
+    return status;
+  }
+  const int header = lineHolding(output, "DEVICE");
+  for (size_t i = header < 0 ? output.size() : header + 1; i < output.size(); ++i) {
+    if (getToken(output[i], 3) == "(" + dg + ")") {
+      disks.push_back(getToken(output[i], 0));
+    }
+  }
+  return 0;
+}
+
 // Rows of "qzdisk -g DG list": device, type, disk-media name, group, status.
 int CQzVMSupport::getDMsFromDG(const std::string& dg, const std::vector<std::string>& disks,
                                std::vector<std::string>& dms) {
@@ -308,6 +325,12 @@ int CQzVMSupport::deportDGAndRemoveDisks(const std::string& object, bool removeD
   extractDGAndVol(object, dg, volume);
   if (!isDGPresent(dg)) {
     trace(3, "dg '%s' is already deported.", dg.c_str());
+    // A deport that stopped before its disks left the view leaves them
+    // listed under the deported group: they go now.
+    std::vector<std::string> left;
+    if (removeDisks && getDisksOfDeportedDG(dg, left) == 0 && !left.empty()) {
+      removeDisksFromQzVM(left, disableDmp);
+    }
     return 0;
   }
   std::vector<std::string> disks;

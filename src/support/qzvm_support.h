@@ -121,6 +121,8 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   int getDGID(const std::string& volumePath, std::string& dgid);
   int getDGSize(const std::string& dg, unsigned long long& size);
   int getDisksForDG(const char* dg, std::vector<std::string>& disks);
+  // The disks in this host's view that carry the deported group dg.
+  int getDisksOfDeportedDG(const std::string& dg, std::vector<std::string>& disks);
   // dms[i] is the disk-media name of disks[i]: the engine and buildAltTree
   // need the names in the order of their own disk lists.
   int getDMsFromDG(const std::string& dg, const std::vector<std::string>& disks,
