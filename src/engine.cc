@@ -592,10 +592,23 @@ int CQzVMEngine::recreateDG(const std::string& path, const Names& osDisks, CQzVM
   QZ_TRACE(m_traceLog, 6, "CQzVMEngine::recreateDG - Got primary DMP information as [%s]",
            joinNames(dmpDisks).c_str());
   bool found = false;
+  bool halfMade = false;
   if (m_support.checkForVolPathFromQzVMDiskIfRecreated(dmpDisks, dg, volume, found,
-                                                       !data->vtList().empty()) != 0) {
+                                                       !data->vtList().empty(), &halfMade) != 0) {
     QZ_TRACE(m_traceLog, 1, "checkForVolPathFromQzVMDiskIfRecreated() failed");
     return 6;
+  }
+  // A re-creation stopped (its process killed) after it made the group and
+  // before the volume was in it leaves the group imported on the disks,
+  // where none can be made again: it goes, and is made anew.
+  if (halfMade) {
+    QZ_TRACE(m_traceLog, 2,
+             "CQzVMEngine::recreateDG - the disks hold the dg '%s' without the volume, left by a "
+             "re-creation that stopped; deporting it to make it again.",
+             dg.c_str());
+    if (m_support.deportDG(dg)) {
+      return 6;
+    }
   }
   if (found) {
     if (activeVol(dg, volume, data) != 0) {

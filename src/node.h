@@ -82,6 +82,8 @@ class CQzVMData : public qzfi_pdk_4_4::CFiPrivateData {
   // Whether disks and their multipath devices were paired (at claim time, or
   // read from a blob): a volume split from disks of this plug-in.
   bool hasRecordedDisks() const { return !m_diskToDmp.empty() || !m_dmpToDisk.empty(); }
+  // The multipath device of each recorded disk.
+  std::vector<std::string> recordedNodes() const;
 
   int IsValidConfig() { return 1; }
 

@@ -278,8 +278,9 @@ int CQzVMSupport::getDisksForDG(const char* dg, std::vector<std::string>& disks)
 }
 
 // Rows of "qzdisk list": device, type, disk-media name, group, status; the
-// group of a deported group's disk is in brackets.
-int CQzVMSupport::getDisksOfDeportedDG(const std::string& dg, std::vector<std::string>& disks) {
+// group of a deported group's disk is in brackets, a disk of no group has
+// "-".
+int CQzVMSupport::getGroupOfListedDisks(std::map<std::string, std::string>& groupOf) {
   std::vector<std::string> output;
   const int status = run(tool("qzdisk  ", " list "), output);
   if (status != 0) {
@@ -287,11 +288,20 @@ int CQzVMSupport::getDisksOfDeportedDG(const std::string& dg, std::vector<std::s
   }
   const int header = lineHolding(output, "DEVICE");
   for (size_t i = header < 0 ? output.size() : header + 1; i < output.size(); ++i) {
-    if (getToken(output[i], 3) == "(" + dg + ")") {
-      disks.push_back(getToken(output[i], 0));
-    }
+    groupOf[getToken(output[i], 0)] = getToken(output[i], 3);
   }
   return 0;
+}
+
+int CQzVMSupport::getDisksOfDeportedDG(const std::string& dg, std::vector<std::string>& disks) {
+  std::map<std::string, std::string> groupOf;
+  const int status = getGroupOfListedDisks(groupOf);
+  for (const auto& [disk, group] : groupOf) {
+    if (group == "(" + dg + ")") {
+      disks.push_back(disk);
+    }
+  }
+  return status;
 }
 
 // Rows of "qzdisk -g DG list": device, type, disk-media name, group, status.
