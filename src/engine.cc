@@ -334,6 +334,30 @@ void CQzVMEngine::cleanUp(const std::string& importedDG, const SplitDisks& disks
   m_support.removeDevicesFromOSDeviceTree(disks.osHandles);
 }
 
+// A build stopped after it made the new group and before the volume was in
+// it (its process killed) leaves that group imported on the split disks,
+// which no later build can initialise. The split disks carry the source's
+// group until a build makes another one on them; a group of another name,
+// imported here on none but split disks and without the volume, is such a
+// leftover, and goes.
+bool CQzVMEngine::deportUnfinishedGroup(const std::string& foundDG, const std::string& sourceDG,
+                                        const SplitDisks& disks) {
+  if (foundDG.empty() || foundDG == sourceDG || !m_support.isDGPresent(foundDG)) {
+    return false;
+  }
+  // Only split disks in it: the group is this copy's own, made on them.
+  std::vector<std::string> members;
+  if (m_support.getDisksForDG(foundDG.c_str(), members) != 0 || members.empty() ||
+      !checkVectorMatch(members, disks.dmpNodes, false)) {
+    return false;
+  }
+  QZ_TRACE(m_traceLog, 2,
+           "CQzVMEngine::buildAltTree - the split disks hold the group '%s' without the volume, "
+           "left by a build that stopped; deporting it to build again.",
+           foundDG.c_str());
+  return !m_support.deportDG(foundDG);
+}
+
 int CQzVMEngine::startExisting(const std::string& dg, const std::string& volume, CQzVMData* data,
                                qzfi_objid** objid, bool raw, const char* failure) {
   const std::string& tmpDG = dg;
@@ -446,8 +470,11 @@ int CQzVMEngine::buildAltTree(qzfi_objid** objid, const std::string& newDG, cons
   }
   std::string foundDG;
   bool found = false;
-  if (m_support.checkForVolFromQzVMDiskIfRecreatedAndGetDG(disks.dmpNodes, volume, foundDG, found,
-                                                           !data->vtList().empty()) != 0) {
+  const int checked = m_support.checkForVolFromQzVMDiskIfRecreatedAndGetDG(
+      disks.dmpNodes, volume, foundDG, found, !data->vtList().empty());
+  // A group left without volumes cannot be looked into: it goes too.
+  const bool leftover = !found && deportUnfinishedGroup(foundDG, dg, disks);
+  if (checked != 0 && !leftover) {
     QZ_TRACE(m_traceLog, 1, "checkForVolFromQzVMDiskIfRecreatedAndGetDG failed");
     return 6;
   }
@@ -620,10 +647,23 @@ int CQzVMEngine::recreateDG(const std::string& path, const Names& osDisks, CQzVM
   QZ_TRACE(m_traceLog, 6, "CQzVMEngine::recreateDG - Got primary DMP information as [%s]",
            joinNames(dmpDisks).c_str());
   bool found = false;
+  bool halfMade = false;
   if (m_support.checkForVolPathFromQzVMDiskIfRecreated(dmpDisks, dg, volume, found,
-                                                       !data->vtList().empty()) != 0) {
+                                                       !data->vtList().empty(), &halfMade) != 0) {
     QZ_TRACE(m_traceLog, 1, "checkForVolPathFromQzVMDiskIfRecreated() failed");
     return 6;
+  }
+  // A re-creation stopped (its process killed) after it made the group and
+  // before the volume was in it leaves the group imported on the disks,
+  // where none can be made again: it goes, and is made anew.
+  if (halfMade) {
+    QZ_TRACE(m_traceLog, 2,
+             "CQzVMEngine::recreateDG - the disks hold the dg '%s' without the volume, left by a "
+             "re-creation that stopped; deporting it to make it again.",
+             dg.c_str());
+    if (m_support.deportDG(dg)) {
+      return 6;
+    }
   }
   if (found) {
     if (activeVol(dg, volume, data) != 0) {

@@ -94,6 +94,10 @@ class CQzVMEngine : public virtual qzfi_pdk_4_4::CFiTraceable {
   int startExisting(const std::string& dg, const std::string& volume, CQzVMData* data,
                     qzfi_objid** objid, bool raw, const char* failure);
   void cleanUp(const std::string& importedDG, const SplitDisks& disks);
+  // Whether a group that a stopped build left on the split disks was
+  // found and deported.
+  bool deportUnfinishedGroup(const std::string& foundDG, const std::string& sourceDG,
+                             const SplitDisks& disks);
   int importById(qzfi_objid** objid, const std::string& newDG, const std::string& volume,
                  CQzVMData* data, bool raw, const SplitDisks& disks);
   int takeNewGroupId(const qzfi_objid* objid, CQzVMData* data, const std::string& path);

@@ -527,6 +527,14 @@ int CQzVMData::getVolPrivInfoPerDiskFromFiid(std::string disk, std::vector<std::
   return 0;
 }
 
+std::vector<std::string> CQzVMData::recordedNodes() const {
+  std::vector<std::string> nodes;
+  for (const auto& entry : m_diskToDmp) {
+    nodes.push_back(entry.second);
+  }
+  return nodes;
+}
+
 void CQzVMData::setDiskDMPMap(std::string disk, std::string dmp) {
   QZ_ASSERT(!dmp.empty(), "node");
   m_diskToDmp[disk] = dmp;

@@ -95,6 +95,8 @@ class CQzVMData : public qzfi_pdk_4_4::CFiPrivateData {
   bool hasRecordedDisks() const { return !m_diskToDmp.empty() || !m_dmpToDisk.empty(); }
   // The pairings recorded, each direction counted.
   size_t diskDMPMapEntries() const { return m_diskToDmp.size() + m_dmpToDisk.size(); }
+  // The multipath device of each recorded disk.
+  std::vector<std::string> recordedNodes() const;
 
   int IsValidConfig() { return 1; }
 

@@ -23,6 +23,42 @@ std::string ownerOf(const std::string& path) {
   return ownerText(device.st_uid, device.st_gid);
 }
 
+bool deviceExists(const std::string& path) {
+  struct stat device {};
+  return stat(path.c_str(), &device) == 0;
+}
+
+// The disks that exist on this host.
+std::vector<std::string> presentDisks(const std::vector<std::string>& disks) {
+  std::vector<std::string> present;
+  for (const std::string& disk : disks) {
+    if (deviceExists(disk)) {
+      present.push_back(disk);
+    }
+  }
+  return present;
+}
+
+// What a failed import did to the split disks that were there before it:
+// a failed import or build takes them out of the host's view (the volume
+// manager's and the operating system's), and only a rescan of the host's
+// disks brings them back. Empty when none went.
+std::string disksTakenAway(const std::vector<std::string>& before) {
+  std::vector<std::string> gone;
+  for (const std::string& disk : before) {
+    if (!deviceExists(disk)) {
+      gone.push_back(disk);
+    }
+  }
+  if (gone.empty()) {
+    return std::string();
+  }
+  return "; the plug-in took the split disks " + joined(gone) +
+         " out of this host's view when the import failed: a rescan of the host's disks brings "
+         "them back (echo \"- - -\" > /sys/class/scsi_host/HOST/scan for each SCSI host), then "
+         "run import again";
+}
+
 }  // namespace
 
 void CFlows::checkSecondaryDisks(const CSnapshotRecord& record) const {
@@ -71,6 +107,7 @@ int CFlows::importCopy() {
   CObjidList primary(record.subObjects);
   CObjidList secondary(m_options.secondary);
   CObjidOutput out;
+  const std::vector<std::string> presentBefore = presentDisks(m_options.secondary);
   StepOutcome imported = runStep("importTreeNode", [&] {
     return m_plugin->call().importTreeNode(node.domain(), primary.get(), secondary.get(),
                                            primary.count(), out.get());
@@ -85,7 +122,8 @@ int CFlows::importCopy() {
       intact ? "the intact group imported: " : "a group built on the split disks: ";
   if (!built) {
     finishStep(std::move(imported), false,
-               "no copy of " + record.object + " (status " + std::to_string(status) + ")");
+               "no copy of " + record.object + " (status " + std::to_string(status) + ")" +
+                   disksTakenAway(presentBefore));
   }
   imported.ok = !ownerFailed;
   imported.detail = how + copy + (ownerFailed ? "; its owner could not be set (status 1091)" : "");

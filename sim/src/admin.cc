@@ -147,6 +147,10 @@ std::vector<std::string> attach(Db& db, int64_t disk, const std::string& host, i
     std::string name = osName(db.nextSeq("os:" + host));
     db.exec("INSERT INTO paths(host, osname, disk, ord) VALUES(?,?,?,?)",
             {host, name, disk, db.nextSeq("ord")});
+    // What the array presents stays when the host deletes the device: a
+    // rescan of its SCSI hosts brings it back under the same name.
+    db.exec("INSERT OR REPLACE INTO presented(host, osname, disk) VALUES(?,?,?)",
+            {host, name, disk});
     names.push_back(name);
   }
   return names;
@@ -177,6 +181,32 @@ std::string describe(Db& db, int64_t disk,
   std::string line = d.lun + " " + d.node();
   for (const auto& h : byHost) line += " " + h.first + "=" + join(h.second, ",");
   return line;
+}
+
+// "echo '- - -' > /sys/class/scsi_host/hostN/scan" on every SCSI host of H:
+// each path that the array presents and H deleted comes back under its old
+// name, its disk unseen by QzVM until the next scan. Prints the disks brought
+// back as "disk attach" does.
+void diskRescan(const Flags& f) {
+  if (!f.words.empty())
+    usage("Usage: qzsim disk rescan --host H");
+  withDb([&](Db& db, const std::string& root) {
+    std::string host = Sim::loadHost(db, f.need("host")).name;
+    std::map<int64_t, std::vector<std::string>> back;
+    for (const auto& r :
+         db.query("SELECT p.osname, p.disk FROM presented p WHERE p.host=? AND NOT EXISTS "
+                  "(SELECT 1 FROM paths q WHERE q.host=p.host AND q.osname=p.osname) "
+                  "ORDER BY p.disk, p.osname",
+                  {host})) {
+      db.exec("INSERT OR IGNORE INTO hostdisks(host, disk) VALUES(?,?)", {host, r[1].i});
+      db.exec("INSERT INTO paths(host, osname, disk, ord) VALUES(?,?,?,?)",
+              {host, r[0].s, r[1].i, db.nextSeq("ord")});
+      back[r[1].i].push_back(r[0].s);
+    }
+    for (const auto& disk : back)
+      std::cout << describe(db, disk.first, {{host, disk.second}}) << "\n";
+    syncHost(db, root, host);
+  });
 }
 
 void cmdInit() {
@@ -300,6 +330,8 @@ void diskAttach(const Flags& f, bool attachIt) {
       if (paths.empty())
         usage(Sim::loadDisk(db, id).lun + " is not attached to host " + host + ".");
       for (const OsPath& p : paths) s.deleteOsPath(p.osname);
+      // The array no longer presents it: a rescan does not bring it back.
+      db.exec("DELETE FROM presented WHERE host=? AND disk=?", {host, id});
     }
     syncHost(db, root, host);
   });
@@ -313,7 +345,7 @@ void diskRemove(const Flags& f) {
     int64_t id = resolveDisk(db, root, f.words[0], f.get("host"));
     Disk d = Sim::loadDisk(db, id);
     std::vector<std::string> hosts = hostsOf(db, id);
-    for (const char* table : {"paths", "hostdisks", "members"})
+    for (const char* table : {"paths", "presented", "hostdisks", "members"})
       db.exec(std::string("DELETE FROM ") + table + " WHERE disk=?", {id});
     db.exec("DELETE FROM disks WHERE id=?", {id});
     db.exec("UPDATE disks SET copy_of=0 WHERE copy_of=?", {id});
@@ -514,8 +546,8 @@ void nodeCmd(const std::string& op, const Flags& f) {
 // default); "fault busy" is a failure with the busy volume's status and text.
 void addFault(Db& db, const Flags& f, const std::string& op) {
   bool busy = op == "busy";
-  FaultKind kind = FaultKind::kHang;
-  if (op != "hang" && !faultKindFromName(f.get("kind", "fail"), &kind))
+  FaultKind kind = op == "kill" ? FaultKind::kKill : FaultKind::kHang;
+  if (op != "hang" && op != "kill" && !faultKindFromName(f.get("kind", "fail"), &kind))
     usage("--kind takes " + faultKindNames() + ".");
   std::string host = f.get("host");
   if (!host.empty())
@@ -537,7 +569,7 @@ void addFault(Db& db, const Flags& f, const std::string& op) {
 
 void faultCmd(const std::string& op, const Flags& f) {
   withDb([&](Db& db, const std::string& root) {
-    if (op == "add" || op == "busy" || op == "hang") {
+    if (op == "add" || op == "busy" || op == "hang" || op == "kill") {
       addFault(db, f, op);
     } else if (op == "hide-scans") {
       std::string host = Sim::loadHost(db, f.need("host")).name;
@@ -574,7 +606,7 @@ void faultCmd(const std::string& op, const Flags& f) {
                         std::to_string(r[2].i), "-", "-"});
       std::cout << formatTable(rows);
     } else {
-      usage("Usage: qzsim fault add|busy|hang|hide-scans|late-disk|list|clear ...");
+      usage("Usage: qzsim fault add|busy|hang|kill|hide-scans|late-disk|list|clear ...");
     }
   });
 }
@@ -622,6 +654,7 @@ const char* kHelp = R"(qzsim - QzVM simulator
   qzsim disk attach|detach DISK --host H [--paths N]
   qzsim disk remove DISK [--host H]            the array takes the LUN away from every host
   qzsim disk list
+  qzsim disk rescan --host H                   what writing to /sys/class/scsi_host/*/scan does on H
   qzsim array split --disks D1,D2 [--from-host H] --to-host H2 [--paths N]
   qzsim array restore --disks C1,C2 [--from-host H]   copies back onto their source LUNs
   qzsim volume write|read|checksum|hold|release --host H DG VOL [--seed N] [--offset LEN] [--length LEN]
@@ -632,6 +665,7 @@ const char* kHelp = R"(qzsim - QzVM simulator
                   [--kind fail|after|partial|hang]
   qzsim fault busy [--host H] [--tool qzvol] [--match stop] --count K [--kind fail|after|partial]
   qzsim fault hang [--host H] [--tool T] [--match TEXT] [--nth N] [--times K] [--stdout T] [--stderr T]
+  qzsim fault kill [--host H] [--tool T] [--match TEXT] [--nth N] [--times K]
   qzsim fault hide-scans --host H --count K
   qzsim fault late-disk DISK --host H --scans N
   qzsim fault list|clear
@@ -674,6 +708,8 @@ int adminMain(const std::vector<std::string>& args, const std::string& binary) {
       return diskRemove(f), 0;
     if (cmd == "disk" && sub == "list")
       return diskList(), 0;
+    if (cmd == "disk" && sub == "rescan")
+      return diskRescan(f), 0;
     if (cmd == "array" && sub == "split")
       return arraySplit(f), 0;
     if (cmd == "array" && sub == "restore")

@@ -25,6 +25,8 @@ CREATE TABLE IF NOT EXISTS disks(
 CREATE TABLE IF NOT EXISTS paths(
   host TEXT, osname TEXT, disk INTEGER, enabled INTEGER DEFAULT 1, ord INTEGER,
   PRIMARY KEY(host, osname));
+CREATE TABLE IF NOT EXISTS presented(
+  host TEXT, osname TEXT, disk INTEGER, PRIMARY KEY(host, osname));
 CREATE TABLE IF NOT EXISTS hostdisks(
   host TEXT, disk INTEGER, discovered INTEGER DEFAULT 0, inview INTEGER DEFAULT 0,
   late INTEGER DEFAULT 0, name TEXT DEFAULT '', PRIMARY KEY(host, disk));

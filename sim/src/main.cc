@@ -45,6 +45,11 @@ int main(int argc, char** argv) {
       qzsim::runTool(env("QZSIM_ROOT"), host, name, {args.begin() + 1, args.end()});
   fwrite(r.out.data(), 1, r.out.size(), stdout);
   fwrite(r.err.data(), 1, r.err.size(), stderr);
+  if (r.killCaller) {
+    fflush(stdout);
+    fflush(stderr);
+    qzsim::killCaller();
+  }
   if (r.hang) {
     // A tool that hangs: the database is closed, the output is out, and the
     // process waits until whoever ran it gives up and kills it.

@@ -1,8 +1,11 @@
 #include "run.h"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
+#include <sstream>
 
 #include "text.h"
 #include "tools.h"
@@ -21,10 +24,8 @@ struct KindName {
 };
 
 const KindName kFaultKinds[] = {
-    {FaultKind::kFail, "fail"},
-    {FaultKind::kAfter, "after"},
-    {FaultKind::kPartial, "partial"},
-    {FaultKind::kHang, "hang"},
+    {FaultKind::kFail, "fail"}, {FaultKind::kAfter, "after"}, {FaultKind::kPartial, "partial"},
+    {FaultKind::kHang, "hang"}, {FaultKind::kKill, "kill"},
 };
 
 // The fault that fires on a run: how, and what it prints.
@@ -129,6 +130,13 @@ RunResult runInTransaction(Db& db, Sim& s, const std::string& tool,
   switch (fault.kind) {
     case FaultKind::kAfter:
       return faultResult(fault, "", runModel(db, s, tool, args, true));
+    case FaultKind::kKill: {
+      // The tool does its work, and its caller dies before it reads what
+      // the tool printed.
+      RunResult made = runModel(db, s, tool, args, true);
+      made.killCaller = true;
+      return made;
+    }
     case FaultKind::kPartial: {
       const RunResult own = runModel(db, s, tool, args, false);
       return faultResult(fault, firstHalfOfLines(own.out), own);
@@ -138,6 +146,33 @@ RunResult runInTransaction(Db& db, Sim& s, const std::string& tool,
       break;
   }
   return faultResult(fault, "");
+}
+
+// What /proc says of a process: its name, parent and process group.
+struct ProcessInfo {
+  std::string name;
+  pid_t parent = 0;
+  pid_t group = 0;
+};
+
+bool readProcess(pid_t pid, ProcessInfo* info) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string stat;
+  if (!std::getline(in, stat))
+    return false;
+  // "PID (NAME) STATE PPID PGRP ...": the name may hold blanks and brackets.
+  const size_t open = stat.find('(');
+  const size_t close = stat.rfind(')');
+  if (open == std::string::npos || close == std::string::npos || close < open)
+    return false;
+  info->name = stat.substr(open + 1, close - open - 1);
+  std::istringstream rest(stat.substr(close + 1));
+  std::string state;
+  return static_cast<bool>(rest >> state >> info->parent >> info->group);
+}
+
+bool isShell(const std::string& name) {
+  return name == "sh" || name == "dash" || name == "bash";
 }
 
 }  // namespace
@@ -162,6 +197,24 @@ std::string faultKindNames() {
   std::vector<std::string> names;
   for (const KindName& k : kFaultKinds) names.push_back(k.name);
   return join(names, "|");
+}
+
+bool killCaller() {
+  ProcessInfo self;
+  ProcessInfo caller;
+  if (!readProcess(getpid(), &self) || !readProcess(self.parent, &caller))
+    return false;
+  pid_t victim = self.parent;
+  if (isShell(caller.name)) {
+    victim = caller.parent;
+    if (!readProcess(victim, &caller))
+      return false;
+  }
+  // A runner starts its tools in a process group of their own; a tool in
+  // its caller's group was run by hand or by a test, which lives on.
+  if (victim <= 1 || caller.group == self.group)
+    return false;
+  return kill(victim, SIGKILL) == 0;
 }
 
 std::string errorLine(const std::string& tool, int code, const std::string& text) {

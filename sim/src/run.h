@@ -14,6 +14,8 @@ struct RunResult {
   // What the tool itself did, as the log keeps it: whether it changed the
   // model, and whether it printed on standard output.
   bool changed = false, printed = false;
+  // A killing fault: the run is made, then the program that ran it dies.
+  bool killCaller = false;
 };
 
 // The status "qzsim log" keeps for a run that hung.
@@ -27,6 +29,7 @@ enum class FaultKind {
   kAfter,    // the run makes its change first
   kPartial,  // the run prints the first half of its output's lines first; no change
   kHang,     // as kFail, then the run waits until it is killed
+  kKill,     // the run is made, then the program that ran the tool dies
 };
 // The kinds under the names "qzsim fault" takes and lists.
 bool faultKindFromName(const std::string& name, FaultKind* kind);
@@ -39,5 +42,11 @@ RunResult runTool(const std::string& root, const std::string& host, const std::s
                   const std::vector<std::string>& args);
 
 std::string errorLine(const std::string& tool, int code, const std::string& text);
+
+// SIGKILL to the program that ran this tool through a pipe runner: the
+// parent of the tool's process group, seen through a "sh -c" between them.
+// A tool that shares its caller's process group (run directly, not through
+// a runner) kills nothing. Whether a process was killed.
+bool killCaller();
 
 }  // namespace qzsim

@@ -407,7 +407,11 @@ int CQzVMPlugin::dispose(qfi_domain* /*node*/, qfi_domain* /*altNode*/, qfi_spli
   return reportingExceptions(
       {"dispose", kQzVMPluginSource, __LINE__},
       [&] {
-        if (m_support.removeSnapshot(path, true) == 0) {
+        // A removal stopped after the destroy is finished from the disks
+        // the copy recorded: the group that listed them is gone.
+        const CQzVMData* data = target->node != nullptr ? GetPrivateData(target->node) : nullptr;
+        if (m_support.removeSnapshot(path, true,
+                                     data != nullptr ? data->recordedNodes() : Names()) == 0) {
           return 0;
         }
         QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::dispose - unable to dispose object =%s",

@@ -169,6 +169,15 @@ class CQzVMPlugin : public qzfi_pdk_4_4::CFiPluginBase {
   // whose group the first deletion may have destroyed: 0, or non-zero when
   // it stays.
   int deleteLaterDisk(const std::string& node);
+  // Takes a disk's private region and the disk itself out of the view.
+  int clearPrivateRegion(const std::string& node);
+  // Whether the disk carries a private region of no group.
+  bool leftWithoutGroup(const std::string& node);
+  // Whether dg is what a format stopped half-way (its process killed) left
+  // on these disks: none but them in it, no volume but the one asked for;
+  // its volume is then there or not.
+  bool leftByStoppedFormat(const std::string& dg, const std::string& volume,
+                           const std::vector<std::string>& osDisks, bool& volumeMade);
   int onlinePersistentResource(const std::vector<std::string>& osDisks, char*** paths,
                                int* pathCount);
   // The "diskGroup" option of format's option text into dg: 0, or 3 after

@@ -169,11 +169,17 @@ int CQzVMPlugin::unformat(char** disks, int count, int flags) {
         return checked;
       }
     }
-    for (size_t i = 0; i < nodes.size() && isQzVM; ++i) {
+    for (size_t i = 0; i < nodes.size(); ++i) {
+      const std::string& node = nodes[i];
       // The first disk was just read and found in its group.
-      const int deleted = i == 0 ? m_support.deleteQzVMDisk(nodes[i]) : deleteLaterDisk(nodes[i]);
-      if (deleted != 0) {
+      if (isQzVM && (i == 0 ? m_support.deleteQzVMDisk(node) : deleteLaterDisk(node)) != 0) {
         QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::unformat - deleteQzVMDisk() failed");
+        return 6;
+      }
+      // An unformat stopped after it destroyed the group (its process
+      // killed) leaves the disks it had not cleared yet with a private
+      // region and no group; the first disk may be plain already.
+      if (!isQzVM && leftWithoutGroup(node) && clearPrivateRegion(node) != 0) {
         return 6;
       }
     }
@@ -192,10 +198,23 @@ int CQzVMPlugin::deleteLaterDisk(const std::string& node) {
   }
   QZ_TRACE(m_traceLog, 3, "CQzVMPlugin::unformat - disk '%s' is in no disk group any more.",
            node.c_str());
+  return clearPrivateRegion(node);
+}
+
+int CQzVMPlugin::clearPrivateRegion(const std::string& node) {
   if (m_support.qzDiskUnsetup(node) || m_support.removeDisksFromQzVM({node}, false) != 0) {
     return 6;
   }
   return 0;
+}
+
+bool CQzVMPlugin::leftWithoutGroup(const std::string& node) {
+  std::vector<vol_pvt_info> records;
+  if (m_support.getVolPrivInfo({node}, records) != 0 || records.empty()) {
+    return false;
+  }
+  const vol_pvt_info& record = records.front();
+  return record.vpi_dgid.empty() && !record.vpi_format.empty() && record.vpi_format != "none";
 }
 
 int CQzVMPlugin::onlineResource(char** disks, int count, char* /*a*/, char* /*b*/, char* /*c*/,
@@ -391,9 +410,26 @@ int CQzVMPlugin::createFreshVolume(std::string& dg, std::string& volume, const N
     m_support.getNewDGName(dg);
   } else {
     Names groups;
-    if (m_support.getAllDGNames(groups) != 0 || !isUniqueInVector(groups, dg)) {
+    bool volumeMade = false;
+    if (m_support.getAllDGNames(groups) != 0) {
       QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::format - unable to get unique dg name.");
       return 6;
+    }
+    if (!isUniqueInVector(groups, dg)) {
+      if (!leftByStoppedFormat(dg, volume, osDisks, volumeMade)) {
+        QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::format - unable to get unique dg name.");
+        return 6;
+      }
+      if (volumeMade) {
+        return m_support.isVolStarted(dg, volume) ? 0 : m_support.startDCOVols(dg, {volume}, "");
+      }
+      QZ_TRACE(m_traceLog, 2,
+               "CQzVMPlugin::format - dg '%s' was left without its volume by a format that "
+               "stopped; making it again.",
+               dg.c_str());
+      if (m_support.destroyDG(dg, false) != 0) {
+        return 6;
+      }
     }
   }
   if (m_support.createNewVolumeOnOSDisks(dg, volume, osDisks) != 0) {
@@ -407,6 +443,26 @@ int CQzVMPlugin::createFreshVolume(std::string& dg, std::string& volume, const N
     return 6;
   }
   return 0;
+}
+
+bool CQzVMPlugin::leftByStoppedFormat(const std::string& dg, const std::string& volume,
+                                      const Names& osDisks, bool& volumeMade) {
+  Names members;
+  Names nodes;
+  if (m_support.getDisksForDG(dg.c_str(), members) != 0 || members.empty() ||
+      m_support.getQzVMDiskForOSDiskHandler(osDisks, nodes) != 0 ||
+      !checkVectorMatch(members, nodes, false)) {
+    return false;
+  }
+  // A group without volumes cannot be listed: it holds none.
+  Names volumes;
+  m_support.getVolumesFromDG(dg, volumes, false);
+  if (volumes.size() > 1 ||
+      (volumes.size() == 1 && (volumes.front() != volume || members.size() != nodes.size()))) {
+    return false;
+  }
+  volumeMade = volumes.size() == 1;
+  return true;
 }
 
 // A group or volume without a name has no device path.

@@ -276,6 +276,33 @@ int CQzVMSupport::getDisksForDG(const char* dg, std::vector<std::string>& disks)
   return 0;
 }
 
+// Rows of "qzdisk list": device, type, disk-media name, group, status; the
+// group of a deported group's disk is in brackets, a disk of no group has
+// "-".
+int CQzVMSupport::getGroupOfListedDisks(std::map<std::string, std::string>& groupOf) {
+  std::vector<std::string> output;
+  const int status = run(tool("qzdisk  ", " list "), output);
+  if (status != 0) {
+    return status;
+  }
+  const int header = lineHolding(output, "DEVICE");
+  for (size_t i = header < 0 ? output.size() : header + 1; i < output.size(); ++i) {
+    groupOf[getToken(output[i], 0)] = getToken(output[i], 3);
+  }
+  return 0;
+}
+
+int CQzVMSupport::getDisksOfDeportedDG(const std::string& dg, std::vector<std::string>& disks) {
+  std::map<std::string, std::string> groupOf;
+  const int status = getGroupOfListedDisks(groupOf);
+  for (const auto& [disk, group] : groupOf) {
+    if (group == "(" + dg + ")") {
+      disks.push_back(disk);
+    }
+  }
+  return status;
+}
+
 // Rows of "qzdisk -g DG list": device, type, disk-media name, group, status.
 int CQzVMSupport::getDMsFromDG(const std::string& dg, const std::vector<std::string>& disks,
                                std::vector<std::string>& dms) {
@@ -307,6 +334,12 @@ int CQzVMSupport::deportDGAndRemoveDisks(const std::string& object, bool removeD
   extractDGAndVol(object, dg, volume);
   if (!isDGPresent(dg)) {
     trace(3, "dg '%s' is already deported.", dg.c_str());
+    // A deport that stopped before its disks left the view leaves them
+    // listed under the deported group: they go now.
+    std::vector<std::string> left;
+    if (removeDisks && getDisksOfDeportedDG(dg, left) == 0 && !left.empty()) {
+      removeDisksFromQzVM(left, disableDmp);
+    }
     return 0;
   }
   std::vector<std::string> disks;

@@ -527,7 +527,7 @@ int CQzVMSupport::regenerateQzVMFromDisk(const std::vector<std::string>& disks, 
 }
 
 int CQzVMSupport::getDGFromQzVMDiskIfRecreated(const std::vector<std::string>& disks, bool& created,
-                                               std::string& dgName) {
+                                               std::string& dgName, bool* imported) {
   created = false;
   std::string dgid;
   if (disks.empty() || dgIdNameOnDisk(disks.front(), dgid, dgName) != 0) {
@@ -537,6 +537,9 @@ int CQzVMSupport::getDGFromQzVMDiskIfRecreated(const std::vector<std::string>& d
     trace(3, "dg '%s' is not created or is disabled.", dgName.c_str());
     created = false;
     return 0;
+  }
+  if (imported != nullptr) {
+    *imported = true;
   }
   if (checkQzVMDiskAgainstDG({dgName}, disks, created) != 0) {
     return 6;
@@ -548,10 +551,10 @@ int CQzVMSupport::getDGFromQzVMDiskIfRecreated(const std::vector<std::string>& d
 int CQzVMSupport::checkForVolFromQzVMDiskIfRecreatedAndGetDG(const std::vector<std::string>& disks,
                                                              const std::string& volume,
                                                              std::string& dgName, bool& found,
-                                                             bool vsets) {
+                                                             bool vsets, bool* imported) {
   found = false;
   bool created = false;
-  if (getDGFromQzVMDiskIfRecreated(disks, created, dgName) != 0) {
+  if (getDGFromQzVMDiskIfRecreated(disks, created, dgName, imported) != 0) {
     return 6;
   }
   if (created && checkVolumeInDG(dgName, volume, found, vsets) != 0) {
@@ -563,13 +566,22 @@ int CQzVMSupport::checkForVolFromQzVMDiskIfRecreatedAndGetDG(const std::vector<s
 int CQzVMSupport::checkForVolPathFromQzVMDiskIfRecreated(const std::vector<std::string>& disks,
                                                          const std::string& dg,
                                                          const std::string& volume, bool& found,
-                                                         bool vsets) {
+                                                         bool vsets, bool* halfMade) {
   std::string dgOnDisks;
-  if (checkForVolFromQzVMDiskIfRecreatedAndGetDG(disks, volume, dgOnDisks, found, vsets) != 0) {
+  bool imported = false;
+  const int checked =
+      checkForVolFromQzVMDiskIfRecreatedAndGetDG(disks, volume, dgOnDisks, found, vsets, &imported);
+  // A group without volumes cannot be listed: imported here, it is half
+  // made.
+  if (checked != 0 && !(imported && dgOnDisks == dg && halfMade != nullptr)) {
     return 6;
   }
   if (dgOnDisks != dg) {
     found = false;
+    imported = false;
+  }
+  if (halfMade != nullptr) {
+    *halfMade = imported && !found;
   }
   return 0;
 }

@@ -121,6 +121,11 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   int getDGID(const std::string& volumePath, std::string& dgid);
   int getDGSize(const std::string& dg, unsigned long long& size);
   int getDisksForDG(const char* dg, std::vector<std::string>& disks);
+  // Every disk in this host's view with its group as listed: "-" for
+  // none, the name in brackets for a deported group.
+  int getGroupOfListedDisks(std::map<std::string, std::string>& groupOf);
+  // The disks in this host's view that carry the deported group dg.
+  int getDisksOfDeportedDG(const std::string& dg, std::vector<std::string>& disks);
   // dms[i] is the disk-media name of disks[i]: the engine and buildAltTree
   // need the names in the order of their own disk lists.
   int getDMsFromDG(const std::string& dg, const std::vector<std::string>& disks,
@@ -192,7 +197,14 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
                        const std::vector<std::string>& osDisks);
   int createNewVolumeOnOSDisks(const std::string& dg, const std::string& volume,
                                const std::vector<std::string>& osDisks);
-  int removeSnapshot(const std::string& path, bool destroy);
+  // recorded: the copy's multipath nodes as its private data holds them,
+  // for a group already gone.
+  int removeSnapshot(const std::string& path, bool destroy,
+                     const std::vector<std::string>& recorded = {});
+  // What a removal stopped after the destroy (its process killed) left of
+  // the recorded disks: those in the view without a group leave it, and
+  // the OS devices of all of them go.
+  void removeDisksLeftByDestroy(const std::vector<std::string>& recorded);
 
   // --- private regions and configuration rewriting (privregions.cc) ---
   int getVolPrivInfoPerAltDisk(const std::string& disk, std::vector<std::string>& lines);
@@ -225,14 +237,18 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   int regenerateDGFromDisk(const std::vector<std::string>& disks, std::string& dgName);
   int regenerateQzVMFromDisk(const std::vector<std::string>& disks, std::string& dgName,
                              std::string& volume);
+  // created: the group named on the first disk is imported here, enabled,
+  // with every disk in it; imported: the same, whatever disks it holds.
   int getDGFromQzVMDiskIfRecreated(const std::vector<std::string>& disks, bool& created,
-                                   std::string& dgName);
+                                   std::string& dgName, bool* imported = nullptr);
   int checkForVolFromQzVMDiskIfRecreatedAndGetDG(const std::vector<std::string>& disks,
                                                  const std::string& volume, std::string& dgName,
-                                                 bool& found, bool vsets);
+                                                 bool& found, bool vsets, bool* imported = nullptr);
+  // halfMade: the disks carry dg imported here without every disk or
+  // without the volume.
   int checkForVolPathFromQzVMDiskIfRecreated(const std::vector<std::string>& disks,
                                              const std::string& dg, const std::string& volume,
-                                             bool& found, bool vsets);
+                                             bool& found, bool vsets, bool* halfMade = nullptr);
 
  protected:
   CQzVMCliTool m_cliTool;

@@ -389,12 +389,14 @@ int CQzVMSupport::createNewVolumeOnOSDisks(const std::string& dg, const std::str
   return 0;
 }
 
-int CQzVMSupport::removeSnapshot(const std::string& path, bool destroy) {
+int CQzVMSupport::removeSnapshot(const std::string& path, bool destroy,
+                                 const std::vector<std::string>& recorded) {
   std::string dg;
   std::string volume;
   extractDGAndVol(path, dg, volume);
   if (destroy && !isDGPresent(dg)) {
     trace(3, " snapshot dg '%s' is already removed.", dg.c_str());
+    removeDisksLeftByDestroy(recorded);
     return 0;
   }
   std::vector<std::string> dmpNames;
@@ -409,4 +411,31 @@ int CQzVMSupport::removeSnapshot(const std::string& path, bool destroy) {
   }
   removeDevicesFromOSDeviceTree(osNames);
   return 0;
+}
+
+void CQzVMSupport::removeDisksLeftByDestroy(const std::vector<std::string>& recorded) {
+  std::map<std::string, std::string> groupOf;
+  if (recorded.empty() || getGroupOfListedDisks(groupOf) != 0) {
+    return;
+  }
+  std::vector<std::string> inView;
+  std::vector<std::string> osNames;
+  for (const std::string& node : recorded) {
+    const auto listed = groupOf.find(node);
+    if (listed != groupOf.end() && listed->second != "-") {
+      continue;  // in a group again: not this snapshot's any more
+    }
+    if (listed != groupOf.end()) {
+      inView.push_back(node);
+    }
+    // Multipathing knows the node's paths until they are deleted; a node
+    // whose paths went has none left to delete.
+    getOSDiskHandleForQzVMDisk({node}, osNames, true, true);
+  }
+  if (!inView.empty()) {
+    trace(2, "%d disks of a destroyed snapshot dg are still in qzvm view: removing them.",
+          static_cast<int>(inView.size()));
+    removeDisksFromQzVM(inView, false);
+  }
+  removeDevicesFromOSDeviceTree(osNames);
 }

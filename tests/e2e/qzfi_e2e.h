@@ -89,8 +89,29 @@ class QzfiTest : public ::testing::Test {
     return {result.status, result.out, result.err};
   }
 
+#ifdef QZ_INSTANT_SLEEP
+  // "qzfi ARGS..." on host with its sleeps instant; the seconds asked for
+  // land in sleeps().
+  QzfiRun qzfiWithoutWaiting(const std::string& host, const Lines& args) {
+    const char* asan = getenv("ASAN_OPTIONS");
+    Lines command = {
+        "env", std::string("LD_PRELOAD=") + QZ_INSTANT_SLEEP, "QZ_E2E_SLEEP_LOG=" + sleeps(),
+        std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0",
+        QZFI_BINARY};
+    command.insert(command.end(), args.begin(), args.end());
+    const qzsim::CommandResult result = sandboxed(host, command);
+    return {result.status, result.out, result.err};
+  }
+
+  std::string sleeps() const {
+    return root() + "/sleeps";
+  }
+#endif
+
   // "qzsim ARGS..." that must succeed; its standard output.
-  std::string admin(const Lines& args) { return qzvmfi_it::simAdminOk(root(), args); }
+  std::string admin(const Lines& args) {
+    return qzvmfi_it::simAdminOk(root(), args);
+  }
 
   // A tool run as host, outside qzfi, that must succeed.
   std::string tool(const std::string& host, const std::string& commandLine) {
@@ -98,7 +119,9 @@ class QzfiTest : public ::testing::Test {
   }
 
   // Tool runs of every host so far, from the simulator's log.
-  long toolRuns() { return std::stol(admin({"log", "--total"})); }
+  long toolRuns() {
+    return std::stol(admin({"log", "--total"}));
+  }
 
   std::string checksum(const std::string& host, const std::string& dg, const std::string& vol) {
     return admin({"volume", "checksum", "--host", host, dg, vol});
@@ -186,7 +209,9 @@ class QzfiTest : public ::testing::Test {
     return secondary;
   }
 
-  Json readRecord() { return Json::parse(qztest::readFile(record())); }
+  Json readRecord() {
+    return Json::parse(qztest::readFile(record()));
+  }
 
   // prepare and deport on A around a split to host to; the --secondary list.
   std::string prepareSplitDeport(const std::string& to) {

@@ -14,21 +14,6 @@ using qzfi_e2e::QzfiTest;
 
 class WaitTest : public QzfiTest {
  protected:
-  // "qzfi ARGS..." on host with its sleeps instant; the seconds asked for
-  // land in sleeps().
-  QzfiRun qzfiWithoutWaiting(const std::string& host, const Lines& args) {
-    const char* asan = getenv("ASAN_OPTIONS");
-    Lines command = {
-        "env", std::string("LD_PRELOAD=") + QZ_INSTANT_SLEEP, "QZ_E2E_SLEEP_LOG=" + sleeps(),
-        std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0",
-        QZFI_BINARY};
-    command.insert(command.end(), args.begin(), args.end());
-    const qzsim::CommandResult result = sandboxed(host, command);
-    return {result.status, result.out, result.err};
-  }
-
-  std::string sleeps() const { return root() + "/sleeps"; }
-
   Lines sleptSeconds() const {
     std::ifstream log(sleeps());
     Lines seconds;

@@ -149,4 +149,34 @@ TEST_F(AdminTest, GroupDisabledOnRequest) {
   ok("A", "qzvol -g dg1 startall");
 }
 
+// Host B is given a LUN over two paths, deletes both devices as a failed
+// import's clean-up does, and a rescan brings them back under their names.
+TEST_F(AdminTest, RescanBringsBackThePathsTheArrayPresentsAndTheHostDeleted) {
+  const std::string attached =
+      trim(adminOk({"disk", "attach", "lun2", "--host", "B", "--paths", "2"}));
+  EXPECT_EQ(trim(adminOk({"disk", "rescan", "--host", "B"})), "");  // nothing missing
+  ok("B", "qzdisk scandisks");
+  // "lun2 NODE B=first,second"
+  const std::string paths = attached.substr(attached.find("B=") + 2);
+  const std::string first = paths.substr(0, paths.find(','));
+  const std::string second = paths.substr(paths.find(',') + 1);
+  const std::string blocks = trim(admin({"host", "B", "--", "ls", "/sys/block"}).out);
+  CommandResult deleted = admin({"host", "B", "--", "sh", "-c",
+                                 "echo 1 > /sys/block/" + first + "/device/delete && " +
+                                     "echo 1 > /sys/block/" + second + "/device/delete"});
+  ASSERT_EQ(deleted.status, 0) << deleted.err;
+  EXPECT_EQ(lines(ok("B", "qzdisk list")).size(), 1u);
+
+  EXPECT_EQ(trim(adminOk({"disk", "rescan", "--host", "B"})), attached);
+  EXPECT_EQ(trim(admin({"host", "B", "--", "ls", "/sys/block"}).out), blocks);
+  // Unseen by the volume manager until its next scan.
+  EXPECT_EQ(lines(ok("B", "qzdisk list")).size(), 1u);
+  ok("B", "qzdisk scandisks");
+  EXPECT_EQ(keyValue(ok("B", "qzdisk list qzarr0_1"), "numpaths:"), "2");
+  // A detached LUN is not presented any more: no rescan brings it back.
+  adminOk({"disk", "detach", "lun2", "--host", "B"});
+  EXPECT_EQ(trim(adminOk({"disk", "rescan", "--host", "B"})), "");
+  EXPECT_TRUE(startsWith(adminOk({"check"}), "OK ")) << adminOk({"check"});
+}
+
 }  // namespace qzsim

@@ -202,6 +202,53 @@ TEST_F(FaultsTest, HangingToolWaitsUntilItIsKilled) {
   ok("A", "qzvol -g dg1 stop vol1");  // the fault was for one run
 }
 
+// A caller that runs the tool as a pipe runner does, in a process group of
+// its own, and waits for it; its wait status.
+int statusOfCallerRunning(const std::string& root, const std::vector<std::string>& command) {
+  pid_t caller = fork();
+  if (caller == 0) {
+    pid_t child = fork();
+    if (child == 0) {
+      setpgid(0, 0);
+      setenv("QZSIM_ROOT", root.c_str(), 1);
+      setenv("QZSIM_HOST", "A", 1);
+      std::vector<char*> argv;
+      for (const std::string& word : command) argv.push_back(const_cast<char*>(word.c_str()));
+      argv.push_back(nullptr);
+      execv(simBinary().c_str(), argv.data());
+      _exit(127);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 100);
+  }
+  int status = 0;
+  waitpid(caller, &status, 0);
+  return status;
+}
+
+TEST_F(FaultsTest, AKillFaultMakesTheRunAndKillsTheProgramThatRanIt) {
+  adminOk({"fault", "kill", "--host", "A", "--tool", "qzvol", "--nth", "2"});
+  ok("A", "qzvol -g dg1 start vol1");  // the first matching run: not due yet
+  const int status = statusOfCallerRunning(root, {"qzvol", "-g", "dg1", "stop", "vol1"});
+  ASSERT_TRUE(WIFSIGNALED(status)) << status;
+  EXPECT_EQ(WTERMSIG(status), SIGKILL);
+  // The run was made and logged before its caller died.
+  EXPECT_EQ(splitBlanks(ok("A", "qzinfo -g dg1 vol1"))[2], "Startable");
+  const auto log = lines(adminOk({"log", "--tool", "qzvol"}));
+  EXPECT_EQ(splitBlanks(log.back())[2], "0");
+  EXPECT_NE(adminOk({"fault", "list"}).find("kill"), std::string::npos);
+  // The fault was for one run.
+  EXPECT_EQ(statusOfCallerRunning(root, {"qzvol", "-g", "dg1", "start", "vol1"}), 0);
+}
+
+TEST_F(FaultsTest, AKillFaultSparesACallerThatSharesTheToolsProcessGroup) {
+  adminOk({"fault", "kill", "--host", "A", "--tool", "qzvol"});
+  // This test program runs the tool in its own process group: it lives on.
+  ok("A", "qzvol -g dg1 stop vol1");
+  EXPECT_EQ(splitBlanks(ok("A", "qzinfo -g dg1 vol1"))[2], "Startable");
+}
+
 TEST_F(FaultsTest, EveryToolRefusesNamesOutsideTheRules) {
   const std::string file = root + "/dump";
   for (const std::string& bad :

@@ -338,6 +338,7 @@ TEST_F(DeportTest, DisableAccessWithoutFlagsDeportsAndRemovesDisksOfEveryEntry) 
   EXPECT_EQ(0, qzvmfi_fi_pgn_disable_access(list.get(), 0));
   Lines expected = deportAndRemoveRuns(m_dg);
   expected.push_back(qz("qzdg   list " + m_dg + "b"));  // that group is gone already
+  expected.push_back(qz("qzdisk   list "));             // with no disk left under it
   EXPECT_EQ(expected, commands());
 }
 

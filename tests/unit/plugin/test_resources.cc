@@ -272,8 +272,11 @@ TEST_F(ResourcesTest, UnformatOfPersistentDisksNeitherWaitsNorRefreshes) {
   disksArePlain();
   TestTextArray disks({"/dev/sde", "/dev/sdf"});
   EXPECT_EQ(0, qzvmfi_fi_pgn_unformat(disks.get(), disks.count(), kPersistent));
+  // Each disk is then asked whether a stopped unformat left it a private
+  // region without a group.
   EXPECT_EQ(run({"qzdmpadm   getdmpnode  nodename=sde", "qzdmpadm   getdmpnode  nodename=sdf",
-                 "qzdisk   list " + m_plain[0].node}),
+                 "qzdisk   list " + m_plain[0].node, "qzdisk   list " + m_plain[0].node,
+                 "qzdisk   list " + m_plain[1].node}),
             commands());
   EXPECT_TRUE(
       wasTraced(3, "Disk is persistently available to the host. Getting DMP node directly."));
@@ -559,7 +562,8 @@ TEST_F(FormatTest, FormatWithAGroupNameInUseFailsAndMakesNothing) {
   TestPaths paths;
   std::string options = "diskGroup=" + m_dg;
   EXPECT_EQ(6, format(disks, nullptr, &options[0], 0x1, paths));
-  EXPECT_EQ(run({"qzdg   list "}), commands());
+  // The group is not one that a stopped format left on these disks.
+  EXPECT_EQ(run({"qzdg   list ", "qzdisk   -g " + m_dg + "  list "}), commands());
   EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::format - unable to get unique dg name."));
   EXPECT_TRUE(paths.texts().empty());
 }
