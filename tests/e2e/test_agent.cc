@@ -305,7 +305,7 @@ TEST_F(AgentTest, MalformedAndOversizedRequestsGetAnErrorReplyAndTheAgentGoesOn)
   EXPECT_EQ(7, wrongKind.code);
   EXPECT_THAT(wrongKind.err, HasSubstr("malformed request"));
   const RawReply wrongVersion = qzfi_e2e::exchange(
-      a->socket(), qzfi_e2e::frame('Q', std::string("qzfi-agent/9\0/\0version\0", 25)));
+      a->socket(), qzfi_e2e::frame('Q', std::string("qzfi-agent/9\0/\0version\0", 23)));
   EXPECT_EQ(7, wrongVersion.code);
   EXPECT_EQ(
       "qzfi: the agent refused the request: malformed request: not a request of qzfi-agent/1\n",
@@ -313,7 +313,7 @@ TEST_F(AgentTest, MalformedAndOversizedRequestsGetAnErrorReplyAndTheAgentGoesOn)
   const RawReply relative = qzfi_e2e::exchange(a->socket(), qzfi_e2e::request("here", {"version"}));
   EXPECT_THAT(relative.err, HasSubstr("working folder is not an absolute path"));
   const RawReply unended = qzfi_e2e::exchange(
-      a->socket(), qzfi_e2e::frame('Q', std::string("qzfi-agent/1\0/\0version", 23)));
+      a->socket(), qzfi_e2e::frame('Q', std::string("qzfi-agent/1\0/\0version", 22)));
   EXPECT_THAT(unended.err, HasSubstr("the request's last field has no end"));
   const RawReply nothing = qzfi_e2e::exchange(a->socket(), "");
   EXPECT_EQ(7, nothing.code);
