@@ -40,8 +40,8 @@ struct RawReply {
   int code = -1;  // the 'X' frame's exit code, -1 without one
 };
 
-// Connects to socket, sends bytes and reads the agent's frames until it
-// closes the connection.
+// Connects to socket, sends bytes, ends its side and reads the agent's
+// frames until it closes the connection.
 inline RawReply exchange(const std::string& socket, const std::string& bytes) {
   RawReply reply;
   const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -56,6 +56,8 @@ inline RawReply exchange(const std::string& socket, const std::string& bytes) {
   }
   reply.connected = true;
   send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  // Nothing more comes: a short request ends now, not at the agent's wait.
+  shutdown(fd, SHUT_WR);
   std::string got;
   char buffer[4096];
   for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) {
