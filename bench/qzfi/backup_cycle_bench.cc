@@ -20,6 +20,10 @@
 //   own_ms    wall - exec - split: the framework's and the plug-in's own
 //             time, process starts and the plug-in's start included;
 //   own_per_disk_ms  own_ms over the source group's disks;
+//   agent_cpu_ms  (agents) the CPU time of the agents' own threads, the
+//             tools' processes left out: the framework's and plug-in's work
+//             as a loaded machine does not stretch it;
+//   cpu_per_disk_ms  agent_cpu_ms over the source group's disks;
 //   runs      tool runs per cycle.
 // Target: own_ms through agents at most 10 ms, and at most a quarter of the
 // one-shot figure (printed at the end). The scale runs (agents only) vary
@@ -39,6 +43,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -133,6 +139,43 @@ std::string simulationFolder() {
   return folder.empty() ? newFolder("/tmp/qzfi-bench-sim-XXXXXX") : folder;
 }
 
+// The first process under pid (itself included) whose name is name; -1 when
+// none.
+pid_t processNamed(pid_t pid, const std::string& name) {
+  std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
+  std::string own;
+  if (std::getline(comm, own) && own == name) {
+    return pid;
+  }
+  std::ifstream children("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) +
+                         "/children");
+  for (pid_t child = 0; children >> child;) {
+    const pid_t found = processNamed(child, name);
+    if (found > 0) {
+      return found;
+    }
+  }
+  return -1;
+}
+
+// The CPU time of the threads of process pid so far, in seconds, from the
+// scheduler's nanosecond counts; children are not counted.
+double cpuSeconds(pid_t pid) {
+  if (pid <= 0) {
+    return 0;
+  }
+  double seconds = 0;
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+    std::ifstream schedstat(task.path() / "schedstat");
+    double nanoseconds = 0;
+    if (schedstat >> nanoseconds) {
+      seconds += nanoseconds / 1e9;
+    }
+  }
+  return seconds;
+}
+
 // "qzfi serve" of a host in its sandbox, until the simulation goes.
 class CAgent {
  public:
@@ -167,6 +210,7 @@ class CAgent {
     }
     close(ready[0]);
     serving = line.find("serving on") != std::string::npos;
+    m_server = serving ? processNamed(m_pid, "qzfi") : -1;
   }
   ~CAgent() {
     if (m_pid > 0) {
@@ -177,11 +221,15 @@ class CAgent {
   CAgent(const CAgent&) = delete;
   CAgent& operator=(const CAgent&) = delete;
 
+  // The CPU time of the agent's process so far, in seconds.
+  double cpu() const { return cpuSeconds(m_server); }
+
   std::string socket;
   bool serving = false;
 
  private:
-  pid_t m_pid = -1;
+  pid_t m_pid = -1;     // the simulator's host process around the agent
+  pid_t m_server = -1;  // qzfi serve
 };
 
 // How the cycle's qzfi commands run (see the top of this file).
@@ -212,6 +260,7 @@ struct Totals {
   double split = 0;
   double exec = 0;
   double tools = 0;
+  double agentCpu = 0;
   long runs = 0;
   int cycles = 0;
   double own() const { return qzfi - exec; }
@@ -322,6 +371,9 @@ class Cycle {
     return result;
   }
 
+  // Both agents' CPU time so far; 0 without agents.
+  double agentCpu() const { return m_agentA ? m_agentA->cpu() + m_agentB->cpu() : 0; }
+
   const CAgent& agentOf(const std::string& host) const {
     return host == "A" ? *m_agentA : *m_agentB;
   }
@@ -343,7 +395,9 @@ class Cycle {
     args.insert(args.begin(), {QZFI_BINARY, "--json"});
     const long firstRun = std::stol(admin({"log", "--total"}));
     double seconds = 0;
+    const double cpuBefore = agentCpu();
     qzsim::CommandResult result = timed(host, args, seconds);
+    totals.agentCpu += agentCpu() - cpuBefore;
     if (result.status != 0) {
       error = step + ": " + result.out + result.err;
       return Json::object();
@@ -453,6 +507,10 @@ void runCycles(benchmark::State& state, const Shape& shape, const std::string& n
   state.counters["own_ms"] = perCycle(t.own());
   state.counters["own_per_disk_ms"] = perCycle(t.own()) / shape.disks;
   state.counters["runs"] = static_cast<double>(t.runs) / cycles;
+  if (shape.mode != Mode::oneshot) {
+    state.counters["agent_cpu_ms"] = perCycle(t.agentCpu);
+    state.counters["cpu_per_disk_ms"] = perCycle(t.agentCpu) / shape.disks;
+  }
   results()[name] = t;
 }
 
@@ -484,7 +542,7 @@ BENCHMARK(BM_Scale)
     ->Args({8, 8})
     ->Args({8, 32})
     ->Unit(benchmark::kMillisecond)
-    ->Iterations(2);
+    ->Iterations(1);
 
 // One-shot and agents side by side, against the target.
 void printSummary() {
