@@ -19,6 +19,8 @@
 
 #include <qzsim/sandbox.h>
 
+#include "qzfi_e2e.h"
+
 extern char** environ;
 
 namespace qzfi_e2e {
@@ -138,6 +140,15 @@ class CAgentProcess {
   std::string m_error;
   pid_t m_pid = -1;
 };
+
+// "qzfi --agent SOCKET ARGS..." run outside the sandbox: the agent works as
+// its host.
+inline QzfiRun viaAgent(const CAgentProcess& agent, const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {QZFI_BINARY, "--agent", agent.socket()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  const qzsim::CommandResult result = qzsim::runCommand(argv);
+  return {result.status, result.out, result.err};
+}
 
 }  // namespace qzfi_e2e
 

@@ -21,6 +21,7 @@ using qzfi_e2e::CAgentProcess;
 using qzfi_e2e::QzfiRun;
 using qzfi_e2e::QzfiTest;
 using qzfi_e2e::SimDisk;
+using qzfi_e2e::viaAgent;
 
 constexpr int kCycles = QZ_SOAK_CYCLES;
 // The agents' memory is measured once the caches and allocator have settled,
@@ -30,13 +31,6 @@ constexpr long kGrowthKb = 2048;
 
 class AgentSoakTest : public QzfiTest {
  protected:
-  QzfiRun viaAgent(const CAgentProcess& agent, const std::vector<std::string>& args) {
-    std::vector<std::string> argv = {QZFI_BINARY, "--agent", agent.socket()};
-    argv.insert(argv.end(), args.begin(), args.end());
-    const qzsim::CommandResult result = qzsim::runCommand(argv);
-    return {result.status, result.out, result.err};
-  }
-
   // Lines of host's trace logs that hold text.
   long tracedLines(const std::string& host, const std::string& text) {
     long count = 0;

@@ -21,6 +21,7 @@ using qzfi_e2e::Json;
 using qzfi_e2e::QzfiRun;
 using qzfi_e2e::QzfiTest;
 using qzfi_e2e::RawReply;
+using qzfi_e2e::viaAgent;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -106,13 +107,19 @@ class AgentTest : public QzfiTest {
     return agent;
   }
 
-  // "qzfi --agent SOCKET ARGS..." run outside the sandbox: the agent works
-  // as its host.
-  QzfiRun viaAgent(const CAgentProcess& agent, const std::vector<std::string>& args) {
-    std::vector<std::string> argv = {QZFI_BINARY, "--agent", agent.socket()};
-    argv.insert(argv.end(), args.begin(), args.end());
-    const qzsim::CommandResult result = qzsim::runCommand(argv);
-    return {result.status, result.out, result.err};
+  // The source prepared and deported through agent, split to A, and an
+  // import of the copy sent to agent: its client once the first step line
+  // has come, while the copy is still being built.
+  std::unique_ptr<CStreamingClient> importUnderWay(const CAgentProcess& agent) {
+    makeSource();
+    EXPECT_EQ(0, viaAgent(agent, {"prepare", kSource, "--record", record()}).status);
+    const std::string secondary = splitTo("A");
+    EXPECT_EQ(0, viaAgent(agent, {"deport", "--record", record()}).status);
+    auto client = std::make_unique<CStreamingClient>(
+        std::vector<std::string>{QZFI_BINARY, "--agent", agent.socket(), "import", "--record",
+                                 record(), "--secondary", secondary});
+    EXPECT_TRUE(client->readUntil("  init ")) << client->text();
+    return client;
   }
 
   long runsOf(const std::string& host, const std::string& tool) {
@@ -325,21 +332,13 @@ TEST_F(AgentTest, MalformedAndOversizedRequestsGetAnErrorReplyAndTheAgentGoesOn)
 }
 
 TEST_F(AgentTest, SigtermDuringACommandLetsItEndThenTheAgentExits0) {
-  makeSource();
   auto a = startAgent("A");
-  ASSERT_EQ(0, viaAgent(*a, {"prepare", kSource, "--record", record()}).status);
-  const std::string secondary = splitTo("A");
-  ASSERT_EQ(0, viaAgent(*a, {"deport", "--record", record()}).status);
-
-  CStreamingClient client({QZFI_BINARY, "--agent", a->socket(), "import", "--record", record(),
-                           "--secondary", secondary});
-  // The step lines come as the command goes: the first is there while the
-  // copy is still being built.
-  ASSERT_TRUE(client.readUntil("  init ")) << client.text();
-  EXPECT_THAT(client.text(), Not(HasSubstr("import: done")));
+  // The step lines come as the command goes.
+  const auto client = importUnderWay(*a);
+  EXPECT_THAT(client->text(), Not(HasSubstr("import: done")));
   kill(a->pid(), SIGTERM);
-  EXPECT_EQ(0, client.finish()) << client.text();
-  EXPECT_THAT(client.text(), HasSubstr("import: done"));
+  EXPECT_EQ(0, client->finish()) << client->text();
+  EXPECT_THAT(client->text(), HasSubstr("import: done"));
   EXPECT_EQ(0, a->wait()) << a->log();
   EXPECT_THAT(a->log(), HasSubstr("Terminated: the plug-in is finalised and the agent ends"));
   EXPECT_EQ("imported", readRecord()["step"]);
@@ -350,17 +349,8 @@ TEST_F(AgentTest, SigtermDuringACommandLetsItEndThenTheAgentExits0) {
 }
 
 TEST_F(AgentTest, AClientThatGoesAwayMidCommandStopsNeitherTheCommandNorTheAgent) {
-  makeSource();
   auto a = startAgent("A");
-  ASSERT_EQ(0, viaAgent(*a, {"prepare", kSource, "--record", record()}).status);
-  const std::string secondary = splitTo("A");
-  ASSERT_EQ(0, viaAgent(*a, {"deport", "--record", record()}).status);
-  {
-    CStreamingClient client({QZFI_BINARY, "--agent", a->socket(), "import", "--record", record(),
-                             "--secondary", secondary});
-    ASSERT_TRUE(client.readUntil("  init ")) << client.text();
-    client.kill(SIGKILL);
-  }
+  importUnderWay(*a)->kill(SIGKILL);
   // The agent takes the next command once the import has ended.
   const QzfiRun released = viaAgent(*a, {"release", "--record", record()});
   ASSERT_EQ(0, released.status) << released << a->log();
