@@ -17,6 +17,7 @@
 
 #include "agent_protocol.h"
 #include "command_line.h"
+#include "record.h"
 
 namespace qzfi_host {
 
@@ -29,14 +30,6 @@ constexpr int kReplySeconds = 30;
 
 std::string systemError(const std::string& what) {
   return what + ": " + strerror(errno);
-}
-
-std::string folderOf(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  if (slash == std::string::npos) {
-    return ".";
-  }
-  return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 sockaddr_un addressOf(const std::string& path) {
