@@ -95,8 +95,13 @@ TEST_F(AgentSoakTest, BackupCyclesThroughAgentsKeepTheDataRightAndTheMemoryFlat)
   RecordProperty("resident_kb_b", std::to_string(warmB) + " -> " + std::to_string(endB));
   std::cout << "resident memory after cycle " << kWarmCycle << " and " << kCycles << ": A " << warmA
             << " -> " << endA << " kB, B " << warmB << " -> " << endB << " kB\n";
+#ifndef __SANITIZE_ADDRESS__
+  // AddressSanitizer holds freed blocks in its quarantine, so its resident
+  // memory grows without a leak; its leak check at the agents' exit stands
+  // in for this bound there.
   EXPECT_LE(endA - warmA, kGrowthKb);
   EXPECT_LE(endB - warmB, kGrowthKb);
+#endif
 
   for (const char* host : {"A", "B"}) {
     EXPECT_EQ("1\n", admin({"log", "--host", host, "--tool", "rpm", "--total"})) << host;
