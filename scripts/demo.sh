@@ -4,13 +4,15 @@
 # on a simulated storage network with hosts A, B and C, every step a qzfi
 # command on its host:
 #   1. rebuild on another host: the volume's disks split from A to B, the copy
-#      rebuilt on B from the snapshot record, released after the backup;
+#      rebuilt on B from the snapshot record, released after the backup; its
+#      commands go through the hosts' agents ("qzfi serve" on A and on B, the
+#      plug-in loaded once in each), as a framework runs them;
 #   2. the intact copy moved on: rebuilt on B, deported intact, imported on C;
 #   3. rebuild on the same host: the copy beside the still-imported source;
 #   4. the resource flow: plain disks formatted, brought online, unformatted.
 # Each flow shows that the copy holds the source's data at split time
 # (checksums) and that nothing is left behind (no stray groups, qzsim check);
-# a summary table ends it.
+# a summary table ends it. The other flows run one qzfi process per command.
 # shellcheck disable=SC2317 # the flows are called through run_flow
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -39,17 +41,58 @@ check() {  # check WHAT CONDITION...: a condition the flow must meet
 }
 # A tool run as a host, outside qzfi.
 on() { local host=$1; shift; "$qzsim" run --host "$host" "$@"; }
-# qzfi on a host, in the simulator's sandbox; its tool runs are added up in
-# $work/runs for the flow's line of the summary.
+# qzfi on a host: through the host's agent while one runs (agent_on), else a
+# process of its own in the simulator's sandbox. Its tool runs are added up
+# in $work/runs for the flow's line of the summary.
+declare -A agent_pid=()
 qzfi_on() {
   local host=$1 before after status=0
   shift
-  echo "[$host] qzfi $*"
   before=$("$qzsim" log --total)
-  "$qzsim" host "$host" -- "$qzfi" "$@" || status=$?
+  if [ -n "${agent_pid[$host]:-}" ]; then
+    echo "[$host] qzfi --agent $work/run/$host.sock $*"
+    "$qzfi" --agent "$work/run/$host.sock" "$@" || status=$?
+  else
+    echo "[$host] qzfi $*"
+    "$qzsim" host "$host" -- "$qzfi" "$@" || status=$?
+  fi
   after=$("$qzsim" log --total)
   echo $((after - before)) >>"$work/runs"
   return "$status"
+}
+# The agent of a host: "qzfi serve" in the host's sandbox, its socket in a
+# folder of root's only; ready once it says where it serves.
+agent_on() {  # agent_on HOST
+  local host=$1 tries=0
+  [ -d "$work/run" ] || mkdir -m 0700 "$work/run"
+  "$qzsim" host "$host" -- "$qzfi" serve --socket "$work/run/$host.sock" \
+    >"$work/agent-$host.out" 2>"$work/agent-$host.log" &
+  agent_pid[$host]=$!
+  until grep -q "serving on" "$work/agent-$host.out"; do
+    if [ $((tries += 1)) -gt 100 ] || ! kill -0 "${agent_pid[$host]}" 2>/dev/null; then
+      cat "$work/agent-$host.log" >&2
+      return 1
+    fi
+    sleep 0.1
+  done
+  echo "[$host] $(cat "$work/agent-$host.out")"
+}
+# The agents still running, ended.
+agents_end() {
+  local pid
+  for pid in "${agent_pid[@]}"; do
+    kill -TERM "$pid"
+    wait "$pid" || true
+  done
+}
+# SIGTERM to a host's agent: it finalises the plug-in and exits 0.
+agent_stop() {  # agent_stop HOST
+  local host=$1 status=0
+  kill -TERM "${agent_pid[$host]}"
+  wait "${agent_pid[$host]}" || status=$?
+  unset "agent_pid[$host]"
+  echo "[$host] the agent ended with exit code $status after $(grep -c ': exit ' "$work/agent-$host.log") commands"
+  check "the agent on $host ended cleanly" [ "$status" -eq 0 ]
 }
 # The device path that qzfi import, format or online printed on a line of its own.
 device_of() { grep -x '/dev/[^ ]*' "$1" | tail -n 1; }
@@ -133,6 +176,10 @@ check_clean() {  # check_clean: no stray groups, a consistent simulation
 
 flow_rebuild() {
   local record=$work/rebuild.json
+  # The flow's subshell ends the agents that a failed step left running.
+  trap agents_end EXIT
+  agent_on A
+  agent_on B
   backup_to B "$record" 7
   qzfi_on B import --record "$record" --secondary "$(secondary_of "$work/split")" | tee "$work/out"
   local copy
@@ -140,6 +187,8 @@ flow_rebuild() {
   check_copy B "$copy"
   check "dg1 on A is untouched" [ "$(groups_on A)" = dg1 ]
   qzfi_on B release --record "$record"
+  agent_stop A
+  agent_stop B
   check_clean
 }
 
@@ -220,7 +269,7 @@ run_flow() {  # run_flow TITLE FUNCTION
   summary+=("$(printf '%-42s %-7s %9s %8s' "$title" "$result" "$runs" "$seconds")")
 }
 
-run_flow "rebuild on another host (A to B)" flow_rebuild
+run_flow "rebuild on another host (A to B), agents" flow_rebuild
 run_flow "intact copy moved on (A to B to C)" flow_move
 run_flow "rebuild on the same host (A)" flow_same_host
 run_flow "resources on plain disks (A)" flow_resources

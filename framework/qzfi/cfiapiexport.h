@@ -60,6 +60,10 @@ class CFiApiExport {
       return true;
     }
     gate.setDelayedInitRun();
+    // Once per plug-in object: a process that keeps the plug-in loaded
+    // shows one such line for its whole life.
+    TraceLogSingleton::instance()->trace(QZFI_TRACE_INFO,
+                                         "CFiApiExport - delayed initialisation of the plug-in");
     return gate.delayedInit() == 0;
   }
 

@@ -101,8 +101,7 @@ int CFlows::importCopy() {
   m_report.begin("import " + record.object + " on " + joined(m_options.secondary) + " (record " +
                  m_options.record + ")");
   startPlugin();
-  CNode node(*m_plugin, record.object);
-  restoreNode(node, record.state, "provider state");
+  CNode& node = recordNode(NodeRole::source, record.object, record.state, "provider state");
 
   CObjidList primary(record.subObjects);
   CObjidList secondary(m_options.secondary);
@@ -129,7 +128,7 @@ int CFlows::importCopy() {
   imported.detail = how + copy + (ownerFailed ? "; its owner could not be set (status 1091)" : "");
   m_report.step(std::move(imported));
 
-  CNode alternate(*m_plugin, copy);
+  CNode& alternate = newNode(NodeRole::copy, copy);
   requireSuccess(
       "initAltNode",
       [&] {
@@ -179,10 +178,9 @@ int CFlows::move() {
   const std::string copy = record.alternate.object;
   m_report.begin("move " + copy + " (record " + m_options.record + ")");
   startPlugin();
-  CNode node(*m_plugin, record.object);
-  restoreNode(node, record.state, "provider state");
-  CNode alternate(*m_plugin, copy);
-  restoreNode(alternate, record.alternate.state, "provider state of the copy");
+  CNode& node = recordNode(NodeRole::source, record.object, record.state, "provider state");
+  CNode& alternate =
+      recordNode(NodeRole::copy, copy, record.alternate.state, "provider state of the copy");
 
   qfi_accessnode access{};
   access.node = alternate.domain();
@@ -207,10 +205,9 @@ int CFlows::release() {
   m_report.begin("release " + copy + " (record " + m_options.record + ", disposition " +
                  std::to_string(m_options.disposition) + ")");
   startPlugin();
-  CNode node(*m_plugin, record.object);
-  restoreNode(node, record.state, "provider state");
-  CNode alternate(*m_plugin, copy);
-  restoreNode(alternate, record.alternate.state, "provider state of the copy");
+  CNode& node = recordNode(NodeRole::source, record.object, record.state, "provider state");
+  CNode& alternate =
+      recordNode(NodeRole::copy, copy, record.alternate.state, "provider state of the copy");
 
   requireSuccess(
       "online",

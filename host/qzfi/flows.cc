@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 
 #include <qzfi/folders.h>
@@ -73,10 +74,11 @@ std::string startFailure(const std::string& plugin, int status) {
 
 }  // namespace
 
-CFlows::CFlows(const Options& options, CReport& report)
+CFlows::CFlows(const Options& options, CReport& report, CAgentState* agent)
     : m_options(options),
       m_report(report),
-      m_watch([this](const std::string& line) { m_report.progress(line); }) {}
+      m_watch([this](const std::string& line) { m_report.progress(line); }),
+      m_agent(agent) {}
 
 CFlows::~CFlows() = default;
 
@@ -108,6 +110,7 @@ int CFlows::run() {
         return unformat();
       case Command::help:
       case Command::version:
+      case Command::serve:
         break;
     }
     return m_report.finish(kExitUsage, "not a flow: " + m_options.commandName);
@@ -120,14 +123,30 @@ int CFlows::run() {
   }
 }
 
-void CFlows::startPlugin() {
-  m_plugin = std::make_unique<CPluginLibrary>(m_options.plugin);
+void CFlows::loadPlugin() {
+  if (m_agent != nullptr) {
+    m_plugin = &m_agent->plugin();
+    return;
+  }
+  m_ownPlugin = std::make_unique<CPluginLibrary>(m_options.plugin);
+  m_plugin = m_ownPlugin.get();
   m_plugin->load();
+}
+
+StepOutcome CFlows::initStep() {
+  if (m_agent != nullptr) {
+    return runStep("init", [] { return 0; });
+  }
+  return runStep("init", [this] { return m_plugin->start(); });
+}
+
+void CFlows::startPlugin() {
+  loadPlugin();
   startLoadedPlugin();
 }
 
 void CFlows::startLoadedPlugin() {
-  StepOutcome outcome = runStep("init", [this] { return m_plugin->start(); });
+  StepOutcome outcome = initStep();
   if (outcome.status != 0) {
     const std::string why = startFailure(m_plugin->name(), outcome.status);
     outcome.ok = false;
@@ -136,7 +155,10 @@ void CFlows::startLoadedPlugin() {
     throw Failure{kExitPluginStart, why};
   }
   const std::string version = versionText(m_plugin->interfaceVersion());
-  finishStep(outcome, true, "started " + m_plugin->name() + " (interface version " + version + ")");
+  finishStep(
+      outcome, true,
+      "started " + m_plugin->name() + " (interface version " + version + ")" +
+          (m_agent != nullptr ? " once, by the agent (pid " + std::to_string(getpid()) + ")" : ""));
 }
 
 StepOutcome CFlows::runStep(const std::string& name, const std::function<int()>& call) {
@@ -206,6 +228,40 @@ ProviderState CFlows::saveNode(CNode& node, const std::string& what) {
   return state;
 }
 
+CNode& CFlows::recordNode(NodeRole role, const std::string& object, const ProviderState& state,
+                          const std::string& what) {
+  std::unique_ptr<CNode> kept;
+  if (m_agent != nullptr) {
+    kept = m_agent->take(recordKey(), role, object, state);
+  }
+  if (!kept) {
+    CNode& node = newNode(role, object);
+    restoreNode(node, state, what);
+    return node;
+  }
+  StepOutcome outcome = runStep("node", [] { return 0; });
+  finishStep(std::move(outcome), true,
+             what + " kept by the agent, as in the record (" + std::to_string(state.bytes.size()) +
+                 " bytes)");
+  m_nodes[role] = std::move(kept);
+  return *m_nodes[role];
+}
+
+CNode& CFlows::newNode(NodeRole role, const std::string& object) {
+  m_nodes[role].reset();
+  m_nodes[role] = std::make_unique<CNode>(*m_plugin, object);
+  return *m_nodes[role];
+}
+
+std::string CFlows::recordKey() const {
+  const std::string& file = m_options.record;
+  if (!file.empty() && file.front() == '/') {
+    return file;
+  }
+  std::unique_ptr<char, decltype(&free)> folder(getcwd(nullptr, 0), &free);
+  return std::string(folder ? folder.get() : ".") + "/" + file;
+}
+
 CSnapshotRecord CFlows::loadRecord(const std::vector<RecordStep>& allowed) {
   // A record that is not there is named as such by the loading.
   if (::access(m_options.record.c_str(), F_OK) == 0) {
@@ -230,13 +286,30 @@ void CFlows::saveRecord(CSnapshotRecord& record, const std::string& event, bool 
   record.note(m_options.commandName, event);
   record.save(m_options.record, exclusive);
   m_report.result("record", m_options.record, "record: " + m_options.record);
+  if (m_agent == nullptr) {
+    return;
+  }
+  const std::string key = recordKey();
+  if (record.step == RecordStep::released) {
+    m_agent->forget(key);
+    return;
+  }
+  auto keep = [&](NodeRole role, const ProviderState& state) {
+    auto node = m_nodes.find(role);
+    if (node != m_nodes.end() && node->second) {
+      m_agent->keep(key, role, std::move(node->second), state);
+    }
+  };
+  keep(NodeRole::source, record.state);
+  if (record.hasAlternate) {
+    keep(NodeRole::copy, record.alternate.state);
+  }
 }
 
 // Nothing but fini is called after an init that failed: the plug-in and
 // its file are told, and why it did not start.
 int CFlows::info() {
-  m_plugin = std::make_unique<CPluginLibrary>(m_options.plugin);
-  m_plugin->load();
+  loadPlugin();
   m_report.begin("info: plug-in " + m_plugin->name() + " at " + m_plugin->file());
   const std::string release = m_plugin->releaseText();
   try {

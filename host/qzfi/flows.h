@@ -6,16 +6,21 @@
 //   source_flows.cc     claim, prepare, deport and access: the source host
 //   alternate_flows.cc  import, move and release: the alternate host
 //   resource_flows.cc   format, online and unformat: plain disks
-// Each command is its own process: every step after prepare first restores
-// the plug-in's nodes from the provider state kept in the record.
+// Run alone, each command is its own process: every step after prepare
+// first restores the plug-in's nodes from the provider state kept in the
+// record. Run by the host's agent, a command uses the agent's plug-in,
+// started once, and takes back the nodes that the agent kept while the
+// record still holds their state; it writes the record all the same.
 #ifndef QZFI_HOST_FLOWS_H
 #define QZFI_HOST_FLOWS_H
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "agent_state.h"
 #include "nodes.h"
 #include "options.h"
 #include "plugin_library.h"
@@ -27,7 +32,8 @@ namespace qzfi_host {
 
 class CFlows {
  public:
-  CFlows(const Options& options, CReport& report);
+  // agent: the agent that runs the command, null when it runs alone.
+  CFlows(const Options& options, CReport& report, CAgentState* agent = nullptr);
   ~CFlows();
   CFlows(const CFlows&) = delete;
   CFlows& operator=(const CFlows&) = delete;
@@ -44,8 +50,15 @@ class CFlows {
 
   // flows.cc
   int info();
-  // Loads the plug-in and starts it as the step "init".
+  // Loads the plug-in and starts it as the step "init"; through an agent,
+  // the agent's plug-in, started already.
   void startPlugin();
+  // The plug-in's library: this command's own, loaded; through an agent,
+  // the agent's.
+  void loadPlugin();
+  // The step "init" of the plug-in, unreported; through an agent, which
+  // started it already, nothing to do.
+  StepOutcome initStep();
   // The step "init" of a loaded plug-in; exit code 5, and why, when its
   // init fails.
   void startLoadedPlugin();
@@ -67,9 +80,19 @@ class CFlows {
   // the plug-in's reason.
   void restoreNode(CNode& node, const ProviderState& state, const std::string& what);
   ProviderState saveNode(CNode& node, const std::string& what);
+  // The record's node of role for object: the agent's when it kept it with
+  // the record's state, else a new node restored from state.
+  CNode& recordNode(NodeRole role, const std::string& object, const ProviderState& state,
+                    const std::string& what);
+  // A new node of role for object, replacing any the command had.
+  CNode& newNode(NodeRole role, const std::string& object);
+  // The record's file as the agent knows it: an absolute path.
+  std::string recordKey() const;
   // The record of the options, checked for this command: made by this
   // plug-in, at one of the steps allowed, writable. Exit code 3 otherwise.
   CSnapshotRecord loadRecord(const std::vector<RecordStep>& allowed);
+  // Writes the record; through an agent, the command's nodes are then kept
+  // with the states written (dropped once the copy is released).
   void saveRecord(CSnapshotRecord& record, const std::string& event, bool exclusive);
 
   // source_flows.cc
@@ -96,9 +119,14 @@ class CFlows {
   const Options& m_options;
   CReport& m_report;
   CProgressWatch m_watch;
-  std::unique_ptr<CPluginLibrary> m_plugin;
-  // Held from the record's loading to the command's end.
+  // Held from the record's loading to the command's end, after its
+  // nodes and plug-in are gone.
   CRecordLock m_recordLock;
+  CAgentState* m_agent;
+  std::unique_ptr<CPluginLibrary> m_ownPlugin;  // run alone: the plug-in of this command
+  CPluginLibrary* m_plugin = nullptr;
+  // The command's nodes; they go before the plug-in they belong to.
+  std::map<NodeRole, std::unique_ptr<CNode>> m_nodes;
 };
 
 }  // namespace qzfi_host

@@ -17,7 +17,7 @@ const std::map<std::string, Command> kCommands = {
     {"prepare", Command::prepare}, {"deport", Command::deport},   {"import", Command::import},
     {"move", Command::move},       {"release", Command::release}, {"access", Command::access},
     {"format", Command::format},   {"online", Command::online},   {"unformat", Command::unformat},
-    {"version", Command::version}};
+    {"serve", Command::serve},     {"version", Command::version}};
 
 // Names that reach the plug-in, and through it the volume manager's command
 // lines: device paths, disk, group and volume names. Only the characters
@@ -172,6 +172,8 @@ void parseCommand(Options& options, ArgumentReader& args) {
       options.group = checkedObjectName("disk group", args.value(option));
     } else if (option == "--volume" && options.command == Command::format) {
       options.volume = checkedObjectName("volume", args.value(option));
+    } else if (option == "--socket" && options.command == Command::serve) {
+      options.socket = args.value(option);
     } else if (option == "--persistent" &&
                (options.command == Command::online || options.command == Command::unformat)) {
       options.persistent = true;
@@ -184,6 +186,7 @@ void parseCommand(Options& options, ArgumentReader& args) {
     case Command::help:
     case Command::version:
     case Command::info:
+    case Command::serve:
       if (!plain.empty()) {
         args.unknown(plain.front());
       }
@@ -233,6 +236,10 @@ void parseCommand(Options& options, ArgumentReader& args) {
 
 }  // namespace
 
+bool isCommandName(const std::string& name) {
+  return kCommands.count(name) != 0;
+}
+
 Options parseOptions(const std::vector<std::string>& args) {
   Options options;
   size_t next = 1;
@@ -278,6 +285,8 @@ std::string helpText() {
   return R"(qzfi - drive a snapshot plug-in through a whole backup
 
 Usage: qzfi [--plugin NAME|FILE] [--json] [--quiet] [--verbose] COMMAND [ARGUMENTS]
+       qzfi [--plugin NAME|FILE] serve [--socket PATH]
+       qzfi --agent [SOCKET] [--json] [--quiet] [--verbose] COMMAND [ARGUMENTS]
 
 Commands:
   info                        the plug-in's provider, interface version, release
@@ -307,6 +316,9 @@ Commands:
                               the group and volume on the disks brought online
   unformat [--persistent] DISK...
                               the volume manager's identity removed from disks
+  serve [--socket PATH]       the host's agent: the plug-in loaded and started
+                              once, commands taken from qzfi --agent over the
+                              socket PATH (default /run/qzfi/agent.sock)
   help, version
 
 Options:
@@ -316,6 +328,9 @@ Options:
   --quiet             only the result (a device path) on standard output
   --verbose           also the messages of steps that succeeded, as notes
                       (a volume manager's "no" to a question, for instance)
+  --agent [SOCKET]    the command run by the agent at SOCKET (default
+                      $QZFI_AGENT_SOCKET, else /run/qzfi/agent.sock); with
+                      QZFI_AGENT_SOCKET set, every command goes to its agent
 These options go before or after the command.
 
 Exit codes:
@@ -327,6 +342,7 @@ Exit codes:
   4  the plug-in cannot be found or loaded, or lacks an entry point
   5  the plug-in did not start (its init failed)
   6  a plug-in operation failed; its messages are printed
+  7  the agent cannot be reached, or refused the request
 )";
 }
 
@@ -344,6 +360,8 @@ const char* exitCodeName(int code) {
       return "plug-in not loaded";
     case kExitPluginStart:
       return "plug-in not started";
+    case kExitAgent:
+      return "agent unusable";
     default:
       return "failed";
   }

@@ -17,7 +17,8 @@ enum ExitCode {
   kExitRecord = 3,       // the record cannot be used for this command
   kExitPluginLoad = 4,   // the plug-in cannot be found or loaded, or lacks an entry point
   kExitPluginStart = 5,  // the plug-in did not start (its init failed)
-  kExitFailed = 6        // a plug-in operation failed
+  kExitFailed = 6,       // a plug-in operation failed
+  kExitAgent = 7         // the agent cannot be reached, or refused the request
 };
 
 enum class Command {
@@ -33,7 +34,8 @@ enum class Command {
   access,
   format,
   online,
-  unformat
+  unformat,
+  serve
 };
 
 struct Options {
@@ -54,6 +56,7 @@ struct Options {
   std::string volume;                  // format: --volume VOL
   std::vector<std::string> disks;      // format, online, unformat
   bool persistent = false;             // online, unformat: the disks stay visible to this host
+  std::string socket;                  // serve: --socket PATH
 };
 
 // A command line qzfi refuses; what() says why, for the user.
@@ -64,6 +67,9 @@ class UsageError : public std::runtime_error {
 
 // The options of argv (argv[0] is the program). Throws UsageError.
 Options parseOptions(const std::vector<std::string>& args);
+
+// Whether name is one of qzfi's commands.
+bool isCommandName(const std::string& name);
 
 // The help text: usage, commands, options and exit codes.
 std::string helpText();

@@ -34,14 +34,6 @@ std::string systemError(int err) {
   return std::strerror(err);
 }
 
-std::string folderOf(const std::string& file) {
-  const size_t slash = file.rfind('/');
-  if (slash == std::string::npos) {
-    return ".";
-  }
-  return slash == 0 ? "/" : file.substr(0, slash);
-}
-
 bool isUtf8(const std::string& bytes) {
   try {
     Json(bytes).dump();
@@ -426,6 +418,14 @@ void CRecordLock::acquire(const std::string& file) {
 
 void CSnapshotRecord::note(const std::string& command, const std::string& detail) {
   events.push_back({command, utcNow(), detail});
+}
+
+std::string folderOf(const std::string& file) {
+  const size_t slash = file.rfind('/');
+  if (slash == std::string::npos) {
+    return ".";
+  }
+  return slash == 0 ? "/" : file.substr(0, slash);
 }
 
 }  // namespace qzfi_host

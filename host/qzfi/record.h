@@ -103,6 +103,10 @@ class CRecordLock {
 nlohmann::ordered_json providerStateJson(const ProviderState& state);
 ProviderState providerStateOf(const nlohmann::ordered_json& json);
 
+// The folder that holds file (a record, the agent's socket): "." for a bare
+// name, "/" for a file at the root.
+std::string folderOf(const std::string& file);
+
 }  // namespace qzfi_host
 
 #endif  // QZFI_HOST_RECORD_H

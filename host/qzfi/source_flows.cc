@@ -38,7 +38,7 @@ int CFlows::prepare() {
   m_recordLock.acquire(m_options.record);
   m_report.begin("prepare " + m_options.path + " (record " + m_options.record + ")");
   startPlugin();
-  CNode node(*m_plugin, m_options.path);
+  CNode& node = newNode(NodeRole::source, m_options.path);
 
   qzfi_objid** secondary = nullptr;
   int count = 0;
@@ -87,8 +87,7 @@ int CFlows::deport() {
   CSnapshotRecord record = loadRecord({RecordStep::prepared});
   m_report.begin("deport " + record.object + " (record " + m_options.record + ")");
   startPlugin();
-  CNode node(*m_plugin, record.object);
-  restoreNode(node, record.state, "provider state");
+  CNode& node = recordNode(NodeRole::source, record.object, record.state, "provider state");
 
   qfi_accessnode access{};
   access.node = node.domain();
@@ -127,8 +126,7 @@ int CFlows::access() {
   m_report.begin(std::string("access ") + (on ? "on " : "off ") + record.object + " (record " +
                  m_options.record + ")");
   startPlugin();
-  CNode node(*m_plugin, record.object);
-  restoreNode(node, record.state, "provider state");
+  CNode& node = recordNode(NodeRole::source, record.object, record.state, "provider state");
   CNodeSubobjList list(node, record.subObjects);
   if (on) {
     requireSuccess(

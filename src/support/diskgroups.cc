@@ -74,6 +74,10 @@ void CQzVMSupport::getNewDGName(const std::string& base, std::string& name) {
     std::string candidate = base + "_" + qzfi_pdk_4_4::CFiStringTool::int2str(pid + i);
     MAKE_NAME_RFIT(candidate);
     if (isUniqueInVector(groups, candidate)) {
+      // No group holds the name now: what the cache says under it is of a
+      // group that is gone (in a long-lived process the same name comes
+      // back for the next copy).
+      m_dgInfo.erase(candidate);
       name = candidate;
       trace(3, "CQzVMSupport::getNewDGName - created new unique dg name '%s'.", name.c_str());
       return;

@@ -61,6 +61,13 @@ std::string refusalOf(const Json& json) {
   return "read";
 }
 
+TEST(Record, FolderOfAFileIsWhatComesBeforeItsLastSlash) {
+  EXPECT_EQ("/tmp/b", qzfi_host::folderOf("/tmp/b/backup.json"));
+  EXPECT_EQ("/", qzfi_host::folderOf("/backup.json"));
+  EXPECT_EQ(".", qzfi_host::folderOf("backup.json"));
+  EXPECT_EQ("run", qzfi_host::folderOf("run/agent.sock"));
+}
+
 TEST(Record, EveryFieldComesBackFromItsJson) {
   const CSnapshotRecord record = sample();
   const CSnapshotRecord read = CSnapshotRecord::fromJson(record.toJson());

@@ -267,6 +267,25 @@ TEST_F(SupportOpsTest, GetDisksForDGIsCached) {
   EXPECT_TRUE(wasTraced(3, "Debug: getDisksForDG returned value from map"));
 }
 
+// A name handed out as new comes back in a long-lived process once its
+// earlier group is gone: the disks cached for that group are not the new
+// one's.
+TEST_F(SupportOpsTest, ANewGroupNameForgetsTheDisksCachedForAGroupGoneByThatName) {
+  const std::string group = "dg_" + std::to_string(getpid());
+  answer(cmd("qzdisk   -g " + group + "  list "), 0, kDgDisks);
+  Lines disks;
+  ASSERT_EQ(m_support->getDisksForDG(group.c_str(), disks), 0);
+  answer(cmd("qzdg   list "), 0, out({"NAME STATE ID"}));
+  std::string name;
+  m_support->getNewDGName("dg", name);
+  ASSERT_EQ(name, group);
+  answer(cmd("qzdisk   -g " + group + "  list "), 0,
+         out({"DEVICE TYPE DISK GROUP STATUS", "qzarr0_7 auto:cdsdisk - - online"}));
+  Lines again;
+  EXPECT_EQ(m_support->getDisksForDG(group.c_str(), again), 0);
+  EXPECT_EQ(again, (Lines{"qzarr0_7"}));
+}
+
 TEST_F(SupportOpsTest, GetDisksForDGRejectsOutputWithoutHeader) {
   answer(cmd("qzdisk   -g dg1  list "), 0);
   Lines disks;

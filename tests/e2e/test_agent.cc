@@ -1,0 +1,363 @@
+// Backups through the hosts' agents (qzfi serve on A and B, qzfi --agent as
+// the client): the copy as the one-shot form makes it, the nodes kept in
+// the agents between commands, the record carried across an agent's
+// restart, and the socket's safety: refused peers, malformed requests,
+// SIGTERM during a command, a client that goes away.
+#include <linux/capability.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+
+#include <thread>
+
+#include "agent_client_raw.h"
+#include "agent_process.h"
+#include "qzfi_e2e.h"
+
+namespace {
+
+using qzfi_e2e::CAgentProcess;
+using qzfi_e2e::Json;
+using qzfi_e2e::QzfiRun;
+using qzfi_e2e::QzfiTest;
+using qzfi_e2e::RawReply;
+using qzfi_e2e::viaAgent;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+const std::string kSource = "/dev/qz/dsk/dg1/vol1";
+
+// A client whose output the test reads as it comes.
+class CStreamingClient {
+ public:
+  explicit CStreamingClient(const std::vector<std::string>& argv) {
+    int out[2];
+    if (pipe2(out, O_CLOEXEC) != 0) {
+      return;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    std::vector<char*> args;
+    for (const std::string& arg : argv) {
+      args.push_back(const_cast<char*>(arg.c_str()));
+    }
+    args.push_back(nullptr);
+    if (posix_spawn(&m_pid, argv[0].c_str(), &actions, nullptr, args.data(), environ) != 0) {
+      m_pid = -1;
+    }
+    posix_spawn_file_actions_destroy(&actions);
+    close(out[1]);
+    m_out = out[0];
+  }
+  ~CStreamingClient() {
+    if (m_out >= 0) {
+      close(m_out);
+    }
+    if (m_pid > 0) {
+      wait();
+    }
+  }
+
+  // Reads until text has come (true) or the output ends (false).
+  bool readUntil(const std::string& text) {
+    char c = 0;
+    while (m_text.find(text) == std::string::npos) {
+      if (read(m_out, &c, 1) != 1) {
+        return false;
+      }
+      m_text += c;
+    }
+    return true;
+  }
+  // The rest of the output, and the client's exit status.
+  int finish() {
+    readUntil(std::string(1, '\0'));
+    return wait();
+  }
+  void kill(int sig) { ::kill(m_pid, sig); }
+  int wait() {
+    int status = 0;
+    while (waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    m_pid = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  const std::string& text() const { return m_text; }
+
+ private:
+  pid_t m_pid = -1;
+  int m_out = -1;
+  std::string m_text;
+};
+
+class AgentTest : public QzfiTest {
+ protected:
+  void SetUp() override {
+    QzfiTest::SetUp();
+    m_run = root() + "/run";
+    ASSERT_EQ(0, mkdir(m_run.c_str(), 0700));
+  }
+
+  std::unique_ptr<CAgentProcess> startAgent(const std::string& host) {
+    auto agent = std::make_unique<CAgentProcess>(root(), host, m_run);
+    EXPECT_EQ("", agent->error());
+    return agent;
+  }
+
+  // The source prepared and deported through agent, split to A, and an
+  // import of the copy sent to agent: its client once the first step line
+  // has come, while the copy is still being built.
+  std::unique_ptr<CStreamingClient> importUnderWay(const CAgentProcess& agent) {
+    makeSource();
+    EXPECT_EQ(0, viaAgent(agent, {"prepare", kSource, "--record", record()}).status);
+    const std::string secondary = splitTo("A");
+    EXPECT_EQ(0, viaAgent(agent, {"deport", "--record", record()}).status);
+    auto client = std::make_unique<CStreamingClient>(
+        std::vector<std::string>{QZFI_BINARY, "--agent", agent.socket(), "import", "--record",
+                                 record(), "--secondary", secondary});
+    EXPECT_TRUE(client->readUntil("  init ")) << client->text();
+    return client;
+  }
+
+  long runsOf(const std::string& host, const std::string& tool) {
+    return std::stol(admin({"log", "--host", host, "--tool", tool, "--total"}));
+  }
+
+  static std::vector<std::string> stepNames(const Json& document) {
+    std::vector<std::string> names;
+    for (const Json& step : document["steps"]) {
+      names.push_back(step["step"].get<std::string>());
+    }
+    return names;
+  }
+
+  std::string m_run;
+};
+
+TEST_F(AgentTest, ABackupThroughAgentsOnAAndBMakesTheCopyAndKeepsTheNodes) {
+  makeSource();
+  auto a = startAgent("A");
+  auto b = startAgent("B");
+  ASSERT_THAT(a->readyLine(), HasSubstr("qzvmfi started; serving on " + a->socket()));
+  struct stat socket {};
+  ASSERT_EQ(0, stat(a->socket().c_str(), &socket));
+  EXPECT_EQ(0600u, socket.st_mode & 07777);
+
+  const QzfiRun prepared = viaAgent(*a, {"prepare", kSource, "--record", record()});
+  ASSERT_EQ(0, prepared.status) << prepared;
+  EXPECT_THAT(prepared.out, HasSubstr("once, by the agent (pid " + std::to_string(a->pid())));
+  const std::string secondary = splitTo("B");
+  const QzfiRun deported = viaAgent(*a, {"--json", "deport", "--record", record()});
+  ASSERT_EQ(0, deported.status) << deported;
+  const Json deport = deported.json();
+  EXPECT_EQ("done", deport["result"]);
+  // The node prepare made is the one deport works on: nothing restored.
+  EXPECT_THAT(stepNames(deport),
+              ElementsAre("init", "node", "deportTree", "postDeport", "processProviderState"));
+  EXPECT_EQ("deported", readRecord()["step"]);
+
+  const QzfiRun imported =
+      viaAgent(*b, {"--quiet", "import", "--record", record(), "--secondary", secondary});
+  ASSERT_EQ(0, imported.status) << imported;
+  const std::string copy = qzfi_e2e::linesOf(imported.out).at(0);
+  const auto [group, volume] = groupAndVolume(copy);
+  EXPECT_EQ(m_sourceSum, checksum("B", group, volume));
+  EXPECT_EQ("1001:1002", ownerOf("B", copy));
+  EXPECT_EQ("1001:1002", ownerOf("B", "/dev/qz/rdsk/" + group + "/" + volume));
+
+  const QzfiRun released = viaAgent(*b, {"release", "--record", record()});
+  ASSERT_EQ(0, released.status) << released;
+  EXPECT_THAT(released.out, HasSubstr("provider state of the copy kept by the agent"));
+  EXPECT_THAT(groups("B"), IsEmpty());
+  EXPECT_EQ("released", readRecord()["step"]);
+  // Each agent probed the installation once, when it started.
+  EXPECT_EQ(1, runsOf("A", "rpm"));
+  EXPECT_EQ(1, runsOf("B", "rpm"));
+  EXPECT_EQ(0, a->stop()) << a->log();
+  EXPECT_EQ(0, b->stop()) << b->log();
+  EXPECT_THAT(a->log(), HasSubstr("deport --record " + record() + ": exit 0"));
+  expectConsistent();
+}
+
+TEST_F(AgentTest, AnAgentRestartedBetweenDeportAndImportCarriesOnFromTheRecord) {
+  makeSource();
+  auto a = startAgent("A");
+  ASSERT_EQ(0, viaAgent(*a, {"prepare", kSource, "--record", record()}).status);
+  const std::string secondary = splitTo("A");
+  ASSERT_EQ(0, viaAgent(*a, {"deport", "--record", record()}).status);
+  EXPECT_EQ(0, a->stop()) << a->log();
+
+  a = startAgent("A");
+  const QzfiRun imported =
+      viaAgent(*a, {"--json", "import", "--record", record(), "--secondary", secondary});
+  ASSERT_EQ(0, imported.status) << imported;
+  const Json import = imported.json();
+  // The new agent has no node of the record: it restores it from the record.
+  EXPECT_EQ("processProviderState", stepNames(import).at(1));
+  const std::string copy = import["device"].get<std::string>();
+  const auto [group, volume] = groupAndVolume(copy);
+  EXPECT_EQ(m_sourceSum, checksum("A", group, volume));
+  // The one-shot form carries on from what the agent wrote.
+  const QzfiRun released = qzfi("A", {"release", "--record", record()});
+  ASSERT_EQ(0, released.status) << released;
+  EXPECT_THAT(groups("A"), ElementsAre("dg1"));
+  EXPECT_EQ(0, a->stop()) << a->log();
+  expectConsistent();
+}
+
+TEST_F(AgentTest, OutputAndExitCodesAreTheOneShotFormsOnesForRefusalsToo) {
+  auto a = startAgent("A");
+  const QzfiRun usage = viaAgent(*a, {"deport"});
+  EXPECT_EQ(2, usage.status);
+  EXPECT_EQ("qzfi: deport: --record FILE is required\n(qzfi help lists the commands)\n", usage.err);
+  const QzfiRun missing = viaAgent(*a, {"deport", "--record", "missing.json"});
+  const QzfiRun alone = qzfi("A", {"deport", "--record", "missing.json"});
+  EXPECT_EQ(3, missing.status);
+  EXPECT_EQ(alone.status, missing.status);
+  EXPECT_EQ(alone.err, missing.err);
+  const QzfiRun serve = viaAgent(*a, {"serve"});
+  EXPECT_EQ(2, serve.status);
+  const QzfiRun other = viaAgent(*a, {"--plugin", "other", "info"});
+  EXPECT_EQ(4, other.status);
+  EXPECT_THAT(other.err, HasSubstr("the agent serves the plug-in qzvmfi"));
+  const QzfiRun help = viaAgent(*a, {"help"});
+  EXPECT_EQ(0, help.status);
+  EXPECT_EQ(qzfi("A", {"help"}).out, help.out);
+  EXPECT_EQ(0, a->stop());
+}
+
+TEST_F(AgentTest, APeerThatIsNeitherRootNorTheOwnerIsRefusedAndTheAgentGoesOn) {
+  auto a = startAgent("A");
+  // Folder and socket keep other users out; a process of another uid that
+  // may override file permissions still meets the peer check.
+  int answer[2];
+  ASSERT_EQ(0, pipe(answer));
+  const pid_t child = fork();
+  if (child == 0) {
+    close(answer[0]);
+    prctl(PR_SET_KEEPCAPS, 1);
+    if (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0) {
+      _exit(90);
+    }
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct caps[2] = {};
+    caps[0].effective = caps[0].permitted = 1u << CAP_DAC_OVERRIDE;
+    if (syscall(SYS_capset, &header, caps) != 0) {
+      _exit(91);
+    }
+    const RawReply reply = qzfi_e2e::exchange(a->socket(), qzfi_e2e::request("/", {"version"}));
+    const std::string text = std::to_string(reply.code) + "\n" + reply.err + reply.out;
+    if (write(answer[1], text.data(), text.size()) < 0) {
+      _exit(92);
+    }
+    _exit(reply.connected ? 0 : 93);
+  }
+  close(answer[1]);
+  std::string text;
+  char buffer[512];
+  for (ssize_t n; (n = read(answer[0], buffer, sizeof buffer)) > 0;) {
+    text.append(buffer, static_cast<size_t>(n));
+  }
+  close(answer[0]);
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  ASSERT_EQ(0, WEXITSTATUS(status)) << text;
+  EXPECT_EQ(
+      "7\nqzfi: the agent refused the request: uid 65534 is neither root nor the agent's owner "
+      "(uid 0)\n",
+      text);
+  EXPECT_THAT(a->log(), HasSubstr("refused a client of uid 65534"));
+  const QzfiRun version = viaAgent(*a, {"version"});
+  EXPECT_EQ(0, version.status) << version;
+  EXPECT_EQ(0, a->stop());
+}
+
+TEST_F(AgentTest, ASocketFolderOpenToOthersOrOfAnotherOwnerIsRefused) {
+  const std::string open = root() + "/open";
+  ASSERT_EQ(0, mkdir(open.c_str(), 0700));
+  ASSERT_EQ(0, chmod(open.c_str(), 0755));
+  CAgentProcess wide(root(), "A", open);
+  EXPECT_THAT(wide.error(), HasSubstr("has the mode 0755: others may enter it"));
+  EXPECT_EQ(7, wide.wait());
+  ASSERT_EQ(0, chmod(open.c_str(), 0700));
+  ASSERT_EQ(0, chown(open.c_str(), 65534, 65534));
+  CAgentProcess foreign(root(), "A", open);
+  EXPECT_THAT(foreign.error(), HasSubstr("belongs to uid 65534, not to the agent's owner (uid 0)"));
+  EXPECT_EQ(7, foreign.wait());
+  // A missing folder is made, the owner's only.
+  CAgentProcess made(root(), "A", root() + "/made");
+  ASSERT_EQ("", made.error());
+  struct stat folder {};
+  ASSERT_EQ(0, stat((root() + "/made").c_str(), &folder));
+  EXPECT_EQ(0700u, folder.st_mode & 07777);
+  EXPECT_EQ(0, made.stop());
+}
+
+TEST_F(AgentTest, MalformedAndOversizedRequestsGetAnErrorReplyAndTheAgentGoesOn) {
+  auto a = startAgent("A");
+  const RawReply empty = qzfi_e2e::exchange(a->socket(), qzfi_e2e::frame('Q', ""));
+  EXPECT_EQ(7, empty.code);
+  const std::string huge = std::string(1, 'Q') + std::string("\x00\x10\x00\x00", 4);
+  const RawReply tooLarge = qzfi_e2e::exchange(a->socket(), huge);
+  EXPECT_EQ(7, tooLarge.code);
+  EXPECT_EQ(
+      "qzfi: the agent refused the request: a request of 1048576 bytes is larger than the "
+      "65536 an agent takes\n",
+      tooLarge.err);
+  const RawReply wrongKind = qzfi_e2e::exchange(a->socket(), qzfi_e2e::frame('Z', "x"));
+  EXPECT_EQ(7, wrongKind.code);
+  EXPECT_THAT(wrongKind.err, HasSubstr("malformed request"));
+  const RawReply wrongVersion = qzfi_e2e::exchange(
+      a->socket(), qzfi_e2e::frame('Q', std::string("qzfi-agent/9\0/\0version\0", 23)));
+  EXPECT_EQ(7, wrongVersion.code);
+  EXPECT_EQ(
+      "qzfi: the agent refused the request: malformed request: not a request of qzfi-agent/1\n",
+      wrongVersion.err);
+  const RawReply relative = qzfi_e2e::exchange(a->socket(), qzfi_e2e::request("here", {"version"}));
+  EXPECT_THAT(relative.err, HasSubstr("working folder is not an absolute path"));
+  const RawReply unended = qzfi_e2e::exchange(
+      a->socket(), qzfi_e2e::frame('Q', std::string("qzfi-agent/1\0/\0version", 22)));
+  EXPECT_THAT(unended.err, HasSubstr("the request's last field has no end"));
+  const RawReply nothing = qzfi_e2e::exchange(a->socket(), "");
+  EXPECT_EQ(7, nothing.code);
+  // A well-formed request is served as before.
+  const RawReply version = qzfi_e2e::exchange(a->socket(), qzfi_e2e::request("/", {"version"}));
+  EXPECT_EQ(0, version.code);
+  EXPECT_THAT(version.out, HasSubstr("qzfi "));
+  EXPECT_EQ(0, a->stop());
+}
+
+TEST_F(AgentTest, SigtermDuringACommandLetsItEndThenTheAgentExits0) {
+  auto a = startAgent("A");
+  // The step lines come as the command goes.
+  const auto client = importUnderWay(*a);
+  EXPECT_THAT(client->text(), Not(HasSubstr("import: done")));
+  kill(a->pid(), SIGTERM);
+  EXPECT_EQ(0, client->finish()) << client->text();
+  EXPECT_THAT(client->text(), HasSubstr("import: done"));
+  EXPECT_EQ(0, a->wait()) << a->log();
+  EXPECT_THAT(a->log(), HasSubstr("Terminated: the plug-in is finalised and the agent ends"));
+  EXPECT_EQ("imported", readRecord()["step"]);
+  const auto [group, volume] = groupAndVolume(readRecord()["alternate"]["object"]);
+  EXPECT_EQ(m_sourceSum, checksum("A", group, volume));
+  struct stat gone {};
+  EXPECT_NE(0, stat(a->socket().c_str(), &gone));
+}
+
+TEST_F(AgentTest, AClientThatGoesAwayMidCommandStopsNeitherTheCommandNorTheAgent) {
+  auto a = startAgent("A");
+  importUnderWay(*a)->kill(SIGKILL);
+  // The agent takes the next command once the import has ended.
+  const QzfiRun released = viaAgent(*a, {"release", "--record", record()});
+  ASSERT_EQ(0, released.status) << released << a->log();
+  EXPECT_THAT(groups("A"), ElementsAre("dg1"));
+  EXPECT_THAT(a->log(), HasSubstr("exit 0 (the client had gone)"));
+  EXPECT_EQ(0, a->stop());
+  expectConsistent();
+}
+
+}  // namespace
