@@ -78,7 +78,7 @@ TEST_F(FaultsTest, PartialKindPrintsHalfTheOutputAndChangesNothing) {
 TEST_F(FaultsTest, KindsAreNamed) {
   CommandResult r = admin({"fault", "add", "--kind", "later"});
   EXPECT_EQ(r.status, 2);
-  EXPECT_EQ(r.err, "qzsim: --kind takes fail|after|partial|hang.\n");
+  EXPECT_EQ(r.err, "qzsim: --kind takes fail|after|partial|hang|kill.\n");
   adminOk({"fault", "add", "--kind", "hang", "--match", "nothing"});
   EXPECT_EQ(splitBlanks(lines(adminOk({"fault", "list"}))[1])[4], "hang");
 }

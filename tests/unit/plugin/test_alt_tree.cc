@@ -514,8 +514,9 @@ TEST_F(AltTreeTest, InitAltNodeCatchesEveryExceptionKindAndTakesTheGroupAway) {
     TestNode copy(copyPath());
     EXPECT_EQ(6, throwing->initAltNode(node(), nullptr, &copy.domain, false));
     EXPECT_EQ(reportedFor(kind, "initAltNode", "../plugin"), caughtMessages(pushed()));
-    // deportAndDestroyDG asked for the group.
-    EXPECT_EQ(run({"qzdg   list " + copyDG(), "qzdg   list " + copyDG()}), commands());
+    // deportAndDestroyDG asked for the group, and the disks for one it left.
+    EXPECT_EQ(run({"qzdg   list " + copyDG(), "qzdisk   list ", "qzdg   list " + copyDG()}),
+              commands());
   });
 }
 
