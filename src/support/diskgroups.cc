@@ -15,10 +15,16 @@ using qzvm_support_internal::contains;
 using qzvm_support_internal::lineHolding;
 using qzvmfi_report::joinLines;
 
-// The group is imported here exactly when its listing succeeds.
+// Only the volume manager's "not found" (status 11) says that the group is
+// not imported here. A listing that failed otherwise says nothing of it:
+// taking the group for gone would skip its deport or destroy and then take
+// its disks away under it (their device nodes deleted under an imported
+// group), so it counts as present and the step that follows fails in the
+// open.
 bool CQzVMSupport::isDGPresent(const std::string& dg) {
+  const int kNotFound = 11;
   std::vector<std::string> output;
-  return run(tool("qzdg  ", " list ", dg), output) == 0;
+  return run(tool("qzdg  ", " list ", dg), output) != kNotFound;
 }
 
 bool CQzVMSupport::isDGEnabled(const std::string& dg) {
