@@ -1,5 +1,7 @@
 // The plug-in's frame: construction, init and fini, the node private data,
 // and the small operations that only answer the framework.
+#include <memory>
+
 #include "qzvm_plugin.h"
 
 using qzfi_pdk_4_4::CFiMessageCatalogFactory;
@@ -120,11 +122,12 @@ int CQzVMPlugin::enumerateFims(qfi_fim_list**) {
 int CQzVMPlugin::getProviderInfo(qfi_provider_list** list) {
   QZ_PLUGIN_SCOPE("getProviderInfo");
   return reportingExceptions({"getProviderInfo", kQzVMPluginSource, __LINE__}, 6, [&] {
-    char** names = CFiStringTool::tstrduplist({"qzvm"});
+    // Freed also when the framework's builder throws.
+    const std::unique_ptr<char*, void (*)(char**)> names(CFiStringTool::tstrduplist({"qzvm"}),
+                                                         &CFiStringTool::tstrfreelist);
     const int status = names != nullptr
-                           ? qzfi_build_providerlist_node(list, kQzVMPluginName, names, 1)
+                           ? qzfi_build_providerlist_node(list, kQzVMPluginName, names.get(), 1)
                            : QFI_E_NOMEM;
-    CFiStringTool::tstrfreelist(names);
     if (status != 0) {
       QZ_TRACE(m_traceLog, 1, "Error in getting provider info");
     }
