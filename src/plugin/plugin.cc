@@ -1,8 +1,8 @@
 // The plug-in's frame: construction, init and fini, the node private data,
 // and the small operations that only answer the framework.
-#include <memory>
-
 #include "qzvm_plugin.h"
+
+#include <memory>
 
 using qzfi_pdk_4_4::CFiMessageCatalogFactory;
 using qzfi_pdk_4_4::CFiMessageCatalogFactoryPtr;
