@@ -18,6 +18,18 @@
 
 namespace {
 
+// Under the sanitizers, where every run costs several times as much, the
+// sweep keeps to the failing run, at every fourth run to sweep (and the
+// first and the last), to hold CI's time; the release build sweeps every
+// kind at every run.
+#ifdef QZ_FAULT_SWEEP_SAMPLE
+const auto kKinds = ::testing::Values("fail");
+const size_t kStride = QZ_FAULT_SWEEP_SAMPLE;
+#else
+const auto kKinds = ::testing::Values("fail", "after", "partial");
+const size_t kStride = 1;
+#endif
+
 using qzvmfi_it::holds;
 using qzvmfi_it::Lines;
 using qzvmfi_it::parseDisks;
@@ -160,6 +172,17 @@ class PluginFaultTest : public PluginHostTest, public ::testing::WithParamInterf
   // Which of the host's last runs (numbered from 1) a failure of this kind
   // can tell apart from a run that does nothing: those that change
   // something for "after", those that print something for "partial".
+  // Every kStride-th run of those to sweep, the first and the last.
+  static std::vector<unsigned long> sampled(const std::vector<unsigned long>& runs) {
+    std::vector<unsigned long> kept;
+    for (size_t i = 0; i < runs.size(); ++i) {
+      if (i % kStride == 0 || i + 1 == runs.size()) {
+        kept.push_back(runs[i]);
+      }
+    }
+    return kept;
+  }
+
   std::vector<unsigned long> runsToSweep(const std::string& host, unsigned long runs) {
     const std::string flag = kind() == "after"     ? "--changed"
                              : kind() == "partial" ? "--printed"
@@ -174,7 +197,7 @@ class PluginFaultTest : public PluginHostTest, public ::testing::WithParamInterf
         sweep.push_back(nth);
       }
     }
-    return sweep;
+    return sampled(sweep);
   }
 
   // The command line of the host's run number index (from 1), as the
@@ -677,16 +700,7 @@ TEST_P(PluginFaultTest, FormatOnlineUnformat) {
   sweep(flow);
 }
 
-// Under the sanitizers, where every run costs several times as much, the
-// sweep keeps to the failing run to hold CI's time; the other kinds run in
-// the release build.
-#ifdef QZ_FAULT_SWEEP_FAIL_ONLY
-#define QZ_FAULT_KINDS ::testing::Values("fail")
-#else
-#define QZ_FAULT_KINDS ::testing::Values("fail", "after", "partial")
-#endif
-
-INSTANTIATE_TEST_SUITE_P(Kinds, PluginFaultTest, QZ_FAULT_KINDS,
+INSTANTIATE_TEST_SUITE_P(Kinds, PluginFaultTest, kKinds,
                          [](const ::testing::TestParamInfo<const char*>& info) {
                            return std::string(info.param);
                          });
