@@ -59,12 +59,13 @@ Db::Db(const std::string& path) {
     throw DbError("cannot open " + path + ": " + msg);
   }
   sqlite3_busy_timeout(db_, 30000);
-  // Every tool run is a short process and the first connection to the
-  // database, which reads the whole write-ahead log again: the last
-  // connection to close checkpoints it and removes it, so that the next run
-  // starts from the database alone. No fsync is made: a simulation need not
-  // survive a power cut.
-  exec("PRAGMA journal_mode=WAL");
+  // Every tool run is a short process and often the only connection: a
+  // rollback journal costs it a file truncated at each commit, where a
+  // write-ahead log costs a log and its index made, read and removed again
+  // by every run. A process killed in a transaction leaves its journal, and
+  // the next connection rolls the change back. No fsync is made: a
+  // simulation need not survive a power cut.
+  exec("PRAGMA journal_mode=TRUNCATE");
   exec("PRAGMA synchronous=OFF");
   if (queryInt("SELECT count(*) FROM sqlite_master WHERE name='runs'", {}, 0) == 0) {
     createSchema();

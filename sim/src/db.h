@@ -33,7 +33,7 @@ using Row = std::vector<Value>;
 
 class Db {
  public:
-  // Opens (creating) the database with WAL and a busy timeout, and creates the
+  // Opens (creating) the database with a rollback journal and a busy timeout, and creates the
   // schema when missing.
   explicit Db(const std::string& path);
   ~Db();

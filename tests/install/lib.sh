@@ -136,6 +136,7 @@ usr/$QZ_BINDIR/qzsim
 usr/$QZ_BINDIR/qzsim-sysblock
 $man/man1/qzsim.1.gz
 $man/man1/qzsim-sysblock.1.gz
+usr/$QZ_DATADIR/lintian/overrides/qzsim
 EOF2
       ;;
     *) fail "no package $1" ;;
