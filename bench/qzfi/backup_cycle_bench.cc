@@ -280,8 +280,8 @@ class Cycle {
     admin({"init"});
     admin({"host", "add", "A"});
     admin({"host", "add", "B"});
-    admin({"disk", "add", "--count", std::to_string(shape.disks), "--hosts", "A", "--paths", "2",
-           "--size", "64m"});
+    rememberFirstPaths(admin({"disk", "add", "--count", std::to_string(shape.disks), "--hosts", "A",
+                              "--paths", "2", "--size", "64m"}));
     tool("qzdisk scandisks");
     std::string members;
     for (int i = 0; i < shape.disks; ++i) {
@@ -391,7 +391,11 @@ class Cycle {
   }
 
   // qzfi on host, measured; its --json document.
+  // After a failed step nothing more runs: the error names the first.
   Json qzfi(const std::string& host, std::vector<std::string> args, const std::string& step) {
+    if (!error.empty()) {
+      return Json::object();
+    }
     args.insert(args.begin(), {QZFI_BINARY, "--json"});
     const long firstRun = std::stol(admin({"log", "--total"}));
     double seconds = 0;
@@ -425,23 +429,61 @@ class Cycle {
     return seconds;
   }
 
-  // The source's disks split to B; the copies' first paths as a
-  // --secondary list, and their LUNs.
-  std::string split(std::vector<std::string>& luns) {
+  // "lunN NAME A=sdb,sdc" lines: each disk's first path on A.
+  void rememberFirstPaths(const std::string& added) {
+    std::istringstream lines(added);
+    for (std::string line; std::getline(lines, line);) {
+      const std::vector<std::string> words = wordsOf(line);
+      if (words.size() >= 3) {
+        m_firstPathOnA[words[1]] = "/dev/" + firstPath(words[2]);
+      }
+    }
+  }
+
+  static std::string firstPath(const std::string& hostPaths) {
+    const std::string paths = hostPaths.substr(hostPaths.find('=') + 1);
+    return paths.substr(0, paths.find(','));
+  }
+
+  // The source's disks split to B, in the order of m_disks: each copy's
+  // first path on B by its source's first path on A, and the copies' LUNs.
+  std::map<std::string, std::string> split(std::vector<std::string>& luns) {
     const Clock::time_point start = Clock::now();
     std::string out =
         admin({"array", "split", "--disks", m_disks, "--from-host", "A", "--to-host", "B"});
     totals.split += std::chrono::duration<double>(Clock::now() - start).count();
-    std::string secondary;
+    std::map<std::string, std::string> copies;
+    std::istringstream sources(m_disks);
     std::istringstream lines(out);
     for (std::string line; std::getline(lines, line);) {
       const std::vector<std::string> words = wordsOf(line);
-      if (words.size() < 3) {
+      std::string source;
+      if (words.size() < 3 || !std::getline(sources, source, ',')) {
         continue;
       }
       luns.push_back(words[0]);
-      const std::string paths = words[2].substr(words[2].find('=') + 1);
-      secondary += (secondary.empty() ? "/dev/" : ",/dev/") + paths.substr(0, paths.find(','));
+      copies[m_firstPathOnA[source]] = "/dev/" + firstPath(words[2]);
+    }
+    return copies;
+  }
+
+  // The --secondary list: the copies in the order of the record's primary
+  // disks, which is the plug-in's order, not the array's.
+  std::string secondaryFor(const std::map<std::string, std::string>& copies) {
+    std::ifstream in(record);
+    const Json saved = Json::parse(in, nullptr, false);
+    std::string secondary;
+    if (saved.is_discarded() || !saved.contains("sub_objects")) {
+      error = "no sub-objects in the record after prepare";
+      return secondary;
+    }
+    for (const Json& primary : saved["sub_objects"]) {
+      const auto copy = copies.find(primary.get<std::string>());
+      if (copy == copies.end()) {
+        error = "no copy of " + primary.get<std::string>() + " from the split";
+        return secondary;
+      }
+      secondary += (secondary.empty() ? "" : ",") + copy->second;
     }
     return secondary;
   }
@@ -453,7 +495,7 @@ class Cycle {
     }
     qzfi("A", {"prepare", "/dev/qz/dsk/dg1/vol1", "--record", record}, "prepare");
     std::vector<std::string> luns;
-    const std::string secondary = split(luns);
+    const std::string secondary = secondaryFor(split(luns));
     qzfi("A", {"deport", "--record", record}, "deport");
     qzfi("B", {"import", "--record", record, "--secondary", secondary}, "import");
     qzfi("B", {"release", "--record", record}, "release");
@@ -473,6 +515,7 @@ class Cycle {
   std::string m_root;
   std::string m_records;
   std::string m_disks;
+  std::map<std::string, std::string> m_firstPathOnA;
   std::string m_agentFolder;
   std::unique_ptr<CAgent> m_agentA;
   std::unique_ptr<CAgent> m_agentB;
