@@ -70,6 +70,22 @@ TEST_F(QzvolTest, OpenNodeOfAnotherHostDoesNotCount) {
   EXPECT_EQ(r.out, "stopped\n") << r.err;
 }
 
+// A file open under /sys/block is no node of a volume: looking for holders
+// never asks the host's /sys/block server, which may be waiting for the
+// same tool's transaction (here it is stopped).
+TEST_F(QzvolTest, LookingForHoldersLeavesSysBlockAlone) {
+  // The bracket keeps the pattern from matching the shell that carries it.
+  const std::string server = "[q]zsim-sysblock " + root + " A ";
+  CommandResult r =
+      admin({"host", "A", "--", "sh", "-c",
+             "server=$(pgrep -f '" + server +
+                 "') || exit 9; sleep 60 3>/sys/block/sdb/device/delete & "
+                 "holder=$!; until [ -L /proc/$holder/fd/3 ]; do :; done; kill -STOP $server; "
+                 "timeout -s KILL 20 qzvol -g dg1 stop vol1; echo stop=$?; "
+                 "kill -CONT $server; kill $holder"});
+  EXPECT_EQ(r.out, "stop=0\n") << r.err;
+}
+
 TEST_F(QzvolTest, VolumeWithoutItsDisksCannotStart) {
   ok("A", "qzvol -g dg1 stop vol1");
   adminOk({"disk", "detach", "lun2", "--host", "A"});
