@@ -470,6 +470,9 @@ class Cycle {
   // The --secondary list: the copies in the order of the record's primary
   // disks, which is the plug-in's order, not the array's.
   std::string secondaryFor(const std::map<std::string, std::string>& copies) {
+    if (!error.empty()) {
+      return "";  // prepare failed: its error stays the one reported
+    }
     std::ifstream in(record);
     const Json saved = Json::parse(in, nullptr, false);
     std::string secondary;

@@ -33,8 +33,8 @@ using Row = std::vector<Value>;
 
 class Db {
  public:
-  // Opens (creating) the database with a rollback journal and a busy timeout, and creates the
-  // schema when missing.
+  // Opens (creating) the database with a rollback journal and a busy
+  // timeout, and creates the schema when missing.
   explicit Db(const std::string& path);
   ~Db();
   Db(const Db&) = delete;

@@ -1,8 +1,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <string>
 #include <set>
+#include <string>
 #include <utility>
 
 #include "fsutil.h"
@@ -45,9 +45,9 @@ bool openAnywhere(const std::set<FileId>& files) {
       continue;
     const std::string fdDir = "/proc/" + pid + "/fd/";
     for (const std::string& fd : listDir(fdDir)) {
+      const std::string link = fdDir + fd;
       struct stat st;
-      if (!underSysfs(fdDir + fd) && stat((fdDir + fd).c_str(), &st) == 0 &&
-          files.count({st.st_dev, st.st_ino}))
+      if (!underSysfs(link) && stat(link.c_str(), &st) == 0 && files.count({st.st_dev, st.st_ino}))
         return true;
     }
   }
