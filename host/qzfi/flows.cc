@@ -254,12 +254,10 @@ CNode& CFlows::newNode(NodeRole role, const std::string& object) {
 }
 
 std::string CFlows::recordKey() const {
-  const std::string& file = m_options.record;
-  if (!file.empty() && file.front() == '/') {
-    return file;
+  if (m_recordLock.held()) {
+    return m_recordLock.file();
   }
-  std::unique_ptr<char, decltype(&free)> folder(getcwd(nullptr, 0), &free);
-  return std::string(folder ? folder.get() : ".") + "/" + file;
+  return realRecordFile(m_options.record);
 }
 
 CSnapshotRecord CFlows::loadRecord(const std::vector<RecordStep>& allowed) {
@@ -267,7 +265,8 @@ CSnapshotRecord CFlows::loadRecord(const std::vector<RecordStep>& allowed) {
   if (::access(m_options.record.c_str(), F_OK) == 0) {
     m_recordLock.acquire(m_options.record);
   }
-  CSnapshotRecord record = CSnapshotRecord::load(m_options.record);
+  const std::string& file = m_recordLock.held() ? m_recordLock.file() : m_options.record;
+  CSnapshotRecord record = CSnapshotRecord::load(file, m_options.record);
   const std::string plugin =
       CPluginLibrary::pluginNameOf(CPluginLibrary::libraryFile(m_options.plugin));
   if (record.plugin != plugin) {
@@ -278,13 +277,15 @@ CSnapshotRecord CFlows::loadRecord(const std::vector<RecordStep>& allowed) {
     throw Failure{kExitRecord, refusal(record, allowed, m_options.command) + " (record " +
                                    m_options.record + "); nothing was changed"};
   }
-  CSnapshotRecord::checkWritable(m_options.record, false);
+  CSnapshotRecord::checkWritable(file, false);
   return record;
 }
 
 void CFlows::saveRecord(CSnapshotRecord& record, const std::string& event, bool exclusive) {
   record.note(m_options.commandName, event);
-  record.save(m_options.record, exclusive);
+  // The real file is replaced, never a symbolic link to it.
+  record.save(m_recordLock.held() ? m_recordLock.file() : realRecordFile(m_options.record),
+              exclusive, &m_recordLock);
   m_report.result("record", m_options.record, "record: " + m_options.record);
   if (m_agent == nullptr) {
     return;

@@ -86,12 +86,16 @@ class CFlows {
                     const std::string& what);
   // A new node of role for object, replacing any the command had.
   CNode& newNode(NodeRole role, const std::string& object);
-  // The record's file as the agent knows it: an absolute path.
+  // The record's file as the agent knows it: the real file, an absolute
+  // path with symbolic links followed, so that every path to one file is
+  // one record.
   std::string recordKey() const;
-  // The record of the options, checked for this command: made by this
-  // plug-in, at one of the steps allowed, writable. Exit code 3 otherwise.
+  // The record of the options, locked and checked for this command: made
+  // by this plug-in, at one of the steps allowed, writable. Exit code 3
+  // otherwise.
   CSnapshotRecord loadRecord(const std::vector<RecordStep>& allowed);
-  // Writes the record; through an agent, the command's nodes are then kept
+  // Writes the record (its real file, the lock moving to the new one);
+  // through an agent, the command's nodes are then kept
   // with the states written (dropped once the copy is released).
   void saveRecord(CSnapshotRecord& record, const std::string& event, bool exclusive);
 

@@ -1,13 +1,18 @@
 // The snapshot record file.
 #include "record.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
+#include <cstdio>
 #include <ctime>
 #include <fstream>
 #include <memory>
@@ -145,6 +150,76 @@ void checkCopyDisks(const AlternateCopy& copy, const std::vector<std::string>& s
   checkNamedOnce(copy.secondary, name);
 }
 
+// Where json holds a NUL character in a text or a field name ("sub_objects[1]",
+// "alternate.provider_state.text"); empty when nowhere. No name the
+// record carries may hold one: the plug-in and the tools read names as C
+// strings, which end at the first NUL.
+std::string nulAt(const Json& json, const std::string& where) {
+  if (json.is_string()) {
+    return json.get_ref<const std::string&>().find('\0') != std::string::npos ? where
+                                                                              : std::string();
+  }
+  if (json.is_object()) {
+    for (auto item = json.begin(); item != json.end(); ++item) {
+      if (item.key().find('\0') != std::string::npos) {
+        return where.empty() ? std::string("a field name") : "a field name in " + where;
+      }
+      const std::string found =
+          nulAt(item.value(), where.empty() ? item.key() : where + "." + item.key());
+      if (!found.empty()) {
+        return found;
+      }
+    }
+  } else if (json.is_array()) {
+    for (size_t i = 0; i < json.size(); ++i) {
+      const std::string found = nulAt(json[i], where + "[" + std::to_string(i) + "]");
+      if (!found.empty()) {
+        return found;
+      }
+    }
+  }
+  return std::string();
+}
+
+// The group of a QzVM volume's device path, /dev/qz/dsk/DG/VOL or
+// /dev/qz/rdsk/DG/VOL; empty for any other path.
+std::string groupOfVolumePath(const std::string& path) {
+  for (const std::string prefix : {"/dev/qz/dsk/", "/dev/qz/rdsk/"}) {
+    if (path.compare(0, prefix.size(), prefix) != 0) {
+      continue;
+    }
+    const std::string rest = path.substr(prefix.size());
+    const size_t slash = rest.find('/');
+    if (slash == std::string::npos || slash == 0 || slash + 1 == rest.size() ||
+        rest.find('/', slash + 1) != std::string::npos) {
+      return std::string();
+    }
+    return rest.substr(0, slash);
+  }
+  return std::string();
+}
+
+// A copy is never the source: not its object, not the object its deport
+// named, not a volume of its group. A command given such a record would
+// take the source's own group away.
+void checkNotTheSource(const CSnapshotRecord& record, const std::string& copy,
+                       const std::string& field) {
+  const std::string always = ": a copy is always made under a new group name; nothing was run";
+  if (copy == record.object) {
+    throw RecordError("its copy is the source itself (" + field + " " + copy + ", object " +
+                      record.object + ")" + always);
+  }
+  if (!record.deportedObject.empty() && copy == record.deportedObject) {
+    throw RecordError("its copy is the source itself (" + field + " " + copy +
+                      ", deported_object " + record.deportedObject + ")" + always);
+  }
+  const std::string group = groupOfVolumePath(copy);
+  if (!group.empty() && group == groupOfVolumePath(record.object)) {
+    throw RecordError("it names the source's own group " + group + " as its copy (" + field + " " +
+                      copy + ", object " + record.object + ")" + always);
+  }
+}
+
 Json copyJson(const AlternateCopy& copy) {
   Json json;
   json["object"] = copy.object;
@@ -215,7 +290,8 @@ const char* stepName(RecordStep step) {
 Json providerStateJson(const ProviderState& state) {
   Json json;
   json["bytes"] = state.bytes.size();
-  if (isUtf8(state.bytes)) {
+  // A state holding a NUL travels as base64: no text of a record holds one.
+  if (state.bytes.find('\0') == std::string::npos && isUtf8(state.bytes)) {
     json["text"] = state.bytes;
   } else {
     json["base64"] = base64(state.bytes);
@@ -274,6 +350,13 @@ CSnapshotRecord CSnapshotRecord::fromJson(const Json& json) {
   if (!json.is_object() || optionalText(json, "format") != kFormatName) {
     throw RecordError("it is not a qzfi snapshot record");
   }
+  const std::string nul = nulAt(json, std::string());
+  if (!nul.empty()) {
+    throw RecordError(
+        (nul.compare(0, 12, "a field name") == 0 ? nul : "the field \"" + nul + "\"") +
+        " holds a NUL character (\\u0000), which no text of a record may hold; "
+        "nothing was run");
+  }
   const long long version = integer(json, "version");
   if (version != kFormatVersion) {
     throw RecordError("it is a record of version " + std::to_string(version) +
@@ -318,26 +401,34 @@ CSnapshotRecord CSnapshotRecord::fromJson(const Json& json) {
     record.events.push_back(
         {text(event, "command"), text(event, "time"), optionalText(event, "detail")});
   }
+  if (record.hasAlternate) {
+    checkNotTheSource(record, record.alternate.object, "alternate.object");
+  }
+  for (size_t i = 0; i < record.earlierCopies.size(); ++i) {
+    checkNotTheSource(record, record.earlierCopies[i].object,
+                      "earlier_copies[" + std::to_string(i) + "].object");
+  }
   return record;
 }
 
-CSnapshotRecord CSnapshotRecord::load(const std::string& file) {
+CSnapshotRecord CSnapshotRecord::load(const std::string& file, const std::string& shownAs) {
+  const std::string& name = shownAs.empty() ? file : shownAs;
   std::ifstream in(file, std::ios::binary);
   if (!in) {
-    throw RecordError("the record " + file + " cannot be read: " + systemError(errno));
+    throw RecordError("the record " + name + " cannot be read: " + systemError(errno));
   }
   std::ostringstream content;
   content << in.rdbuf();
   const std::string bytes = content.str();
   if (static_cast<std::streamsize>(bytes.size()) > kMaxRecordBytes) {
-    throw RecordError("the record " + file + " is too large to be a snapshot record");
+    throw RecordError("the record " + name + " is too large to be a snapshot record");
   }
   try {
     return fromJson(Json::parse(bytes));
   } catch (const nlohmann::json::exception& error) {
-    throw RecordError("the record " + file + " is not valid JSON: " + error.what());
+    throw RecordError("the record " + name + " is not valid JSON: " + error.what());
   } catch (const RecordError& error) {
-    throw RecordError("the record " + file + " cannot be used: " + error.what());
+    throw RecordError("the record " + name + " cannot be used: " + error.what());
   }
 }
 
@@ -354,7 +445,7 @@ void CSnapshotRecord::checkWritable(const std::string& file, bool exclusive) {
   }
 }
 
-void CSnapshotRecord::save(const std::string& file, bool exclusive) const {
+void CSnapshotRecord::save(const std::string& file, bool exclusive, CRecordLock* lock) const {
   const std::string folder = folderOf(file);
   const std::string base = file.substr(file.rfind('/') + 1);
   std::string temporary = folder + "/." + base + ".XXXXXX";
@@ -362,11 +453,19 @@ void CSnapshotRecord::save(const std::string& file, bool exclusive) const {
   if (fd < 0) {
     throw RecordError("the record " + file + " cannot be written: " + systemError(errno));
   }
+  // Locked before it takes the record's name: a command that opens the
+  // new record finds it in use, as it found the old one.
+  if (lock != nullptr && flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    const int lockError = errno;
+    close(fd);
+    unlink(temporary.c_str());
+    throw RecordError("the record " + file + " cannot be written: its new file cannot be locked: " +
+                      systemError(lockError));
+  }
   const std::string text =
       toJson().dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
   const bool written = writeAll(fd, text) && fsync(fd) == 0;
   const int writeError = errno;
-  close(fd);
   // A new record must not replace one written meanwhile: link fails when
   // the name exists; an update replaces the record in one rename.
   const bool placed = written && (exclusive ? link(temporary.c_str(), file.c_str()) == 0
@@ -376,10 +475,99 @@ void CSnapshotRecord::save(const std::string& file, bool exclusive) const {
     unlink(temporary.c_str());
   }
   if (!placed) {
+    close(fd);
     throw RecordError("the record " + file +
                       " cannot be written: " + systemError(written ? placeError : writeError));
   }
+  if (lock != nullptr) {
+    lock->moveTo(fd, file);
+  } else {
+    close(fd);
+  }
   syncFolder(folder);
+}
+
+namespace {
+
+// How often a command tries again to lock a record that another command
+// replaced between its opening and its locking.
+constexpr int kLockAttempts = 20;
+
+std::string joinPath(const std::string& folder, const std::string& name) {
+  return folder == "/" ? "/" + name : folder + "/" + name;
+}
+
+bool sameFile(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+std::string realPathOf(const std::string& path) {
+  std::unique_ptr<char, decltype(&free)> real(realpath(path.c_str(), nullptr), &free);
+  return real ? std::string(real.get()) : std::string();
+}
+
+}  // namespace
+
+std::string realRecordFile(const std::string& file) {
+  const std::string real = realPathOf(file);
+  if (!real.empty()) {
+    return real;
+  }
+  const int error = errno;
+  struct stat link {};
+  if (lstat(file.c_str(), &link) == 0 && S_ISLNK(link.st_mode)) {
+    throw RecordError("the record " + file + " is a symbolic link to nothing usable (" +
+                      systemError(error) + "); nothing was run");
+  }
+  // A record not made yet: its folder's real path and its name.
+  const std::string folder = realPathOf(folderOf(file));
+  if (folder.empty()) {
+    return file;  // its use names what is wrong with it
+  }
+  return joinPath(folder, file.substr(file.rfind('/') + 1));
+}
+
+bool isTemporaryOf(const std::string& name, const std::string& base) {
+  const std::string prefix = "." + base + ".";
+  if (base.empty() || name.size() != prefix.size() + 6 || name.compare(0, prefix.size(), prefix)) {
+    return false;
+  }
+  for (size_t i = prefix.size(); i < name.size(); ++i) {
+    const char c = name[i];
+    if (!((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Lines of /proc/locks: "1: FLOCK  ADVISORY  WRITE 1234 08:01:5678 0 EOF",
+// the device's major and minor numbers in hexadecimal; a process waiting
+// for a lock has "->" after the number, and holds nothing.
+long lockHolder(dev_t dev, ino_t inode) {
+  std::ifstream locks("/proc/locks");
+  for (std::string line; std::getline(locks, line);) {
+    std::istringstream fields(line);
+    std::string number, kind, mode, access, pid, file;
+    fields >> number >> kind;
+    if (kind != "FLOCK") {
+      continue;
+    }
+    fields >> mode >> access >> pid >> file;
+    unsigned long fileMajor = 0;
+    unsigned long fileMinor = 0;
+    unsigned long long node = 0;
+    if (std::sscanf(file.c_str(), "%lx:%lx:%llu", &fileMajor, &fileMinor, &node) != 3) {
+      continue;
+    }
+    if (fileMajor == major(dev) && fileMinor == minor(dev) && node == inode) {
+      const long holder = std::strtol(pid.c_str(), nullptr, 10);
+      if (holder > 0) {
+        return holder;
+      }
+    }
+  }
+  return 0;
 }
 
 CRecordLock::~CRecordLock() {
@@ -388,32 +576,100 @@ CRecordLock::~CRecordLock() {
   }
 }
 
-void CRecordLock::acquire(const std::string& file) {
-  const std::string folder = folderOf(file);
-  const std::string lockFile = folder + "/." + file.substr(file.rfind('/') + 1) + ".lock";
-  const int fd = open(lockFile.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd < 0) {
-    throw RecordError("the record " + file + " cannot be locked (" + lockFile +
-                      "): " + systemError(errno));
+void CRecordLock::moveTo(int fd, const std::string& file) {
+  if (m_fd >= 0 && m_fd != fd) {
+    close(m_fd);
   }
-  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-    const int lockError = errno;
-    char holder[32] = {0};
-    const ssize_t got = pread(fd, holder, sizeof holder - 1, 0);
-    close(fd);
-    if (lockError != EWOULDBLOCK) {
-      throw RecordError("the record " + file + " cannot be locked: " + systemError(lockError));
-    }
-    const std::string pid = got > 0 ? std::string(holder, static_cast<size_t>(got)) : "";
-    throw RecordError("the record " + file + " is in use by another qzfi command" +
-                      (pid.empty() ? std::string() : " (process " + pid + ")") +
-                      ": run this command again when it is done; nothing was changed");
-  }
-  const std::string pid = std::to_string(getpid());
-  // The process id only names the holder to a command refused meanwhile.
-  [[maybe_unused]] const bool named =
-      ftruncate(fd, 0) == 0 && pwrite(fd, pid.data(), pid.size(), 0) > 0;
   m_fd = fd;
+  m_file = file;
+}
+
+void CRecordLock::acquire(const std::string& file) {
+  for (int attempt = 0; attempt < kLockAttempts; ++attempt) {
+    const std::string real = realRecordFile(file);
+    const int fd = open(real.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0 && errno == ELOOP) {
+      continue;  // replaced by a link since its path was resolved
+    }
+    if (fd < 0) {
+      throw RecordError("the record " + file + " cannot be read: " + systemError(errno));
+    }
+    struct stat held {};
+    if (fstat(fd, &held) != 0 || !S_ISREG(held.st_mode)) {
+      close(fd);
+      throw RecordError("the record " + file + " is not a regular file; nothing was run");
+    }
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+      const int lockError = errno;
+      close(fd);
+      if (lockError != EWOULDBLOCK) {
+        throw RecordError("the record " + file + " cannot be locked: " + systemError(lockError));
+      }
+      const long holder = lockHolder(held.st_dev, held.st_ino);
+      throw RecordError("the record " + file + " is in use by another qzfi command" +
+                        (holder > 0 ? " (process " + std::to_string(holder) + ")"
+                                    : std::string(" (its process is not named in /proc/locks)")) +
+                        ": run this command again when it is done; nothing was changed");
+    }
+    // Another command may have replaced the record between the opening
+    // and the locking: the lock then lies on a file that is no record.
+    struct stat named {};
+    if (lstat(real.c_str(), &named) != 0 || !sameFile(named, held)) {
+      close(fd);
+      continue;
+    }
+    moveTo(fd, real);
+    removeTemporaries();
+    if (fstat(m_fd, &held) == 0 && held.st_nlink > 1) {
+      close(m_fd);
+      m_fd = -1;
+      throw RecordError(
+          "the record " + file + " has " + std::to_string(held.st_nlink) +
+          " names (hard links): each command replaces the record by renaming a new file over "
+          "the name it was given, which would split the names into two records; keep one name "
+          "(remove the other links; a symbolic link may point to the record); nothing was run");
+    }
+    return;
+  }
+  throw RecordError("the record " + file +
+                    " was replaced again and again while this command tried to lock it: run this "
+                    "command again; nothing was changed");
+}
+
+// A temporary that no process holds is a killed write's; one that is a
+// second name of the record itself is a killed creation's, whose record
+// took its name already.
+void CRecordLock::removeTemporaries() {
+  const std::string folder = folderOf(m_file);
+  const std::string base = m_file.substr(m_file.rfind('/') + 1);
+  struct stat record {};
+  if (fstat(m_fd, &record) != 0) {
+    return;
+  }
+  std::vector<std::string> names;
+  if (DIR* dir = opendir(folder.c_str())) {
+    while (const dirent* entry = readdir(dir)) {
+      if (isTemporaryOf(entry->d_name, base)) {
+        names.emplace_back(entry->d_name);
+      }
+    }
+    closedir(dir);
+  }
+  for (const std::string& name : names) {
+    const std::string path = joinPath(folder, name);
+    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+      continue;
+    }
+    struct stat info {};
+    struct stat named {};
+    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) &&
+        (sameFile(info, record) || flock(fd, LOCK_EX | LOCK_NB) == 0) &&
+        lstat(path.c_str(), &named) == 0 && sameFile(named, info) && unlink(path.c_str()) == 0) {
+      m_removed.push_back(path);
+    }
+    close(fd);
+  }
 }
 
 void CSnapshotRecord::note(const std::string& command, const std::string& detail) {

@@ -5,6 +5,8 @@
 #ifndef QZFI_HOST_RECORD_H
 #define QZFI_HOST_RECORD_H
 
+#include <sys/types.h>
+
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -41,6 +43,8 @@ class RecordError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+class CRecordLock;
+
 class CSnapshotRecord {
  public:
   static constexpr int kFormatVersion = 1;
@@ -59,13 +63,15 @@ class CSnapshotRecord {
   std::vector<AlternateCopy> earlierCopies;  // copies moved on to another host
   std::vector<RecordEvent> events;
 
-  // Reads and checks the file; throws RecordError naming the file and what
-  // is wrong with it.
-  static CSnapshotRecord load(const std::string& file);
+  // Reads and checks the file; throws RecordError naming the file (as
+  // shownAs, when given) and what is wrong with it.
+  static CSnapshotRecord load(const std::string& file, const std::string& shownAs = "");
   // Writes the file atomically: a new file beside it, synced and renamed
   // over it, so that a reader sees the old record or the new one, never a
-  // part. exclusive: the file must not exist yet. Throws RecordError.
-  void save(const std::string& file, bool exclusive) const;
+  // part. exclusive: the file must not exist yet. With a lock, the new
+  // file is locked before it takes the record's name and the lock then
+  // holds it: the lock moves with the content. Throws RecordError.
+  void save(const std::string& file, bool exclusive, CRecordLock* lock = nullptr) const;
   // Throws RecordError unless a record can be written as file: its folder
   // exists and is writable (and, when exclusive, the file does not exist).
   static void checkWritable(const std::string& file, bool exclusive);
@@ -80,9 +86,10 @@ class CSnapshotRecord {
 };
 
 // The advisory lock of a record, held while a command runs, so that two
-// commands never use one record at once. It lies on a file beside the
-// record (".NAME.lock", holding the holder's process id), which the
-// record's atomic replacement leaves in place.
+// commands never use one record at once. It lies on the record file itself
+// (flock on its inode, found by following symbolic links), so that every
+// path to the file is the same record; a write moves it to the new file
+// before the new file takes the record's name.
 class CRecordLock {
  public:
   CRecordLock() = default;
@@ -90,13 +97,41 @@ class CRecordLock {
   CRecordLock(const CRecordLock&) = delete;
   CRecordLock& operator=(const CRecordLock&) = delete;
 
-  // Takes the lock of the record file, or throws RecordError naming the
-  // record and the process that holds it.
+  // Takes the lock of the record that file names, or throws RecordError
+  // naming the record (as given) and the process that holds it. A record
+  // with more than one name (hard links) is refused. Once the lock is
+  // held, the temporary files of earlier writes of the record that no
+  // process holds (a killed write's) are removed.
   void acquire(const std::string& file);
+  bool held() const { return m_fd >= 0; }
+  // The real file locked: an absolute path without symbolic links.
+  const std::string& file() const { return m_file; }
+  // The temporary files that acquire removed.
+  const std::vector<std::string>& removed() const { return m_removed; }
+  // Holds fd, locked already, which now carries the record under the real
+  // name file, and lets go of the file held before.
+  void moveTo(int fd, const std::string& file);
 
  private:
+  void removeTemporaries();
+
   int m_fd = -1;
+  std::string m_file;
+  std::vector<std::string> m_removed;
 };
+
+// The real file that a record's path names: symbolic links followed, an
+// absolute path. For a record not made yet, its folder's real path and its
+// name. Throws RecordError for a symbolic link to nothing.
+std::string realRecordFile(const std::string& file);
+
+// Whether name is that of a temporary file of a write of the record named
+// base (".BASE.XXXXXX", six letters or digits).
+bool isTemporaryOf(const std::string& name, const std::string& base);
+
+// The process that holds a flock on the file of (dev, inode), from
+// /proc/locks; 0 when none is found.
+long lockHolder(dev_t dev, ino_t inode);
 
 // The provider state in the record: the blob's text when it is UTF-8, its
 // base64 form otherwise, with its length either way.

@@ -34,8 +34,10 @@ int CFlows::claim() {
 }
 
 int CFlows::prepare() {
+  // The new record is created whole and locked, in one step, at the end; a
+  // symbolic link to nothing is refused before anything runs.
   CSnapshotRecord::checkWritable(m_options.record, true);
-  m_recordLock.acquire(m_options.record);
+  realRecordFile(m_options.record);
   m_report.begin("prepare " + m_options.path + " (record " + m_options.record + ")");
   startPlugin();
   CNode& node = newNode(NodeRole::source, m_options.path);

@@ -1,12 +1,18 @@
 // The snapshot record file.
 #include "record.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -50,6 +56,28 @@ std::string refusalOfLoading(const std::string& file) {
     return error.what();
   }
   return "loaded";
+}
+
+std::string refusalOfLocking(const std::string& file) {
+  try {
+    CRecordLock lock;
+    lock.acquire(file);
+  } catch (const RecordError& error) {
+    return error.what();
+  }
+  return "locked";
+}
+
+using Names = std::vector<std::string>;
+
+// The names in folder, in order.
+Names filesIn(const std::string& folder) {
+  Names names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 std::string refusalOf(const Json& json) {
@@ -237,21 +265,230 @@ TEST(Record, ALockedRecordIsRefusedToAnotherCommand) {
   sample().save(file, true);
   auto first = std::make_unique<CRecordLock>();
   first->acquire(file);
-  CRecordLock second;
-  try {
-    second.acquire(file);
-    ADD_FAILURE() << "locked twice";
-  } catch (const RecordError& error) {
-    EXPECT_EQ(std::string(error.what()),
-              "the record " + file + " is in use by another qzfi command (process " +
-                  std::to_string(getpid()) +
-                  "): run this command again when it is done; nothing was changed");
-  }
+  EXPECT_EQ(first->file(), file);
+  EXPECT_EQ(refusalOfLocking(file),
+            "the record " + file + " is in use by another qzfi command (process " +
+                std::to_string(getpid()) +
+                "): run this command again when it is done; nothing was changed");
   first.reset();
+  CRecordLock second;
   EXPECT_NO_THROW(second.acquire(file));
-  // The lock lies beside the record, which stays whole.
-  EXPECT_TRUE(std::filesystem::exists(dir.file(".backup.json.lock")));
+  // The lock lies on the record itself: nothing else is made beside it.
+  EXPECT_EQ(filesIn(dir.path()), Names{"backup.json"});
   EXPECT_EQ(CSnapshotRecord::load(file).object, "/dev/qz/dsk/dg1/vol1");
+}
+
+// A symbolic link to the record, and another path to its folder, are the
+// same record: one lock, one real file.
+TEST(Record, EveryPathToTheFileIsTheSameRecord) {
+  qztest::TempDir dir;
+  const std::string file = dir.file("backup.json");
+  sample().save(file, true);
+  ASSERT_EQ(symlink(file.c_str(), dir.file("link.json").c_str()), 0);
+  ASSERT_EQ(symlink(dir.path().c_str(), dir.file("folder").c_str()), 0);
+  EXPECT_EQ(qzfi_host::realRecordFile(dir.file("link.json")), file);
+  EXPECT_EQ(qzfi_host::realRecordFile(dir.file("folder/./backup.json")), file);
+  CRecordLock held;
+  held.acquire(dir.file("link.json"));
+  EXPECT_EQ(held.file(), file);
+  EXPECT_THAT(refusalOfLocking(file), HasSubstr("is in use by another qzfi command (process " +
+                                                std::to_string(getpid()) + ")"));
+  EXPECT_THAT(refusalOfLocking(dir.file("folder/backup.json")),
+              HasSubstr("the record " + dir.file("folder/backup.json") + " is in use"));
+}
+
+// A record not made yet lies in its folder's real path; a link to nothing
+// is no record.
+TEST(Record, ARecordNotMadeYetIsNamedByItsRealFolder) {
+  qztest::TempDir dir;
+  ASSERT_EQ(symlink(dir.path().c_str(), dir.file("folder").c_str()), 0);
+  EXPECT_EQ(qzfi_host::realRecordFile(dir.file("folder/new.json")), dir.file("new.json"));
+  ASSERT_EQ(symlink(dir.file("none.json").c_str(), dir.file("dangling.json").c_str()), 0);
+  try {
+    qzfi_host::realRecordFile(dir.file("dangling.json"));
+    ADD_FAILURE() << "a link to nothing resolved";
+  } catch (const RecordError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("is a symbolic link to nothing usable"));
+  }
+}
+
+// A write replaces the real file, never the link, and takes the lock with
+// it: the new file is locked before it takes the record's name.
+TEST(Record, AWriteMovesTheLockToTheNewFile) {
+  qztest::TempDir dir;
+  const std::string file = dir.file("backup.json");
+  sample().save(file, true);
+  const std::string link = dir.file("link.json");
+  ASSERT_EQ(symlink(file.c_str(), link.c_str()), 0);
+  struct stat before {};
+  ASSERT_EQ(stat(file.c_str(), &before), 0);
+  CRecordLock held;
+  held.acquire(link);
+  CSnapshotRecord record = CSnapshotRecord::load(held.file());
+  record.step = RecordStep::released;
+  record.save(held.file(), false, &held);
+  struct stat after {};
+  ASSERT_EQ(stat(file.c_str(), &after), 0);
+  EXPECT_NE(before.st_ino, after.st_ino);
+  struct stat linkInfo {};
+  ASSERT_EQ(lstat(link.c_str(), &linkInfo), 0);
+  EXPECT_TRUE(S_ISLNK(linkInfo.st_mode));
+  EXPECT_EQ(CSnapshotRecord::load(link).step, RecordStep::released);
+  EXPECT_THAT(refusalOfLocking(link), HasSubstr("is in use by another qzfi command"));
+  EXPECT_THAT(refusalOfLocking(file), HasSubstr("is in use by another qzfi command"));
+  EXPECT_EQ(filesIn(dir.path()), (Names{"backup.json", "link.json"}));
+}
+
+// A new record is created locked: no other command uses it before its
+// creator lets go.
+TEST(Record, ANewRecordIsCreatedLocked) {
+  qztest::TempDir dir;
+  const std::string file = dir.file("backup.json");
+  CRecordLock held;
+  sample().save(file, true, &held);
+  EXPECT_TRUE(held.held());
+  EXPECT_EQ(held.file(), file);
+  EXPECT_THAT(refusalOfLocking(file), HasSubstr("is in use by another qzfi command"));
+  EXPECT_EQ(filesIn(dir.path()), Names{"backup.json"});
+  struct stat info {};
+  ASSERT_EQ(stat(file.c_str(), &info), 0);
+  EXPECT_EQ(info.st_nlink, 1u);
+}
+
+// A rename-based write would split two names of one file into two records.
+TEST(Record, ARecordWithTwoNamesIsRefused) {
+  qztest::TempDir dir;
+  const std::string file = dir.file("backup.json");
+  sample().save(file, true);
+  ASSERT_EQ(link(file.c_str(), dir.file("other.json").c_str()), 0);
+  EXPECT_EQ(refusalOfLocking(file),
+            "the record " + file +
+                " has 2 names (hard links): each command replaces the record by renaming a new "
+                "file over the name it was given, which would split the names into two records; "
+                "keep one name (remove the other links; a symbolic link may point to the "
+                "record); nothing was run");
+  // The refusal lets go of the lock.
+  ASSERT_EQ(unlink(dir.file("other.json").c_str()), 0);
+  CRecordLock held;
+  EXPECT_NO_THROW(held.acquire(file));
+}
+
+TEST(Record, TemporaryNamesAreThoseOfTheRecordsWrites) {
+  EXPECT_TRUE(qzfi_host::isTemporaryOf(".backup.json.aZ09xY", "backup.json"));
+  EXPECT_FALSE(qzfi_host::isTemporaryOf(".backup.json.aZ09x", "backup.json"));
+  EXPECT_FALSE(qzfi_host::isTemporaryOf(".backup.json.aZ09xYz", "backup.json"));
+  EXPECT_FALSE(qzfi_host::isTemporaryOf(".backup.json.aZ0-xY", "backup.json"));
+  EXPECT_FALSE(qzfi_host::isTemporaryOf(".backup.json.lock", "backup.json"));
+  EXPECT_FALSE(qzfi_host::isTemporaryOf(".other.json.aZ09xY", "backup.json"));
+  EXPECT_FALSE(qzfi_host::isTemporaryOf("backup.json.aZ09xY", "backup.json"));
+}
+
+// A killed write's temporary file is removed by the next command that
+// locks the record; one that a process holds, a link, another record's
+// and an old lock file stay.
+TEST(Record, AKilledWritesTemporaryIsRemovedOnceTheRecordIsLocked) {
+  qztest::TempDir dir;
+  const std::string file = dir.file("backup.json");
+  sample().save(file, true);
+  std::ofstream(dir.file(".backup.json.Kil1ed")) << "half a record";
+  std::ofstream(dir.file(".backup.json.Held01")) << "a write going on";
+  std::ofstream(dir.file(".other.json.Kil1ed")) << "another record's";
+  std::ofstream(dir.file(".backup.json.lock")) << "4242";
+  std::ofstream(dir.file("target")) << "not a temporary";
+  ASSERT_EQ(symlink(dir.file("target").c_str(), dir.file(".backup.json.Linked").c_str()), 0);
+  // A killed creation leaves its temporary as a second name of the record.
+  ASSERT_EQ(link(file.c_str(), dir.file(".backup.json.Create").c_str()), 0);
+  const int writer = open(dir.file(".backup.json.Held01").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(writer, 0);
+  ASSERT_EQ(flock(writer, LOCK_EX | LOCK_NB), 0);
+  CRecordLock held;
+  held.acquire(file);
+  EXPECT_THAT(held.removed(), ::testing::UnorderedElementsAre(dir.file(".backup.json.Kil1ed"),
+                                                              dir.file(".backup.json.Create")));
+  EXPECT_EQ(filesIn(dir.path()),
+            (Names{".backup.json.Held01", ".backup.json.Linked", ".backup.json.lock",
+                   ".other.json.Kil1ed", "backup.json", "target"}));
+  EXPECT_EQ(qztest::readFile(dir.file("target")), "not a temporary");
+  close(writer);
+}
+
+TEST(Record, AHolderNotInTheKernelsListIsNone) {
+  EXPECT_EQ(qzfi_host::lockHolder(0, 0), 0);
+  qztest::TempDir dir;
+  const std::string file = dir.file("backup.json");
+  sample().save(file, true);
+  const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  struct stat info {};
+  ASSERT_EQ(fstat(fd, &info), 0);
+  EXPECT_EQ(qzfi_host::lockHolder(info.st_dev, info.st_ino), 0);
+  ASSERT_EQ(flock(fd, LOCK_EX), 0);
+  EXPECT_EQ(qzfi_host::lockHolder(info.st_dev, info.st_ino), getpid());
+  close(fd);
+}
+
+// A copy is never the source: its object, the object deport named, or
+// any volume of the source's group.
+TEST(Record, ACopyThatIsTheSourceIsRefused) {
+  Json json = sample().toJson();
+  json["alternate"]["object"] = "/dev/qz/dsk/dg1/vol1";
+  EXPECT_EQ(refusalOf(json),
+            "its copy is the source itself (alternate.object /dev/qz/dsk/dg1/vol1, object "
+            "/dev/qz/dsk/dg1/vol1): a copy is always made under a new group name; nothing was "
+            "run");
+  json = sample().toJson();
+  json["deported_object"] = "/dev/qz/dsk/dgx/volx";
+  json["alternate"]["object"] = "/dev/qz/dsk/dgx/volx";
+  EXPECT_EQ(refusalOf(json),
+            "its copy is the source itself (alternate.object /dev/qz/dsk/dgx/volx, "
+            "deported_object /dev/qz/dsk/dgx/volx): a copy is always made under a new group "
+            "name; nothing was run");
+  json = sample().toJson();
+  json["alternate"]["object"] = "/dev/qz/rdsk/dg1/vol2";
+  EXPECT_EQ(refusalOf(json),
+            "it names the source's own group dg1 as its copy (alternate.object "
+            "/dev/qz/rdsk/dg1/vol2, object /dev/qz/dsk/dg1/vol1): a copy is always made under "
+            "a new group name; nothing was run");
+  json = sample().toJson();
+  json["earlier_copies"][0]["object"] = "/dev/qz/dsk/dg1/vol1_dcl";
+  EXPECT_THAT(refusalOf(json), HasSubstr("it names the source's own group dg1 as its copy "
+                                         "(earlier_copies[0].object /dev/qz/dsk/dg1/vol1_dcl"));
+  // Groups whose names only begin alike are other groups.
+  json = sample().toJson();
+  json["alternate"]["object"] = "/dev/qz/dsk/dg1_/vol1";
+  EXPECT_EQ(refusalOf(json), "read");
+}
+
+TEST(Record, ATextHoldingANulIsRefused) {
+  const std::string nul("a\0b", 3);
+  const std::vector<std::pair<std::function<void(Json&)>, std::string>> edits = {
+      {[&](Json& json) { json["object"] = "/dev/qz/dsk/dg1/vol1" + nul; }, "\"object\""},
+      {[&](Json& json) { json["sub_objects"][1] = "/dev/sdd" + nul; }, "\"sub_objects[1]\""},
+      {[&](Json& json) { json["alternate"]["secondary"][0] = nul; }, "\"alternate.secondary[0]\""},
+      {[&](Json& json) { json["provider_state"]["text"] = nul; }, "\"provider_state.text\""},
+      {[&](Json& json) { json["earlier_copies"][0]["provider_state"]["text"] = nul; },
+       "\"earlier_copies[0].provider_state.text\""},
+      {[&](Json& json) { json["events"][0]["detail"] = nul; }, "\"events[0].detail\""},
+      {[&](Json& json) { json["extra" + nul] = 1; }, "a field name"},
+  };
+  for (const auto& [edit, where] : edits) {
+    Json json = sample().toJson();
+    edit(json);
+    EXPECT_EQ(refusalOf(json), (where[0] == '"' ? "the field " : "") + where +
+                                   " holds a NUL character (\\u0000), which no text of a record "
+                                   "may hold; nothing was run");
+  }
+}
+
+// A state that holds a NUL is written as base64, so that its record is
+// never refused for it.
+TEST(Record, AProviderStateHoldingANulTravelsAsBase64) {
+  ProviderState state{std::string("fiid_v vol1\0rest", 16)};
+  const Json json = qzfi_host::providerStateJson(state);
+  EXPECT_TRUE(json.contains("base64"));
+  CSnapshotRecord record = sample();
+  record.state = state;
+  EXPECT_EQ(CSnapshotRecord::fromJson(record.toJson()).state.bytes, state.bytes);
 }
 
 }  // namespace
