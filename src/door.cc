@@ -38,6 +38,26 @@ bool found(SRefusal& first, SRefusal next) {
   return static_cast<bool>(first);
 }
 
+// The group and volume of a QzVM volume path, /dev/qz/dsk/DG/VOL or
+// /dev/qz/rdsk/DG/VOL; false for any other path.
+bool volumePathParts(const std::string& path, std::string& group, std::string& volume) {
+  for (const std::string_view prefix : {"/dev/qz/dsk/", "/dev/qz/rdsk/"}) {
+    if (path.compare(0, prefix.size(), prefix) != 0) {
+      continue;
+    }
+    const std::string rest = path.substr(prefix.size());
+    const size_t slash = rest.find('/');
+    if (slash == std::string::npos || slash == 0 || slash + 1 == rest.size() ||
+        rest.find('/', slash + 1) != std::string::npos) {
+      return false;
+    }
+    group = rest.substr(0, slash);
+    volume = rest.substr(slash + 1);
+    return true;
+  }
+  return false;
+}
+
 SRefusal checkNames(const char* record, const char* field, const Names& names) {
   SRefusal refusal;
   for (const std::string& name : names) {
@@ -244,6 +264,44 @@ SRefusal checkProviderState(const CQzVMData& data, CQzVMSupport& support, bool b
        found(refusal, nameRefusal(stateField("fiid_dgconfig", "group"), dg, qzvmNameFault(dg)))) ||
       (!brokeOff && found(refusal, checkDump(data.dgConfigLines())));
   return refusal;
+}
+
+SRefusal checkStateObject(const CQzVMData& data, const std::string& objectPath) {
+  std::string group;
+  std::string volume;
+  if (!volumePathParts(objectPath, group, volume)) {
+    return SRefusal();
+  }
+  const std::string lies = "its node's object " + objectPath + " lies in the group " + group;
+  const std::string& dg = data.getDGName();
+  if (!dg.empty() && dg != group) {
+    return SRefusal{stateField("fiid_dgconfig", "group"), dg,
+                    "the state records the group " + dg + ", but " + lies, false};
+  }
+  std::set<std::string> named(data.vList().begin(), data.vList().end());
+  named.insert(data.vtList().begin(), data.vtList().end());
+  bool hasVolumes = false;
+  for (const std::string& text : data.dgConfigLines()) {
+    const std::string_view line = text;
+    if (line.empty() || line[0] == '\t' || line[0] == ' ') {
+      continue;
+    }
+    const std::string_view kind = recordKind(line);
+    const std::string name(trimmed(line.substr(kind.size())));
+    if (kind == "dg" && name != group) {
+      return SRefusal{stateField("fiid_dgconfig", "name of a dg record"), name,
+                      "the dump is of the group " + name + ", but " + lies, false};
+    }
+    hasVolumes = hasVolumes || kind == "vol";
+    named.insert(name);
+  }
+  if (hasVolumes && named.count(volume) == 0) {
+    return SRefusal{
+        stateField("fiid_dgconfig", "volumes"), volume,
+        "the state names no volume " + volume + ", the volume of its node's object " + objectPath,
+        false};
+  }
+  return SRefusal();
 }
 
 int refuse(const qzfi_pdk_4_4::CFiTraceLogPtr& log, const char* operation,

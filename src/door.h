@@ -38,10 +38,17 @@ SRefusal checkSameLength(const char* where, const std::vector<std::string>& prim
 // Everything the provider state read into data names: the group, its id,
 // volumes, volume sets, disks, their disk-media names and multipath nodes,
 // the recorded private regions and the configuration dump; and the shape
-// of the text it was read from. A text that broke off (truncated) keeps
-// its configuration lines as read, records after the break included: they
-// are not checked as a dump, as before.
+// of the text it was read from. A text that broke off (truncated: a count
+// that runs past its end) is refused by its shape; its configuration lines
+// are not checked as a dump.
 SRefusal checkProviderState(const CQzVMData& data, CQzVMSupport& support, bool brokeOff);
+// A provider state restored into the node of objectPath is that object's:
+// the group its configuration dump records (the fiid_dgconfig record's
+// group and the dump's dg record) is the path's group, and the path's
+// volume is one the dump or the state's lists name when the dump has
+// volume records. A state that records no group (an alternate node's), and
+// a path that is no QzVM volume path, pass.
+SRefusal checkStateObject(const CQzVMData& data, const std::string& objectPath);
 
 // Traces and reports the refusal of operation: MSG_ERROR_INVALID_NAME for a
 // name, MSG_ERROR_INPUT_REFUSED otherwise. Returns 3.

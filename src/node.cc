@@ -422,15 +422,20 @@ int CQzVMData::readRecords(const char* text) {
       complete = takeLines(cursor, CFiStringTool::str2int(fields[4]), lines, false);
       if (complete) {
         addDiskRecord(fields[1], fields[2], fields[3], std::move(lines));
+      } else {
+        noteCountPastTheEnd("fiid_volpriv", fields[4], lines.size());
       }
       counted = "fiid_volpriv";
       count = fields[4];
     } else if (key == "fiid_dgconfig") {
       std::vector<std::string> fields = tokensOf(line);
       restoreEmptyName(fields, 3, 1);
+      const size_t before = m_dgConfig.size();
       complete = takeLines(cursor, CFiStringTool::str2int(fields[2]), m_dgConfig, true);
       if (complete) {
         m_dgName = fields[1];
+      } else {
+        noteCountPastTheEnd("fiid_dgconfig", fields[2], m_dgConfig.size() - before);
       }
       counted = "fiid_dgconfig";
       count = fields[2];
@@ -452,6 +457,18 @@ void CQzVMData::noteShapeFault(const char* record, const char* field, const std:
   if (m_shapeFault.empty()) {
     m_shapeFault = {record, field, value, std::move(why)};
   }
+}
+
+// A count that runs past the end of the text: the record broke off, or its
+// count was raised; either way its lines are not all there.
+void CQzVMData::noteCountPastTheEnd(const char* record, const std::string& count,
+                                    size_t linesLeft) {
+  noteShapeFault(
+      record, "line count", count,
+      "its count of " + count + " runs past the end of the provider state: " +
+          (linesLeft == 0 ? std::string("no line follows it")
+                          : "only " + std::to_string(linesLeft) +
+                                (linesLeft == 1 ? " line follows" : " lines follow") + " it"));
 }
 
 void CQzVMData::addDiskRecord(const std::string& disk, const std::string& secondName,

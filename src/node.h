@@ -36,8 +36,9 @@ struct vol_pvt_info {
 };
 
 // What a blob's text holds that its records cannot keep: a disk or a
-// multipath device named by two records, or a line after a counted record
-// that its count leaves out. Empty when there is none.
+// multipath device named by two records, a line after a counted record
+// that its count leaves out, or a count that runs past the end of the
+// text. Empty when there is none.
 struct SBlobShapeFault {
   std::string record;  // the record's key, "fiid_volpriv"
   std::string field;
@@ -143,6 +144,7 @@ class CQzVMData : public qzfi_pdk_4_4::CFiPrivateData {
   int readRecords(const char* text);
   void noteShapeFault(const char* record, const char* field, const std::string& value,
                       std::string why);
+  void noteCountPastTheEnd(const char* record, const std::string& count, size_t linesLeft);
   // The blob's text into a sink (a counter, the framework's buffer, a string).
   template <class Out>
   void writeBlob(Out& out);

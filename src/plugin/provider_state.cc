@@ -40,9 +40,9 @@ int CQzVMPlugin::processProviderState(qfi_domain* node, qfi_blob* blob, qfi_op_p
       });
 }
 
-// A blob that names what no command may carry is refused whole: the node
-// keeps nothing of it. Otherwise what a corrupt blob held before it broke
-// off stays, and the restore succeeds.
+// A blob that names what no command may carry, whose counts run past its
+// end, or that is another object's (another group's) is refused whole: the
+// node keeps nothing of it.
 int CQzVMPlugin::restoreProviderState(qfi_domain* node, qfi_blob* blob) {
   if (int refused = refuseProviderState(node, blob)) {
     return refused;
@@ -68,8 +68,10 @@ int CQzVMPlugin::refuseProviderState(qfi_domain* node, qfi_blob* blob) {
   // The node's own reading traces what the blob holds.
   staged.registerTraceLog(qzfi_pdk_4_4::CFiTraceLogPtr());
   const bool brokeOff = staged.extractFromBlob(blob) == 1;
-  const qzvmfi_door::SRefusal refusal =
-      qzvmfi_door::checkProviderState(staged, m_support, brokeOff);
+  qzvmfi_door::SRefusal refusal = qzvmfi_door::checkProviderState(staged, m_support, brokeOff);
+  if (!refusal) {
+    refusal = qzvmfi_door::checkStateObject(staged, objectPathOf(node));
+  }
   return refusal ? qzvmfi_door::refuse(m_traceLog, "processProviderState", refusal) : 0;
 }
 

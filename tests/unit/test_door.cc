@@ -181,9 +181,70 @@ TEST_F(DoorTest, TheShapeOfTheProviderStateIsChecked) {
   const SRefusal comma = stateRefusal(replaced(state(), "offset=256", "offset=,256"));
   ASSERT_TRUE(comma);
   EXPECT_EQ("a value begins with a comma", comma.why);
-  // A truncated state keeps what it held as before: no shape fault, and the
-  // lines its configuration record took are not read as a dump.
-  EXPECT_FALSE(stateRefusal(replaced(state(), "fiid_dgconfig dg1 6", "fiid_dgconfig dg1 60")));
+  // A count that runs past the end is refused, whichever record it is in.
+  const SRefusal past =
+      stateRefusal(replaced(state(), "fiid_dgconfig dg1 6", "fiid_dgconfig dg1 60"));
+  ASSERT_TRUE(past);
+  EXPECT_EQ("the provider state (record fiid_dgconfig, field line count)", past.where);
+  EXPECT_EQ("60", past.value);
+  EXPECT_EQ("its count of 60 runs past the end of the provider state: only 7 lines follow it",
+            past.why);
+  EXPECT_FALSE(past.name);
+  const SRefusal listing =
+      stateRefusal("fiid_volpriv sdb qzarr0_0 qzarr0_0 2\nDevice:    qzarr0_0");
+  ASSERT_TRUE(listing);
+  EXPECT_EQ("the provider state (record fiid_volpriv, field line count)", listing.where);
+  EXPECT_EQ("its count of 2 runs past the end of the provider state: only 1 line follows it",
+            listing.why);
+  EXPECT_EQ("its count of 1 runs past the end of the provider state: no line follows it",
+            stateRefusal("fiid_dgconfig dg1 1\n\n").why);
+}
+
+// A state is for the object of its node: its group is the path's group and
+// its dump names the path's volume.
+TEST_F(DoorTest, AStateIsItsObjectsState) {
+  const auto objectRefusal = [](const std::string& text, const std::string& path) {
+    CQzVMData data(nullptr, false);
+    std::string bytes = text;
+    qfi_blob blob{bytes.size() + 1, &bytes[0], 1};
+    data.extractFromBlob(&blob);
+    return qzvmfi_door::checkStateObject(data, path);
+  };
+  EXPECT_FALSE(objectRefusal(state(), "/dev/qz/dsk/dg1/vol1"));
+  EXPECT_FALSE(objectRefusal(state(), "/dev/qz/rdsk/dg1/vol1"));
+  // Not a volume path: the path's own check is elsewhere.
+  EXPECT_FALSE(objectRefusal(state(), "/dev/sdb"));
+  // A state that records no group: an alternate node's.
+  EXPECT_FALSE(objectRefusal("fiid_v vol1\nfiid_uigid 0 0", "/dev/qz/dsk/dg1_1234/vol1"));
+  const SRefusal group = objectRefusal(state(), "/dev/qz/dsk/dg1_1234/vol1");
+  ASSERT_TRUE(group);
+  EXPECT_EQ("the provider state (record fiid_dgconfig, field group)", group.where);
+  EXPECT_EQ("dg1", group.value);
+  EXPECT_EQ(
+      "the state records the group dg1, but its node's object /dev/qz/dsk/dg1_1234/vol1 lies in "
+      "the group dg1_1234",
+      group.why);
+  EXPECT_FALSE(group.name);
+  // The dump of another group under the record's group name.
+  const SRefusal dump =
+      objectRefusal(replaced(state(), "dg dg1\n", "dg dg9\n"), "/dev/qz/dsk/dg1/v");
+  ASSERT_TRUE(dump);
+  EXPECT_EQ("the provider state (record fiid_dgconfig, field name of a dg record)", dump.where);
+  EXPECT_EQ("dg9", dump.value);
+  // A dump with volumes names the path's.
+  const std::string volumes =
+      replaced(replaced(state(), "fiid_dgconfig dg1 6\n", "fiid_dgconfig dg1 8\n"),
+               "sd qzarr0_0-01\n", "vol vol1\n\tlen=1\nsd qzarr0_0-01\n");
+  EXPECT_FALSE(objectRefusal(volumes, "/dev/qz/dsk/dg1/vol1"));
+  EXPECT_FALSE(objectRefusal(volumes, "/dev/qz/dsk/dg1/vol1_dcl"));  // in fiid_v
+  const SRefusal volume = objectRefusal(volumes, "/dev/qz/dsk/dg1/vol7");
+  ASSERT_TRUE(volume);
+  EXPECT_EQ("the provider state (record fiid_dgconfig, field volumes)", volume.where);
+  EXPECT_EQ("vol7", volume.value);
+  EXPECT_EQ("the state names no volume vol7, the volume of its node's object /dev/qz/dsk/dg1/vol7",
+            volume.why);
+  // Without volume records, the dump says nothing of volumes.
+  EXPECT_FALSE(objectRefusal(state(), "/dev/qz/dsk/dg1/vol7"));
 }
 
 TEST_F(DoorTest, ARefusalIsReportedAndAnswers3) {

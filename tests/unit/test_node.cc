@@ -233,6 +233,13 @@ TEST_F(NodeTest, ConfigurationAnnouncingMoreLinesThanGivenIsCorrupt) {
   EXPECT_EQ(0, copy.getDGConfigFromPD(dg, config));
   EXPECT_EQ((Lines{"line1\n", "line2\n"}), config);
   EXPECT_EQ("", dg);  // the group name comes only with a whole record
+  // The count that runs past the end is what the text is refused for.
+  const SBlobShapeFault& fault = copy.blobShapeFault();
+  EXPECT_EQ("fiid_dgconfig", fault.record);
+  EXPECT_EQ("line count", fault.field);
+  EXPECT_EQ("3", fault.value);
+  EXPECT_EQ("its count of 3 runs past the end of the provider state: only 2 lines follow it",
+            fault.why);
 }
 
 TEST_F(NodeTest, TruncatedDiskRecordKeepsTheRecordsBefore) {
@@ -242,6 +249,9 @@ TEST_F(NodeTest, TruncatedDiskRecordKeepsTheRecordsBefore) {
   EXPECT_EQ("/dev/qz/dsk/a/b", copy.getAltVol());
   Lines lines;
   EXPECT_EQ(1, copy.getVolPrivInfoPerDiskFromFiid("sdb", lines));
+  EXPECT_EQ("fiid_volpriv", copy.blobShapeFault().record);
+  EXPECT_EQ("its count of 4 runs past the end of the provider state: only 2 lines follow it",
+            copy.blobShapeFault().why);
 }
 
 TEST_F(NodeTest, OwnerIdsBeyond32BitsDoNotSurvive) {

@@ -115,17 +115,52 @@ TEST_F(ProviderStateTest, ASaveFillsTheBlobWithTheTextAndItsTerminator) {
   qzfi_free_buf(blob.data, blob.len);
 }
 
-TEST_F(ProviderStateTest, ARestoreOfATruncatedConfigurationKeepsWhatWasRead) {
+// A count that runs past the end of the state is refused, not read as a
+// truncated record: 3, the record and its count reported, the node keeps
+// nothing of it.
+TEST_F(ProviderStateTest, ARestoreOfATruncatedConfigurationIsRefused) {
   TestNode node("/dev/qz/dsk/dg1/vol1");
-  EXPECT_EQ(0, restoreState(&node.domain,
+  EXPECT_EQ(3, restoreState(&node.domain,
                             "fiid_altvol /dev/qz/dsk/dg1/vol1\nfiid_dgconfig dg1 3\ndg dg1\n"
                             "\tguid={1}"));
-  EXPECT_TRUE(wasTraced(1, "CQzVMData::extractFromBlob - looks like fiid is corrupted."));
-  EXPECT_FALSE(wasTraced(1, "CQzVMPlugin::processProviderState blob null or private data invalid"));
-  CQzVMData* data = dataOf(&node.domain);
-  ASSERT_NE(nullptr, data);
-  EXPECT_EQ("/dev/qz/dsk/dg1/vol1", data->getAltVol());
-  EXPECT_EQ("", data->getDGName());
+  EXPECT_EQ(nullptr, dataOf(&node.domain));
+  EXPECT_TRUE(commands().empty());
+  EXPECT_EQ((std::vector<qzvmfi_test::Pushed>{
+                {"MSG_ERROR_INPUT_REFUSED",
+                 "door",
+                 {"processProviderState",
+                  "the provider state (record fiid_dgconfig, field line count)", "3",
+                  "its count of 3 runs past the end of the provider state: only 2 lines follow "
+                  "it"}}}),
+            pushed());
+  EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::processProviderState blob null or private data invalid"));
+}
+
+// A state is its node's object's: a state of another group is refused.
+TEST_F(ProviderStateTest, AStateOfAnotherGroupIsRefused) {
+  TestNode node("/dev/qz/dsk/dg2/vol1");
+  EXPECT_EQ(3, restoreState(&node.domain, fullState()));
+  EXPECT_EQ(nullptr, dataOf(&node.domain));
+  EXPECT_TRUE(commands().empty());
+  EXPECT_EQ(
+      (std::vector<qzvmfi_test::Pushed>{
+          {"MSG_ERROR_INPUT_REFUSED",
+           "door",
+           {"processProviderState", "the provider state (record fiid_dgconfig, field group)", "dg1",
+            "the state records the group dg1, but its node's object /dev/qz/dsk/dg2/vol1 "
+            "lies in the group dg2"}}}),
+      pushed());
+}
+
+// The raw path of the source, and the copy's node whose state records no
+// group, restore as before.
+TEST_F(ProviderStateTest, TheSourcesRawPathAndACopyWithoutAGroupRestore) {
+  TestNode raw("/dev/qz/rdsk/dg1/vol1");
+  EXPECT_EQ(0, restoreState(&raw.domain, fullState()));
+  TestNode copy("/dev/qz/dsk/dg1_1234/vol1");
+  EXPECT_EQ(0, restoreState(&copy.domain, "fiid_v vol1 vol1_dcl\nfiid_uigid 1001 1002"));
+  ASSERT_NE(nullptr, dataOf(&copy.domain));
+  EXPECT_TRUE(pushed().empty());
 }
 
 TEST_F(ProviderStateTest, AnOperationOtherThanSaveOrRestoreReturns3) {
