@@ -1,11 +1,14 @@
 // Refused at the door: split disks that are not the copies of their
-// primaries, and records that name what no command may carry, are refused
-// before any disk changes, and the right input given next succeeds on the
-// same disks. Two commands on one record never run at once.
+// primaries, and records that name what no command may carry (a copy that
+// is the source, a NUL, another group's state), are refused before any disk
+// changes, and the right input given next succeeds on the same disks. Two
+// commands on one record, by any of its paths, never run at once.
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <thread>
@@ -192,6 +195,14 @@ TEST_F(DoorTest, ATamperedRecordIsRefusedByEveryCommandBeforeAnyToolRuns) {
          const size_t end = text.find('\n', count);
          text.replace(count, end - count, std::to_string(std::stol(text.substr(count)) - 1));
        }},
+      {"runs past the end of the provider state",
+       [](std::string& text) {
+         const size_t at = text.find("fiid_dgconfig dg1 ");
+         ASSERT_NE(at, std::string::npos);
+         const size_t count = at + std::string("fiid_dgconfig dg1 ").size();
+         const size_t end = text.find('\n', count);
+         text.replace(count, end - count, std::to_string(std::stol(text.substr(count)) + 100));
+       }},
       {"record fiid_volpriv, field disk-media name",
        [](std::string& text) {
          // The second disk record names the first one's disk medium.
@@ -247,37 +258,170 @@ TEST_F(DoorTest, ATamperedRecordIsRefusedByEveryCommandBeforeAnyToolRuns) {
 }
 
 // A command that finds the record in use by another is refused, naming the
-// record, before it runs anything.
+// record and the process that holds it, before it runs anything: the lock
+// lies on the record file, whichever path names it.
 TEST_F(DoorTest, ARecordInUseIsRefusedWithItsName) {
   makeSource();
   const std::string secondary = prepareSplitDeport("B");
   const std::string before = qztest::readFile(record());
-  const std::string lockFile = root() + "/.backup.json.lock";
-  const int held = open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  const std::string link = root() + "/link.json";
+  ASSERT_EQ(symlink(record().c_str(), link.c_str()), 0);
+  const int held = open(record().c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_GE(held, 0);
   ASSERT_EQ(flock(held, LOCK_EX | LOCK_NB), 0);
-  ASSERT_EQ(ftruncate(held, 0), 0);
-  ASSERT_EQ(pwrite(held, "4242", 4, 0), 4);
   const long runs = toolRuns();
-  const QzfiRun refused = qzfi("B", {"import", "--record", record(), "--secondary", secondary});
-  EXPECT_EQ(refused.status, 3) << refused;
-  EXPECT_THAT(refused.err, HasSubstr("the record " + record() +
-                                     " is in use by another qzfi command (process 4242)"));
+  for (const std::string& path : {record(), link}) {
+    const QzfiRun refused = qzfi("B", {"import", "--record", path, "--secondary", secondary});
+    EXPECT_EQ(refused.status, 3) << refused;
+    EXPECT_THAT(refused.err,
+                HasSubstr("the record " + path + " is in use by another qzfi command (process " +
+                          std::to_string(getpid()) + ")"));
+  }
   EXPECT_EQ(toolRuns(), runs);
   EXPECT_EQ(qztest::readFile(record()), before);
+  // No lock file is made beside the record.
+  EXPECT_FALSE(std::ifstream(root() + "/.backup.json.lock").good());
   close(held);
   expectRightListImports("B", secondary);
 }
 
-// Two imports of one record started together: one makes the copy, the
-// other is refused; the record is written once, by the one that ran.
+// A command through a symbolic link to the record writes the real file:
+// the link stays a link, to the record as the command left it.
+TEST_F(DoorTest, ACommandThroughALinkUpdatesTheRealRecord) {
+  makeSource();
+  ASSERT_EQ(qzfi("A", {"prepare", "/dev/qz/dsk/dg1/vol1", "--record", record()}).status, 0);
+  const std::string folder = root() + "/records";
+  ASSERT_TRUE(std::filesystem::create_directory(folder));
+  const std::string link = folder + "/link.json";
+  ASSERT_EQ(symlink(record().c_str(), link.c_str()), 0);
+  splitTo("B");
+  const QzfiRun deported = qzfi("A", {"deport", "--record", link});
+  ASSERT_EQ(deported.status, 0) << deported;
+  EXPECT_EQ(readRecord()["step"], "deported");
+  struct stat info {};
+  ASSERT_EQ(lstat(link.c_str(), &info), 0);
+  EXPECT_TRUE(S_ISLNK(info.st_mode));
+  EXPECT_EQ(std::filesystem::read_symlink(link).string(), record());
+  // Nothing is left beside the link or the record but themselves.
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder),
+                          std::filesystem::directory_iterator()),
+            1);
+  EXPECT_FALSE(std::ifstream(folder + "/.link.json.lock").good());
+}
+
+// A record with two names is refused before anything runs: a write renames
+// a new file over one name, and the names would become two records.
+TEST_F(DoorTest, ARecordWithTwoNamesIsRefused) {
+  makeSource();
+  ASSERT_EQ(qzfi("A", {"prepare", "/dev/qz/dsk/dg1/vol1", "--record", record()}).status, 0);
+  splitTo("B");
+  const std::string other = root() + "/other.json";
+  ASSERT_EQ(link(record().c_str(), other.c_str()), 0);
+  const long runs = toolRuns();
+  const QzfiRun refused = qzfi("A", {"deport", "--record", record()});
+  EXPECT_EQ(refused.status, 3) << refused;
+  EXPECT_THAT(refused.err, HasSubstr("the record " + record() + " has 2 names (hard links)"));
+  EXPECT_THAT(refused.err, HasSubstr("keep one name"));
+  EXPECT_EQ(toolRuns(), runs);
+  EXPECT_EQ(readRecord()["step"], "prepared");
+  ASSERT_EQ(unlink(other.c_str()), 0);
+  const QzfiRun deported = qzfi("A", {"deport", "--record", record()});
+  EXPECT_EQ(deported.status, 0) << deported;
+}
+
+// The temporary file of a write killed before its rename is removed by the
+// next command on the record.
+TEST_F(DoorTest, AKilledWritesTemporaryIsRemovedByTheNextCommand) {
+  makeSource();
+  ASSERT_EQ(qzfi("A", {"prepare", "/dev/qz/dsk/dg1/vol1", "--record", record()}).status, 0);
+  splitTo("B");
+  const std::string leftover = root() + "/.backup.json.K1lled";
+  std::ofstream(leftover) << "{\"format\": \"qzfi snapshot rec";
+  const std::string oldLock = root() + "/.backup.json.lock";
+  std::ofstream(oldLock) << "4242";
+  const QzfiRun deported = qzfi("A", {"deport", "--record", record()});
+  EXPECT_EQ(deported.status, 0) << deported;
+  EXPECT_FALSE(std::ifstream(leftover).good());
+  // An older qzfi's lock file is not this one's to remove.
+  EXPECT_TRUE(std::ifstream(oldLock).good());
+  EXPECT_EQ(readRecord()["step"], "deported");
+}
+
+// A record whose copy is the source itself (or lies in the source's group)
+// is refused before anything runs: a release would take the source's own
+// volume away.
+TEST_F(DoorTest, ACopyThatIsTheSourceIsRefusedBeforeAnyToolRuns) {
+  makeSource();
+  const std::string secondary = prepareSplitDeport("B");
+  expectRightListImports("B", secondary);
+  const Json imported = readRecord();
+  const std::string sourceSum = checksum("A", "dg1", "vol1");
+  for (const std::string object : {"/dev/qz/dsk/dg1/vol1", "/dev/qz/rdsk/dg1/vol1"}) {
+    SCOPED_TRACE(object);
+    Json copy = imported;
+    copy["alternate"]["object"] = object;
+    writeRecord(copy);
+    for (const char* host : {"A", "B"}) {
+      const long runs = toolRuns();
+      const QzfiRun refused = qzfi(host, {"release", "--record", record()});
+      EXPECT_EQ(refused.status, 3) << refused;
+      EXPECT_EQ(toolRuns(), runs) << refused;
+      EXPECT_THAT(refused.err, HasSubstr("the record " + record() + " cannot be used: "));
+      EXPECT_THAT(refused.err, HasSubstr("alternate.object " + object));
+      EXPECT_THAT(refused.err, HasSubstr("a copy is always made under a new group name; nothing "
+                                         "was run"));
+    }
+  }
+  EXPECT_THAT(groups("A"), ::testing::Contains("dg1"));
+  EXPECT_EQ(checksum("A", "dg1", "vol1"), sourceSum);
+  // The copy restored from the source's own state: the plug-in refuses a
+  // state of another group.
+  Json swapped = imported;
+  swapped["alternate"]["provider_state"] = imported["provider_state"];
+  const std::string copy = imported["alternate"]["object"];
+  expectRefused(swapped, "B", {"release", "--record", record()},
+                "the state records the group dg1, but its node's object " + copy +
+                    " lies in the group " + groupAndVolume(copy).first);
+  writeRecord(imported);
+  const QzfiRun released = qzfi("B", {"release", "--record", record()});
+  EXPECT_EQ(released.status, 0) << released;
+  EXPECT_EQ(checksum("A", "dg1", "vol1"), sourceSum);
+  expectConsistent();
+}
+
+// A NUL in any text of the record is refused like any other bad input.
+TEST_F(DoorTest, ANulInTheRecordIsRefused) {
+  makeSource();
+  ASSERT_EQ(qzfi("A", {"prepare", "/dev/qz/dsk/dg1/vol1", "--record", record()}).status, 0);
+  const Json prepared = readRecord();
+  Json nul = prepared;
+  nul["sub_objects"][0] = nul["sub_objects"][0].get<std::string>() + std::string(1, '\0');
+  writeRecord(nul);
+  EXPECT_NE(qztest::readFile(record()).find("\\u0000"), std::string::npos);
+  const long runs = toolRuns();
+  const QzfiRun refused = qzfi("A", {"deport", "--record", record()});
+  EXPECT_EQ(refused.status, 3) << refused;
+  EXPECT_THAT(refused.err, HasSubstr("the field \"sub_objects[0]\" holds a NUL character"));
+  EXPECT_EQ(toolRuns(), runs);
+  Json event = prepared;
+  event["events"][0]["detail"] = std::string("claimed\0", 8);
+  expectRefused(event, "A", {"deport", "--record", record()},
+                "the field \"events[0].detail\" holds a NUL character");
+}
+
+// Two imports of one record started together, through its path and a
+// link to it: one makes the copy, the other is refused; the record is
+// written once, by the one that ran.
 TEST_F(DoorTest, TwoCommandsOnOneRecordNeverRunTogether) {
   makeSource();
   const std::string secondary = prepareSplitDeport("B");
   QzfiRun first;
   QzfiRun second;
+  // One of them names the record by a symbolic link: the same record.
+  const std::string link = root() + "/link.json";
+  ASSERT_EQ(symlink(record().c_str(), link.c_str()), 0);
   std::thread other([&] {
-    second = qzfi("B", {"import", "--record", record(), "--secondary", secondary});
+    second = qzfi("B", {"import", "--record", link, "--secondary", secondary});
   });
   first = qzfi("B", {"import", "--record", record(), "--secondary", secondary});
   other.join();
