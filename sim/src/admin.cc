@@ -64,8 +64,8 @@ struct Flags {
   }
 };
 
-const std::set<std::string> kBoolFlags = {"no-dmp", "no-vset", "no-cds", "not-installed",
-                                          "total",  "printed", "changed"};
+const std::set<std::string> kBoolFlags = {"no-dmp", "no-vset", "no-cds",  "not-installed",
+                                          "total",  "printed", "changed", "ids"};
 
 // A simulation holds at most this many sectors per disk (1 PiB), so that
 // no offset or length sum can overflow.
@@ -354,10 +354,15 @@ void diskRemove(const Flags& f) {
   });
 }
 
-void diskList() {
+// With ids, a last column DGID holds the id of the group on each disk's
+// private region: what an import by id names.
+void diskList(const Flags& f) {
+  const bool ids = f.flags.count("ids") != 0;
   withDb([&](Db& db, const std::string&) {
     std::vector<std::vector<std::string>> rows = {
         {"LUN", "NODE", "SIZE", "FORMAT", "GROUP", "LOCK", "COPYOF", "PATHS"}};
+    if (ids)
+      rows[0].push_back("DGID");
     for (const auto& r : db.query("SELECT id FROM disks ORDER BY id")) {
       Disk d = Sim::loadDisk(db, r[0].i);
       std::vector<std::string> paths;
@@ -369,6 +374,8 @@ void diskList() {
       rows.push_back({d.lun, d.node(), std::to_string(d.size), d.ptype + ":" + d.pformat,
                       d.dgname.empty() ? "-" : d.dgname, d.hostlock.empty() ? "-" : d.hostlock,
                       source, paths.empty() ? "-" : join(paths, ",")});
+      if (ids)
+        rows.back().push_back(d.dgid.empty() ? "-" : d.dgid);
     }
     std::cout << formatTable(rows);
   });
@@ -653,7 +660,7 @@ const char* kHelp = R"(qzsim - QzVM simulator
   qzsim disk add [--size LEN] [--count N] [--hosts A,B] [--paths N] [--enclosure E]
   qzsim disk attach|detach DISK --host H [--paths N]
   qzsim disk remove DISK [--host H]            the array takes the LUN away from every host
-  qzsim disk list
+  qzsim disk list [--ids]                      --ids: and the id of the group on each disk
   qzsim disk rescan --host H                   what writing to /sys/class/scsi_host/*/scan does on H
   qzsim array split --disks D1,D2 [--from-host H] --to-host H2 [--paths N]
   qzsim array restore --disks C1,C2 [--from-host H]   copies back onto their source LUNs
@@ -707,7 +714,7 @@ int adminMain(const std::vector<std::string>& args, const std::string& binary) {
     if (cmd == "disk" && sub == "remove")
       return diskRemove(f), 0;
     if (cmd == "disk" && sub == "list")
-      return diskList(), 0;
+      return diskList(f), 0;
     if (cmd == "disk" && sub == "rescan")
       return diskRescan(f), 0;
     if (cmd == "array" && sub == "split")

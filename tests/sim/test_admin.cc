@@ -116,6 +116,28 @@ TEST_F(AdminTest, RestoreCopiesACopyBackOntoItsSource) {
   EXPECT_TRUE(startsWith(adminOk({"check"}), "OK ")) << adminOk({"check"});
 }
 
+// "disk list --ids" names the group id on each disk: what an import by id
+// takes; clones imported as a group of their own carry a fresh one.
+TEST_F(AdminTest, DiskListWithIdsNamesTheGroupIdOfEachDisk) {
+  const std::string dgid = splitBlanks(lines(ok("A", "qzdg list"))[1])[2];
+  adminOk({"array", "split", "--disks", "qzarr0_0,qzarr0_1", "--from-host", "A", "--to-host", "A"});
+  ok("A", "qzdisk scandisks");
+  auto rows = lines(adminOk({"disk", "list", "--ids"}));
+  ASSERT_EQ(rows.size(), 5u);
+  EXPECT_EQ(splitBlanks(rows[0]).back(), "DGID");
+  EXPECT_EQ(splitBlanks(rows[1]).back(), dgid);
+  EXPECT_EQ(splitBlanks(rows[3]).back(), dgid);  // a clone carries its source's group
+  ok("A", "qzdg -C -n dg1copy import " + dgid);
+  rows = lines(adminOk({"disk", "list", "--ids"}));
+  const std::string fresh = splitBlanks(rows[3]).back();
+  EXPECT_NE(fresh, dgid);
+  EXPECT_EQ(splitBlanks(ok("A", "qzdg list dg1copy"))[3], fresh);
+  EXPECT_EQ(splitBlanks(rows[3])[4], "dg1copy");
+  EXPECT_EQ(splitBlanks(rows[1]).back(), dgid);
+  // Without --ids the table is as it was.
+  EXPECT_EQ(splitBlanks(lines(adminOk({"disk", "list"}))[0]).back(), "PATHS");
+}
+
 TEST_F(AdminTest, RemovedLunIsGoneFromEveryHost) {
   adminOk({"disk", "attach", "lun2", "--host", "B"});
   ok("B", "qzdisk scandisks");
