@@ -137,6 +137,26 @@ class AgentTest : public QzfiTest {
   std::string m_run;
 };
 
+// The agent knows a record by its real file: a command that names it by
+// a symbolic link takes back the node that the command before it kept.
+TEST_F(AgentTest, ARecordNamedByALinkIsTheSameRecordToTheAgent) {
+  makeSource();
+  auto a = startAgent("A");
+  ASSERT_EQ(0, viaAgent(*a, {"prepare", kSource, "--record", record()}).status);
+  const std::string link = root() + "/link.json";
+  ASSERT_EQ(0, symlink(record().c_str(), link.c_str()));
+  splitTo("B");
+  const QzfiRun deported = viaAgent(*a, {"--json", "deport", "--record", link});
+  ASSERT_EQ(0, deported.status) << deported;
+  EXPECT_THAT(stepNames(deported.json()),
+              ElementsAre("init", "node", "deportTree", "postDeport", "processProviderState"));
+  EXPECT_EQ("deported", readRecord()["step"]);
+  struct stat info {};
+  ASSERT_EQ(0, lstat(link.c_str(), &info));
+  EXPECT_TRUE(S_ISLNK(info.st_mode));
+  EXPECT_EQ(0, a->stop()) << a->log();
+}
+
 TEST_F(AgentTest, ABackupThroughAgentsOnAAndBMakesTheCopyAndKeepsTheNodes) {
   makeSource();
   auto a = startAgent("A");
