@@ -261,6 +261,12 @@ bool writeAll(int fd, const std::string& text) {
   return true;
 }
 
+std::string existsAlready(const std::string& file) {
+  return "the record " + file +
+         " exists already: a new backup needs a new record (remove the old one when its backup "
+         "is done)";
+}
+
 void syncFolder(const std::string& folder) {
   int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd >= 0) {
@@ -439,9 +445,7 @@ void CSnapshotRecord::checkWritable(const std::string& file, bool exclusive) {
                       systemError(errno));
   }
   if (exclusive && access(file.c_str(), F_OK) == 0) {
-    throw RecordError("the record " + file +
-                      " exists already: a new backup needs a new record (remove the old one "
-                      "when its backup is done)");
+    throw RecordError(existsAlready(file));
   }
 }
 
@@ -476,6 +480,9 @@ void CSnapshotRecord::save(const std::string& file, bool exclusive, CRecordLock*
   }
   if (!placed) {
     close(fd);
+    if (written && exclusive && placeError == EEXIST) {
+      throw RecordError(existsAlready(file));  // made meanwhile, by another command
+    }
     throw RecordError("the record " + file +
                       " cannot be written: " + systemError(written ? placeError : writeError));
   }

@@ -193,7 +193,12 @@ TEST(Record, ANewRecordNeverReplacesAnOldOne) {
   qztest::TempDir dir;
   const std::string file = dir.file("backup.json");
   std::ofstream(file) << "an older backup's record";
-  EXPECT_THROW(sample().save(file, true), RecordError);
+  try {
+    sample().save(file, true);
+    ADD_FAILURE() << "replaced";
+  } catch (const RecordError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("exists already: a new backup needs a new record"));
+  }
   EXPECT_EQ(qztest::readFile(file), "an older backup's record");
   EXPECT_THAT(
       [&] {
