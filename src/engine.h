@@ -71,6 +71,22 @@ class CQzVMEngine : public virtual qzfi_pdk_4_4::CFiTraceable {
   // disk-media names.
   int recreateDG(const std::string& path, const std::vector<std::string>& osDisks, CQzVMData* data);
 
+  // Before the copy of a record is stopped, deported or destroyed: evidence,
+  // read from this host's volume manager, that the group of copyPath is the
+  // copy that the record's import made. Its name is not the source's group
+  // (of source's configuration, else of sourcePath); it holds exactly the
+  // disks that the copy's node recorded and no volume that the record does
+  // not name; it has the group id that the import recorded in source's
+  // data. kCopyProven; kCopyAbsent when no group of that name is imported
+  // here; 3 when it is not the copy, reported with what was found.
+  static const int kCopyProven = 0;
+  static const int kCopyAbsent = 1;
+  // readHost false: the name check alone, with no tool run, for a step that
+  // only stops the copy's volumes.
+  int proveRecordedCopy(const char* operation, const std::string& copyPath,
+                        const std::string& sourcePath, CQzVMData* source, CQzVMData* copy,
+                        bool readHost = true);
+
   const SQzVMCliPath& cliPath() const { return m_cliPath; }
   // Groups that buildAltTree left holding a copy, with the path it copies.
   const std::map<std::string, std::string>& builtGroups() const { return m_builtGroups; }
@@ -94,10 +110,14 @@ class CQzVMEngine : public virtual qzfi_pdk_4_4::CFiTraceable {
   int startExisting(const std::string& dg, const std::string& volume, CQzVMData* data,
                     qzfi_objid** objid, bool raw, const char* failure);
   void cleanUp(const std::string& importedDG, const SplitDisks& disks);
-  // Whether a group that a stopped build left on the split disks was
-  // found and deported.
-  bool deportUnfinishedGroup(const std::string& foundDG, const std::string& sourceDG,
-                             const SplitDisks& disks);
+  // A group that a stopped build left on the split disks without the
+  // volume, proven this record's: 0 deported; kNothingLeft when there is
+  // none; 3 when the group there is not the copy (reported); 6 when its
+  // deport failed.
+  static const int kNothingLeft = 1;
+  int deportUnfinishedGroup(const std::string& foundDG, const std::string& sourceDG,
+                            const SplitDisks& disks, const std::vector<std::string>& primaryDisks,
+                            CQzVMData* data);
   int importById(qzfi_objid** objid, const std::string& newDG, const std::string& volume,
                  CQzVMData* data, bool raw, const SplitDisks& disks);
   int takeNewGroupId(const qzfi_objid* objid, CQzVMData* data, const std::string& path);
@@ -129,6 +149,33 @@ class CQzVMEngine : public virtual qzfi_pdk_4_4::CFiTraceable {
                             const std::vector<std::string>& splitDisks,
                             const std::vector<std::vector<std::string>>& splitListings,
                             const std::string& dgid);
+
+  // What the volume manager lists of one group now.
+  struct GroupSeen {
+    std::vector<std::string> disks;
+    std::vector<std::string> dms;  // of disks[i]
+    std::vector<std::string> volumes;
+  };
+  bool readGroup(const std::string& dg, GroupSeen& seen);
+  // Reports why group is not the copy and that nothing was changed: false.
+  bool notTheCopy(const char* operation, const std::string& group, const std::string& why);
+  static std::string differenceFromRecord(const GroupSeen& seen,
+                                          const std::vector<std::string>& disks,
+                                          const std::vector<std::string>& dms,
+                                          const std::vector<std::string>& volumes);
+  // A group found on the split disks is the copy that this record's import
+  // (intact) or build made, whole or stopped half-way.
+  // pathDG: the group of the source's path.
+  bool provenCopyOnSplitDisks(const char* operation, const std::string& foundDG,
+                              const std::string& pathDG, const SplitDisks& disks,
+                              const std::vector<std::string>& primaryDisks, CQzVMData* data,
+                              bool intact);
+  // The group dg on the restored disks was made by a re-creation of this record.
+  bool provenRecreation(const std::string& dg, const std::vector<std::string>& disks,
+                        CQzVMData* data);
+  bool isSourceGroup(const std::string& copyPath, const std::string& sourcePath, CQzVMData* source);
+  bool restoredDisksCarryRecord(const std::string& dg, const std::vector<std::string>& disks,
+                                const std::vector<std::vector<std::string>>& listings);
 
   CQzVMCliTool m_cliTool;
   SQzVMCliPath m_cliPath;

@@ -52,13 +52,21 @@ int CQzVMEngine::buildAltTree(qzfi_objid** objid, const std::string& newDG, cons
   bool found = false;
   const int checked = m_support.checkForVolFromQzVMDiskIfRecreatedAndGetDG(
       disks.dmpNodes, volume, foundDG, found, !data->vtList().empty());
-  // A group left without volumes cannot be looked into: it goes too.
-  const bool leftover = !found && deportUnfinishedGroup(foundDG, dg, disks);
-  if (checked != 0 && !leftover) {
+  // A group left without volumes cannot be looked into: it goes too, once
+  // proven this record's.
+  const int leftover =
+      found ? kNothingLeft : deportUnfinishedGroup(foundDG, dg, disks, primaryDisks, data);
+  if (leftover == kRefused) {
+    return kRefused;
+  }
+  if (checked != 0 && leftover != 0) {
     QZ_TRACE(m_traceLog, 1, "checkForVolFromQzVMDiskIfRecreatedAndGetDG failed");
     return 6;
   }
   if (found) {
+    if (!provenCopyOnSplitDisks("buildAltTree", foundDG, dg, disks, primaryDisks, data, false)) {
+      return kRefused;
+    }
     if (startExisting(foundDG, volume, data, objid, raw, "activeVolAndCreateObjid failed") != 0) {
       cleanUp("", disks);
       return 6;
@@ -96,6 +104,27 @@ int CQzVMEngine::takeNewGroupId(const qzfi_objid* objid, CQzVMData* data, const 
   m_support.extractDGAndVol(objid->name, dg, volume);
   m_builtGroups[dg] = path;
   return 0;
+}
+
+// A build stopped after it made the new group and before the volume was in
+// it (its process killed) leaves that group imported on the split disks,
+// which no later build can initialise. Such a group goes only when the
+// evidence shows it is this record's copy; the source's group is never one.
+int CQzVMEngine::deportUnfinishedGroup(const std::string& foundDG, const std::string& sourceDG,
+                                       const SplitDisks& disks, const Names& primaryDisks,
+                                       CQzVMData* data) {
+  if (foundDG.empty() || foundDG == sourceDG || !m_support.isDGPresent(foundDG)) {
+    return kNothingLeft;
+  }
+  if (!provenCopyOnSplitDisks("buildAltTree", foundDG, sourceDG, disks, primaryDisks, data,
+                              false)) {
+    return kRefused;
+  }
+  QZ_TRACE(m_traceLog, 2,
+           "CQzVMEngine::buildAltTree - the split disks hold the group '%s' without the volume, "
+           "left by a build that stopped; deporting it to build again.",
+           foundDG.c_str());
+  return m_support.deportDG(foundDG) ? 6 : 0;
 }
 
 int CQzVMEngine::buildQzVM(qzfi_objid** objid, const std::string& newDG, const Names& splitDisks,
@@ -170,8 +199,9 @@ int CQzVMEngine::buildGroup(SourceRecords& source, CQzVMData* data, const Rebuil
     QZ_TRACE(m_traceLog, 1, "%s", texts.unseen);
     return 6;
   }
-  if (source.splitCopies &&
-      !splitDisksPairWithPrimaries(source.primaryDisks, source.splitDisks, splitListings, data)) {
+  if (source.splitCopies ? !splitDisksPairWithPrimaries(source.primaryDisks, source.splitDisks,
+                                                        splitListings, data)
+                         : !restoredDisksCarryRecord(newDG, source.splitDisks, splitListings)) {
     return kRefused;
   }
   if (m_support.initDisks(source.splitDisks, records, true) != 0) {

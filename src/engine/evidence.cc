@@ -1,8 +1,17 @@
 // Evidence read from the volume manager before a change: the split disks
-// paired with the primaries they copy.
+// paired with the primaries they copy, and a group proven to be the copy
+// that the record's flow made before it is adopted, deported, destroyed or
+// made again.
 #include "engine.h"
 
+#include <stdio.h>
+
+#include <algorithm>
+
 #include "engine/internal.h"
+#include "support/internal.h"
+
+using qzvm_support_internal::recordKind;
 
 using namespace qzvm_engine_internal;
 using qzvmfi_report::pushError;
@@ -73,29 +82,73 @@ bool leftByEarlierAttempt(const vol_pvt_info& onDisk, const std::string& carried
          (onDisk.vpi_dgname != sourceDG && baseOfNewName(onDisk.vpi_dgname) == sourceDG);
 }
 
+// Whether the update sequence number a ("major.minor", each a count) comes
+// after b; false when either is not one.
+bool isLaterUpdate(const std::string& a, const std::string& b) {
+  unsigned long long aMajor = 0, aMinor = 0, bMajor = 0, bMinor = 0;
+  char aEnd = 0;
+  char bEnd = 0;
+  if (sscanf(a.c_str(), "%llu.%llu%c", &aMajor, &aMinor, &aEnd) != 2 ||
+      sscanf(b.c_str(), "%llu.%llu%c", &bMajor, &bMinor, &bEnd) != 2) {
+    return false;
+  }
+  return aMajor != bMajor ? aMajor > bMajor : aMinor > bMinor;
+}
+
 }  // namespace
 
 // The split disks are copies of the primaries, private regions included:
 // before the first change to any of them, each must carry the disk id
-// recorded for the primary it pairs with. A split disk that an earlier
-// attempt of this build initialised already holds nothing of another disk,
-// and passes.
+// recorded for the primary it pairs with, on a LUN of its own (a disk that
+// shows the primary's own unique disk id is the primary, not a copy). A
+// split disk that an earlier attempt of this build initialised already
+// holds nothing of another disk, and passes. The copies of one split show
+// one configuration update (the sequence number the volume manager writes
+// with each change of the group's configuration), no later than the
+// record's: disks of two splits taken across a change do not.
 bool CQzVMEngine::splitDisksPairWithPrimaries(const Names& primaryDisks, const Names& splitDisks,
                                               const std::vector<Names>& splitListings,
                                               CQzVMData* data) {
   std::string sourceDG;
   Names config;
   data->getDGConfigFromPD(sourceDG, config);
+  std::vector<Names> recorded(primaryDisks.size());
   Names recordedIds;
-  for (const std::string& primary : primaryDisks) {
-    Names recorded;
-    data->getVolPrivInfoPerDiskFromFiid(primary, recorded);
-    recordedIds.push_back(CQzVMSupport::diskIdOf(recorded));
+  for (size_t i = 0; i < primaryDisks.size(); ++i) {
+    data->getVolPrivInfoPerDiskFromFiid(primaryDisks[i], recorded[i]);
+    recordedIds.push_back(CQzVMSupport::diskIdOf(recorded[i]));
   }
+  std::string splitUpdate;  // of the first copy that the split left untouched
+  size_t firstCopy = 0;
   for (size_t i = 0; i < splitDisks.size() && i < splitListings.size(); ++i) {
     const std::string carried = CQzVMSupport::diskIdOf(splitListings[i]);
     if (!carried.empty() && carried == recordedIds[i]) {
-      continue;
+      const std::string udid = CQzVMSupport::udidOf(splitListings[i]);
+      const std::string update = CQzVMSupport::seqnoOf(splitListings[i]);
+      std::string why;
+      if (!udid.empty() && udid == CQzVMSupport::udidOf(recorded[i])) {
+        why = "the split disk is the primary disk itself (it shows the primary's unique disk id [" +
+              udid + "]), not a copy of it";
+      } else if (splitUpdate.empty()) {
+        splitUpdate = update;
+        firstCopy = i;
+      } else if (update != splitUpdate) {
+        why = "the split disk shows the configuration update [" + update + "], the split disk " +
+              splitDisks[firstCopy] + " shows [" + splitUpdate +
+              "]: they come from two splits; give the disks of one split";
+      }
+      const std::string recordedUpdate = CQzVMSupport::seqnoOf(recorded[i]);
+      if (why.empty() && !update.empty() && !recordedUpdate.empty() &&
+          isLaterUpdate(update, recordedUpdate)) {
+        why = "the split disk shows the configuration update [" + update +
+              "], later than the record's [" + recordedUpdate +
+              "]: it was split after this backup was recorded";
+      }
+      if (why.empty()) {
+        continue;
+      }
+      refusePair(m_traceLog, "buildQzVM", primaryDisks[i], splitDisks[i], why);
+      return false;
     }
     vol_pvt_info onDisk;
     m_support.parseVolPrivInfo(splitListings[i], onDisk);
@@ -126,4 +179,220 @@ bool CQzVMEngine::splitDisksCarryGroup(const Names& primaryDisks, const Names& s
     }
   }
   return true;
+}
+
+// ===== the copy proven before it is changed =====
+
+namespace {
+
+// The source's group as the record names it: the group of its configuration
+// dump, else pathDG, the group of the source's path.
+std::string recordedSourceDG(CQzVMData* data, const std::string& pathDG) {
+  std::string dg;
+  Names config;
+  if (data != nullptr && data->getDGConfigFromPD(dg, config) == 0 && !dg.empty()) {
+    return dg;
+  }
+  return pathDG;
+}
+
+// The volumes and volume sets of the recorded configuration dump.
+Names recordedVolumes(const CQzVMData& data) {
+  Names names;
+  for (const std::string& line : data.dgConfigLines()) {
+    const std::string_view kind = recordKind(line);
+    if (kind == "vol" || kind == "vset") {
+      names.push_back(getToken(line, 1));
+    }
+  }
+  return names;
+}
+
+bool sameSet(Names a, Names b) {
+  std::sort(a.begin(), a.end());
+  std::sort(b.begin(), b.end());
+  return a == b;
+}
+
+}  // namespace
+
+bool CQzVMEngine::readGroup(const std::string& dg, GroupSeen& seen) {
+  return m_support.getDisksAndDMsOfDG(dg, seen.disks, seen.dms) == 0 &&
+         m_support.getVolumeNamesOfDG(dg, seen.volumes) == 0;
+}
+
+bool CQzVMEngine::notTheCopy(const char* operation, const std::string& group,
+                             const std::string& why) {
+  QZ_TRACE(m_traceLog, 1,
+           "CQzVMEngine::%s - the disk group '%s' is not the copy that this backup made: %s. "
+           "Nothing was changed.",
+           operation, group.c_str(), why.c_str());
+  pushError("MSG_ERROR_NOT_THE_COPY", {operation, group, why}, kSource, __LINE__);
+  return false;
+}
+
+// What the record names of a group: its disks (the disk-media name of
+// disks[i] is dms[i], when the record gives them) and its volumes. Empty
+// when the group seen holds just that.
+std::string CQzVMEngine::differenceFromRecord(const GroupSeen& seen, const Names& disks,
+                                              const Names& dms, const Names& volumes) {
+  if (!sameSet(seen.disks, disks)) {
+    return "it holds the disks [" + joinNames(seen.disks) + "], the record's are [" +
+           joinNames(disks) + "]";
+  }
+  for (size_t i = 0; i < disks.size() && i < dms.size(); ++i) {
+    const auto at = std::find(seen.disks.begin(), seen.disks.end(), disks[i]);
+    const std::string& dm = seen.dms[at - seen.disks.begin()];
+    if (dm != dms[i]) {
+      return "its disk " + disks[i] + " has the disk-media name " + dm + ", the record gives " +
+             dms[i];
+    }
+  }
+  for (const std::string& volume : seen.volumes) {
+    if (!volumes.empty() && isUniqueInVector(volumes, volume)) {
+      return "it holds the volume " + volume + ", which the record does not name";
+    }
+  }
+  return std::string();
+}
+
+// A group found on the split disks holding the volume (or a group that a
+// stopped build left without it) is this record's copy only when it is not
+// the source's, stands on exactly the split disks with the recorded
+// disk-media names and holds no volume that the record does not name, and
+// each split disk's private region shows it: the recorded group id for an
+// intact copy, or a region that a build of this record wrote.
+bool CQzVMEngine::provenCopyOnSplitDisks(const char* operation, const std::string& foundDG,
+                                         const std::string& pathDG, const SplitDisks& disks,
+                                         const Names& primaryDisks, CQzVMData* data, bool intact) {
+  const std::string sourceDG = recordedSourceDG(data, pathDG);
+  if (foundDG == sourceDG) {
+    return notTheCopy(operation, foundDG,
+                      "it is the source's own group: the disks given [" +
+                          joinNames(disks.dmpNodes) + "] are the source's, not split copies");
+  }
+  GroupSeen seen;
+  if (!readGroup(foundDG, seen)) {
+    return notTheCopy(operation, foundDG, "its disks and volumes could not be listed");
+  }
+  Names recordedDisks = primaryDisks;
+  Names recordedDMs;
+  std::vector<Names> recorded;
+  data->getVolPrivInfoFromPD(recordedDisks, recordedDMs, recorded);
+  const std::string differs =
+      differenceFromRecord(seen, disks.dmpNodes, recordedDMs, recordedVolumes(*data));
+  if (!differs.empty()) {
+    return notTheCopy(operation, foundDG, differs);
+  }
+  std::vector<Names> listings;
+  if (m_support.isDisksInQzVMDB(disks.dmpNodes, true, listings) != 0) {
+    return notTheCopy(operation, foundDG, "the private regions of its disks could not be read");
+  }
+  Names recordedIds;
+  for (const Names& listing : recorded) {
+    recordedIds.push_back(CQzVMSupport::diskIdOf(listing));
+  }
+  for (size_t i = 0; i < listings.size(); ++i) {
+    vol_pvt_info onDisk;
+    m_support.parseVolPrivInfo(listings[i], onDisk);
+    const bool ours = intact ? onDisk.vpi_dgid == data->getDGId()
+                             : onDisk.vpi_dgname == foundDG &&
+                                   leftByEarlierAttempt(onDisk, CQzVMSupport::diskIdOf(listings[i]),
+                                                        recordedIds, sourceDG);
+    if (!ours) {
+      return notTheCopy(operation, foundDG,
+                        "the split disk " + disks.dmpNodes[i] + " carries the group [" +
+                            onDisk.vpi_dgname + "] id [" + onDisk.vpi_dgid + "] and the disk id [" +
+                            CQzVMSupport::diskIdOf(listings[i]) + "], which no " +
+                            (intact ? "import" : "build") + " of this record made");
+    }
+  }
+  return true;
+}
+
+// A group of the recorded name on the restored disks, made by a
+// re-creation of this record (whole, or stopped before its volumes).
+bool CQzVMEngine::provenRecreation(const std::string& dg, const Names& disks, CQzVMData* data) {
+  GroupSeen seen;
+  if (!readGroup(dg, seen)) {
+    return notTheCopy("recreateDG", dg, "its disks and volumes could not be listed");
+  }
+  Names recordedDisks = disks;
+  Names recordedDMs;
+  std::vector<Names> listings;
+  data->getVolPrivInfoFromPD(recordedDisks, recordedDMs, listings);
+  const std::string differs =
+      differenceFromRecord(seen, disks, recordedDMs, recordedVolumes(*data));
+  return differs.empty() || notTheCopy("recreateDG", dg, differs);
+}
+
+// Before the restored disks are initialised again: each carries no group,
+// the recorded group, or a copy of it (restored from a split copy). A
+// region of any other group is another's, and stays.
+bool CQzVMEngine::restoredDisksCarryRecord(const std::string& dg, const Names& disks,
+                                           const std::vector<Names>& listings) {
+  for (size_t i = 0; i < disks.size() && i < listings.size(); ++i) {
+    vol_pvt_info onDisk;
+    m_support.parseVolPrivInfo(listings[i], onDisk);
+    if (onDisk.vpi_dgid.empty() || onDisk.vpi_dgname == dg ||
+        baseOfNewName(onDisk.vpi_dgname) == dg) {
+      continue;
+    }
+    return notTheCopy("recreateDG", onDisk.vpi_dgname,
+                      "the restored disk " + disks[i] + " carries it, not the group " + dg +
+                          " that the record re-creates");
+  }
+  return true;
+}
+
+int CQzVMEngine::proveRecordedCopy(const char* operation, const std::string& copyPath,
+                                   const std::string& sourcePath, CQzVMData* source,
+                                   CQzVMData* copy, bool readHost) {
+  if (isSourceGroup(copyPath, sourcePath, source)) {
+    std::string dg;
+    std::string volume;
+    m_support.extractDGAndVol(copyPath, dg, volume);
+    notTheCopy(operation, dg, "it is the source's own group (" + sourcePath + ")");
+    return kRefused;
+  }
+  if (!readHost) {
+    return kCopyProven;
+  }
+  std::string dg;
+  std::string volume;
+  m_support.extractDGAndVol(copyPath, dg, volume);
+  if (!m_support.isDGPresent(dg)) {
+    return kCopyAbsent;
+  }
+  GroupSeen seen;
+  if (!readGroup(dg, seen)) {
+    notTheCopy(operation, dg, "its disks and volumes could not be listed");
+    return kRefused;
+  }
+  const Names recordedDisks =
+      copy != nullptr && copy->hasRecordedDisks() ? copy->recordedNodes() : seen.disks;
+  const std::string differs = differenceFromRecord(
+      seen, recordedDisks, Names(), source != nullptr ? recordedVolumes(*source) : Names());
+  if (!differs.empty()) {
+    notTheCopy(operation, dg, differs);
+    return kRefused;
+  }
+  std::string dgid;
+  if (source != nullptr && !source->getDGId().empty() &&
+      (m_support.getDGID(copyPath, dgid) != 0 || dgid != source->getDGId())) {
+    notTheCopy(operation, dg,
+               "its group id is [" + dgid + "], the import recorded [" + source->getDGId() + "]");
+    return kRefused;
+  }
+  return kCopyProven;
+}
+
+bool CQzVMEngine::isSourceGroup(const std::string& copyPath, const std::string& sourcePath,
+                                CQzVMData* source) {
+  std::string dg;
+  std::string volume;
+  m_support.extractDGAndVol(copyPath, dg, volume);
+  std::string sourceDG;
+  m_support.extractDGAndVol(sourcePath, sourceDG, volume);
+  return dg.empty() || dg == recordedSourceDG(source, sourceDG);
 }

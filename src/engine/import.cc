@@ -58,30 +58,6 @@ void CQzVMEngine::cleanUp(const std::string& importedDG, const SplitDisks& disks
   m_support.removeDevicesFromOSDeviceTree(disks.osHandles);
 }
 
-// A build stopped after it made the new group and before the volume was in
-// it (its process killed) leaves that group imported on the split disks,
-// which no later build can initialise. The split disks carry the source's
-// group until a build makes another one on them; a group of another name,
-// imported here on none but split disks and without the volume, is such a
-// leftover, and goes.
-bool CQzVMEngine::deportUnfinishedGroup(const std::string& foundDG, const std::string& sourceDG,
-                                        const SplitDisks& disks) {
-  if (foundDG.empty() || foundDG == sourceDG || !m_support.isDGPresent(foundDG)) {
-    return false;
-  }
-  // Only split disks in it: the group is this copy's own, made on them.
-  std::vector<std::string> members;
-  if (m_support.getDisksForDG(foundDG.c_str(), members) != 0 || members.empty() ||
-      !checkVectorMatch(members, disks.dmpNodes, false)) {
-    return false;
-  }
-  QZ_TRACE(m_traceLog, 2,
-           "CQzVMEngine::buildAltTree - the split disks hold the group '%s' without the volume, "
-           "left by a build that stopped; deporting it to build again.",
-           foundDG.c_str());
-  return !m_support.deportDG(foundDG);
-}
-
 int CQzVMEngine::startExisting(const std::string& dg, const std::string& volume, CQzVMData* data,
                                qzfi_objid** objid, bool raw, const char* failure) {
   const std::string& tmpDG = dg;
@@ -128,6 +104,11 @@ int CQzVMEngine::importQzVM(qzfi_objid** objid, const std::string& newDG, const 
     return 6;
   }
   if (found) {
+    // A group of another backup, or the source itself, may hold a volume of
+    // that name: only this record's copy is taken.
+    if (!provenCopyOnSplitDisks("importQzVM", foundDG, dg, disks, primaryDisks, data, true)) {
+      return kRefused;
+    }
     if (startExisting(foundDG, volume, data, objid, raw, "active vol failed.") != 0) {
       cleanUp("", disks);
       return 6;

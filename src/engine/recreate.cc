@@ -50,6 +50,11 @@ int CQzVMEngine::recreateDG(const std::string& path, const Names& osDisks, CQzVM
   // A re-creation stopped (its process killed) after it made the group and
   // before the volume was in it leaves the group imported on the disks,
   // where none can be made again: it goes, and is made anew.
+  // A group of the recorded name that holds what the record does not (made
+  // again by hand, say) is not one to start, nor to make anew.
+  if ((found || halfMade) && !provenRecreation(dg, dmpDisks, data)) {
+    return kRefused;
+  }
   if (halfMade) {
     QZ_TRACE(m_traceLog, 2,
              "CQzVMEngine::recreateDG - the disks hold the dg '%s' without the volume, left by a "
@@ -69,8 +74,8 @@ int CQzVMEngine::recreateDG(const std::string& path, const Names& osDisks, CQzVM
   // Same name, same disk-media names, same disks: only the group is new.
   SourceRecords same{dmpDisks, dmpDisks, Names(), dg, false};
   std::string createdDG;
-  if (buildGroup(same, data, kRecreateTexts, createdDG) != 0) {
-    return 6;
+  if (int status = buildGroup(same, data, kRecreateTexts, createdDG)) {
+    return status == kRefused ? kRefused : 6;
   }
   if (activeVol(dg, volume, data) != 0) {
     QZ_TRACE(m_traceLog, 1, "Error in activating volume");

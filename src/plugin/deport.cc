@@ -19,6 +19,16 @@ const int kWarning = 2;
 
 const int kDeleteSnapshot = 1;
 
+// The status of a group or disk that the evidence does not show to be the
+// copy: nothing was changed.
+const int kNotTheCopy = 3;
+
+// A copy's node records its disks but no configuration of its own: the
+// configuration is the source's.
+bool isCopyNode(const CQzVMData& data) {
+  return data.hasRecordedDisks() && data.dgConfigLines().empty();
+}
+
 }  // namespace
 
 // Unless the access says otherwise, nothing is deported: the copy's
@@ -69,6 +79,10 @@ int CQzVMPlugin::deportTree(qfi_domain* node, qfi_domain* altNode, qfi_accessnod
       return noObjectToDeport(kWarning);
     }
     const std::string altPath = objectPathOf(altNode);
+    if (m_engine->proveRecordedCopy("deportTree", altPath, path, data, GetPrivateData(altNode)) ==
+        kNotTheCopy) {
+      return kNotTheCopy;
+    }
     data->setAltVol(altPath);
     if (m_support.deportDGAndRemoveDisks(altPath, true, false) != 0) {
       QZ_TRACE(m_traceLog, 1, "deportDGAndRemoveDisks() failed");
@@ -131,6 +145,9 @@ int CQzVMPlugin::disableAccess(qfi_node_subobj_list* list, long flags) {
                     kQzVMPluginSource, __LINE__, kWarning);
           return 6;
         }
+      } else if (isCopyNode(*data) && m_engine->proveRecordedCopy("disableAccess", path, "",
+                                                                  nullptr, data) == kNotTheCopy) {
+        return kNotTheCopy;
       } else if ((flags & kDisksToBeMasked) != 0) {
         if ((flags & kDisksStayVisible) != 0) {
           QZ_TRACE(m_traceLog, 3,
@@ -266,7 +283,11 @@ int CQzVMPlugin::enableEntry(const qfi_node_subobj_list& entry) {
       CFiQzVMUtil::removeDevPrefix(disk);
       restoredDisks.push_back(disk);
     }
-    if (m_engine->recreateDG(path, restoredDisks, data) != 0) {
+    const int recreated = m_engine->recreateDG(path, restoredDisks, data);
+    if (recreated == kNotTheCopy) {
+      return kNotTheCopy;
+    }
+    if (recreated != 0) {
       QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::enableAccess recreate dg on restored disks failed.");
       pushError("MSG_ERROR_UNABLE_TO_CREATE_DISKGROUP", {}, kQzVMPluginSource, __LINE__);
       return 6;
@@ -344,6 +365,10 @@ int CQzVMPlugin::online(qfi_domain* node, qfi_domain* altNode, int bringOnline,
   const std::string path = objectPathOf(altNode);
   return reportingExceptions({"online", kQzVMPluginSource, __LINE__}, 6, [&] {
     CQzVMData* data = GetPrivateData(node);
+    if (bringOnline != 1 && m_engine->proveRecordedCopy("online", path, objectPathOf(node), data,
+                                                        nullptr, false) == kNotTheCopy) {
+      return kNotTheCopy;
+    }
     if (bringOnline == 1) {
       onlineVolume(altNode, path, data);
     } else {
@@ -393,7 +418,7 @@ int CQzVMPlugin::offlineResource(qfi_domain* /*node*/, const std::string& path, 
 
 // Only a deletion is the plug-in's to do; every other disposition leaves the
 // copy as it is.
-int CQzVMPlugin::dispose(qfi_domain* /*node*/, qfi_domain* /*altNode*/, qfi_splitnode* target,
+int CQzVMPlugin::dispose(qfi_domain* node, qfi_domain* /*altNode*/, qfi_splitnode* target,
                          qfi_disposition disposition) {
   QZ_PLUGIN_SCOPE("dispose");
   if (target == nullptr) {
@@ -413,9 +438,17 @@ int CQzVMPlugin::dispose(qfi_domain* /*node*/, qfi_domain* /*altNode*/, qfi_spli
       [&] {
         // A removal stopped after the destroy is finished from the disks
         // the copy recorded: the group that listed them is gone.
-        const CQzVMData* data = target->node != nullptr ? GetPrivateData(target->node) : nullptr;
-        if (m_support.removeSnapshot(path, true,
-                                     data != nullptr ? data->recordedNodes() : Names()) == 0) {
+        CQzVMData* copy = target->node != nullptr ? GetPrivateData(target->node) : nullptr;
+        CQzVMData* source = node != nullptr ? GetPrivateData(node) : nullptr;
+        const int proof =
+            m_engine->proveRecordedCopy("dispose", path, objectPathOf(node), source, copy);
+        if (proof == kNotTheCopy) {
+          return kNotTheCopy;
+        }
+        if (proof == CQzVMEngine::kCopyAbsent) {
+          return disposeOfRemovedCopy(path, copy);
+        }
+        if (m_support.removeSnapshot(path, true) == 0) {
           return 0;
         }
         QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::dispose - unable to dispose object =%s",
@@ -431,4 +464,33 @@ int CQzVMPlugin::dispose(qfi_domain* /*node*/, qfi_domain* /*altNode*/, qfi_spli
         }
         return 6;
       });
+}
+
+// The copy's group is gone (a release stopped after its destroy): the disks
+// that the copy's node recorded are cleaned when none of them is in a group
+// again; a recorded disk in a group is not the copy's any more, and then
+// nothing is changed.
+int CQzVMPlugin::disposeOfRemovedCopy(const std::string& path, const CQzVMData* copy) {
+  QZ_TRACE(m_traceLog, 3, " snapshot dg of '%s' is already removed.", path.c_str());
+  if (copy == nullptr) {
+    return 0;
+  }
+  std::string disk;
+  std::string group;
+  if (m_support.removeDisksLeftByDestroy(copy->recordedNodes(), disk, group) == 0) {
+    return 0;
+  }
+  std::string dg;
+  std::string volume;
+  m_support.extractDGAndVol(path, dg, volume);
+  QZ_TRACE(m_traceLog, 1,
+           "CQzVMPlugin::dispose - the disk %s that the copy recorded is in the disk group %s: "
+           "not the copy's. Nothing was changed.",
+           disk.c_str(), group.c_str());
+  pushError("MSG_ERROR_NOT_THE_COPY",
+            {"dispose", dg,
+             "its group is gone and the disk " + disk +
+                 " that the copy recorded is in the disk group " + group},
+            kQzVMPluginSource, __LINE__);
+  return kNotTheCopy;
 }

@@ -155,6 +155,7 @@ class CQzVMPlugin : public qzfi_pdk_4_4::CFiPluginBase {
   int noObjectToDeport(int severity);
   int keepConfiguration(const std::string& path, CQzVMData* data);
   int deportAndRemoveDisks(const std::string& path);
+  int disposeOfRemovedCopy(const std::string& path, const CQzVMData* copy);
   int enableEntry(const qfi_node_subobj_list& entry);
   // Start, or stop, the volume of path (with its DCO volumes and volume
   // sets): 0, or 6 after reporting the failure.

@@ -314,17 +314,31 @@ int CQzVMSupport::getDisksOfDeportedDG(const std::string& dg, std::vector<std::s
 }
 
 // Rows of "qzdisk -g DG list": device, type, disk-media name, group, status.
-int CQzVMSupport::getDMsFromDG(const std::string& dg, const std::vector<std::string>& disks,
-                               std::vector<std::string>& dms) {
+int CQzVMSupport::getDisksAndDMsOfDG(const std::string& dg, std::vector<std::string>& disks,
+                                     std::vector<std::string>& dms) {
   std::vector<std::string> output;
   if (run(tool("qzdisk  ", " -g ", dg, " list "), output) != 0) {
+    return 1;
+  }
+  const int header = lineHolding(output, "DEVICE");
+  for (size_t i = header + 1; header >= 0 && i < output.size(); ++i) {
+    disks.push_back(getToken(output[i], 0));
+    dms.push_back(getToken(output[i], 2));
+  }
+  return 0;
+}
+
+int CQzVMSupport::getDMsFromDG(const std::string& dg, const std::vector<std::string>& disks,
+                               std::vector<std::string>& dms) {
+  std::vector<std::string> members;
+  std::vector<std::string> memberDMs;
+  if (getDisksAndDMsOfDG(dg, members, memberDMs) != 0) {
     trace(2, "error in getting DM names from dg.");
     return 1;
   }
-  int header = lineHolding(output, "DEVICE");
   std::map<std::string, std::string> dmOfDevice;
-  for (size_t i = header + 1; header >= 0 && i < output.size(); ++i) {
-    dmOfDevice[getToken(output[i], 0)] = getToken(output[i], 2);
+  for (size_t i = 0; i < members.size(); ++i) {
+    dmOfDevice[members[i]] = memberDMs[i];
   }
   for (const std::string& disk : disks) {
     auto found = dmOfDevice.find(disk);
@@ -333,6 +347,23 @@ int CQzVMSupport::getDMsFromDG(const std::string& dg, const std::vector<std::str
       return 1;
     }
     dms.push_back(found->second);
+  }
+  return 0;
+}
+
+// Rows of "qzprint -g DG": kind, name, ...; volumes are "v", volume sets "vt".
+// A group that is not enabled is listed as it is, never enabled for it.
+int CQzVMSupport::getVolumeNamesOfDG(const std::string& dg, std::vector<std::string>& names) {
+  std::vector<std::string> output;
+  if (run(tool("qzprint  ", " -g ", dg), output) != 0) {
+    return 1;
+  }
+  const int header = lineHolding(output, "TY");
+  for (size_t i = header + 1; header >= 0 && i < output.size(); ++i) {
+    const std::string kind = getToken(output[i], 0);
+    if (kind == "v" || kind == "vt") {
+      names.push_back(getToken(output[i], 1));
+    }
   }
   return 0;
 }

@@ -124,6 +124,17 @@ std::string CQzVMSupport::diskIdOf(const std::vector<std::string>& lines) {
   return id == "-" ? std::string() : id;
 }
 
+std::string CQzVMSupport::udidOf(const std::vector<std::string>& lines) {
+  std::string udid;
+  return getMetaValForkey(lines, "udid:", udid) == 0 ? udid : std::string();
+}
+
+std::string CQzVMSupport::seqnoOf(const std::vector<std::string>& lines) {
+  std::string update;
+  return getMetaValForkey(lines, "update:", update) == 0 ? getValForKey(update, "seqno")
+                                                         : std::string();
+}
+
 int CQzVMSupport::dgIdNameOnDisk(const std::string& disk, std::string& dgid, std::string& dgName) {
   std::vector<vol_pvt_info> records;
   if (getVolPrivInfo({disk}, records) != 0) {

@@ -130,6 +130,12 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   // need the names in the order of their own disk lists.
   int getDMsFromDG(const std::string& dg, const std::vector<std::string>& disks,
                    std::vector<std::string>& dms);
+  // The disks of dg and their disk-media names as the volume manager lists
+  // them now, never from a cache: what a check before a change reads.
+  int getDisksAndDMsOfDG(const std::string& dg, std::vector<std::string>& disks,
+                         std::vector<std::string>& dms);
+  // The volumes and volume sets of dg, without enabling the group.
+  int getVolumeNamesOfDG(const std::string& dg, std::vector<std::string>& names);
   // removeDisks: also drop the group's disks from the volume manager's view
   // (callers pass true); disableDmp: disable their paths as well (callers
   // pass false).
@@ -197,14 +203,13 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
                        const std::vector<std::string>& osDisks);
   int createNewVolumeOnOSDisks(const std::string& dg, const std::string& volume,
                                const std::vector<std::string>& osDisks);
-  // recorded: the copy's multipath nodes as its private data holds them,
-  // for a group already gone.
-  int removeSnapshot(const std::string& path, bool destroy,
-                     const std::vector<std::string>& recorded = {});
+  int removeSnapshot(const std::string& path, bool destroy);
   // What a removal stopped after the destroy (its process killed) left of
-  // the recorded disks: those in the view without a group leave it, and
-  // the OS devices of all of them go.
-  void removeDisksLeftByDestroy(const std::vector<std::string>& recorded);
+  // the copy's recorded disks: those in the view without a group leave it,
+  // and the OS devices of all of them go. 0; 1, with nothing changed, when
+  // a recorded disk (inGroup) is in a group (group) again.
+  int removeDisksLeftByDestroy(const std::vector<std::string>& recorded, std::string& inGroup,
+                               std::string& group);
 
   // --- private regions and configuration rewriting (privregions.cc) ---
   int getVolPrivInfoPerAltDisk(const std::string& disk, std::vector<std::string>& lines);
@@ -216,6 +221,10 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   // The disk id of a "qzdisk list" listing ("disk: ... id=..."); empty when
   // it has none.
   static std::string diskIdOf(const std::vector<std::string>& lines);
+  // The unique disk id of the LUN, and the configuration's update sequence
+  // number ("update: seqno=..."), of a listing; empty when it has none.
+  static std::string udidOf(const std::vector<std::string>& lines);
+  static std::string seqnoOf(const std::vector<std::string>& lines);
   int dgIdNameOnDisk(const std::string& disk, std::string& dgid, std::string& dgName);
   int defineDisksInQzVM(const std::vector<std::string>& disks,
                         const std::vector<vol_pvt_info>& records);

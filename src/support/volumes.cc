@@ -389,14 +389,12 @@ int CQzVMSupport::createNewVolumeOnOSDisks(const std::string& dg, const std::str
   return 0;
 }
 
-int CQzVMSupport::removeSnapshot(const std::string& path, bool destroy,
-                                 const std::vector<std::string>& recorded) {
+int CQzVMSupport::removeSnapshot(const std::string& path, bool destroy) {
   std::string dg;
   std::string volume;
   extractDGAndVol(path, dg, volume);
   if (destroy && !isDGPresent(dg)) {
     trace(3, " snapshot dg '%s' is already removed.", dg.c_str());
-    removeDisksLeftByDestroy(recorded);
     return 0;
   }
   std::vector<std::string> dmpNames;
@@ -413,19 +411,24 @@ int CQzVMSupport::removeSnapshot(const std::string& path, bool destroy,
   return 0;
 }
 
-void CQzVMSupport::removeDisksLeftByDestroy(const std::vector<std::string>& recorded) {
+int CQzVMSupport::removeDisksLeftByDestroy(const std::vector<std::string>& recorded,
+                                           std::string& inGroup, std::string& group) {
   std::map<std::string, std::string> groupOf;
   if (recorded.empty() || getGroupOfListedDisks(groupOf) != 0) {
-    return;
+    return 0;
+  }
+  for (const std::string& node : recorded) {
+    const auto listed = groupOf.find(node);
+    if (listed != groupOf.end() && listed->second != "-") {
+      inGroup = node;
+      group = listed->second;
+      return 1;
+    }
   }
   std::vector<std::string> inView;
   std::vector<std::string> osNames;
   for (const std::string& node : recorded) {
-    const auto listed = groupOf.find(node);
-    if (listed != groupOf.end() && listed->second != "-") {
-      continue;  // in a group again: not this snapshot's any more
-    }
-    if (listed != groupOf.end()) {
+    if (groupOf.count(node) != 0) {
       inView.push_back(node);
     }
     // Multipathing knows the node's paths until they are deleted; a node
@@ -438,4 +441,5 @@ void CQzVMSupport::removeDisksLeftByDestroy(const std::vector<std::string>& reco
     removeDisksFromQzVM(inView, false);
   }
   removeDevicesFromOSDeviceTree(osNames);
+  return 0;
 }
