@@ -500,6 +500,19 @@ void CQzVMData::setVolPrivInfoInPD(std::vector<std::string> disks,
                                    std::vector<std::string> secondNames,
                                    std::vector<std::vector<std::string>> listings) {
   for (size_t i = 0; i < disks.size(); ++i) {
+    // A disk recorded earlier under its paired name (as a blob names it)
+    // takes the new record: the old one would shadow it.
+    for (const std::string& name : namesOf(disks[i])) {
+      if (name == disks[i]) {
+        continue;
+      }
+      if (i < secondNames.size()) {
+        m_secondName.erase(name);
+      }
+      if (i < listings.size()) {
+        m_volPriv.erase(name);
+      }
+    }
     if (i < secondNames.size()) {
       m_secondName[disks[i]] = std::move(secondNames[i]);
     }

@@ -195,6 +195,24 @@ TEST_F(NodeTest, MultipathDevicesTravelWithTheDisksTheyArePairedWith) {
   EXPECT_EQ(Lines{"dg101"}, names);
 }
 
+// A node restored from a blob records its disks under their OS names; a
+// later recording under the multipath devices (the deport's, after a split)
+// is the one the next blob carries.
+TEST_F(NodeTest, ARecordingAfterARestoreReplacesTheRestoredListing) {
+  CQzVMData source(nullptr, false);
+  source.setVolPrivInfoInPD({"qzarr0_3"}, {"dg101"}, {{"update: seqno=0.2\n"}});
+  source.setDiskDMPMap("sdb", "qzarr0_3");
+  Blob blob;
+  ASSERT_EQ(0, source.createBlob(&blob));
+  CQzVMData restored(nullptr, false);
+  ASSERT_EQ(0, restored.extractFromBlob(&blob));
+  restored.setVolPrivInfoInPD({"qzarr0_3"}, {"dg101"}, {{"update: seqno=0.3\n"}});
+  Blob again;
+  ASSERT_EQ(0, restored.createBlob(&again));
+  EXPECT_EQ("fiid_volpriv sdb dg101 qzarr0_3 1\nupdate: seqno=0.3\n\n\nfiid_uigid 0 0",
+            again.text());
+}
+
 TEST_F(NodeTest, DiskWithoutSecondNameGetsAnEmptyOneThatSurvives) {
   CQzVMData source(nullptr, false);
   source.setDiskDMPMap("sdb", "qzarr0_3");
