@@ -1,13 +1,18 @@
 // End-to-end surroundings: a fresh simulation per test with hosts A, B and
 // C, the qzfi program run as a user runs it, on a host in the simulator's
 // sandbox ("qzsim host NAME -- qzfi ..."), and the simulator asked what
-// became of the disks, groups, device nodes and data.
+// became of the disks, groups, device nodes and data. Every qzfi command
+// is followed by the blast-radius check (../blast_radius.h): the tool runs
+// it made changed only the copy's disks and groups, and the source only in
+// the commands that act on it (access); what else a test's commands may
+// change it declares through blastRadius().
 #ifndef QZVMFI_TESTS_E2E_QZFI_E2E_H
 #define QZVMFI_TESTS_E2E_QZFI_E2E_H
 
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -18,6 +23,7 @@
 
 #include <qzsim/sandbox.h>
 
+#include "../blast_radius.h"
 #include "../host/tempdir.h"
 #include "../integration/sim_commands.h"
 
@@ -54,6 +60,7 @@ class QzfiTest : public ::testing::Test {
  protected:
   void SetUp() override {
     m_root = std::make_unique<qztest::TempDir>();
+    m_blast = std::make_unique<qzblast::BlastRadius>(root());
     admin({"init"});
     for (const char* host : {"A", "B", "C"}) {
       admin({"host", "add", host});
@@ -69,7 +76,10 @@ class QzfiTest : public ::testing::Test {
     }
   }
 
-  void TearDown() override { m_root.reset(); }
+  void TearDown() override {
+    m_blast.reset();
+    m_root.reset();
+  }
 
   const std::string& root() const { return m_root->path(); }
   std::string record() const { return m_root->file("backup.json"); }
@@ -81,12 +91,71 @@ class QzfiTest : public ::testing::Test {
     return qzsim::runCommand(argv, {"QZSIM_ROOT=" + root()});
   }
 
-  // "qzfi ARGS..." run on host.
+  // "qzfi ARGS..." run on host, then the blast-radius check of its runs.
   QzfiRun qzfi(const std::string& host, const Lines& args) {
     Lines command = {QZFI_BINARY};
     command.insert(command.end(), args.begin(), args.end());
+    const long mark = blastMark(host, args);
     const qzsim::CommandResult result = sandboxed(host, command);
+    expectWithinBlastRadius(mark, args);
     return {result.status, result.out, result.err};
+  }
+
+  // What the commands of this test may change besides the copy's disks
+  // (declared by splitTo), the groups made on them, the source group dg1
+  // (declared by makeSource, changed by access only) and the disks and
+  // group named to format, online and unformat.
+  qzblast::BlastRadius& blastRadius() { return *m_blast; }
+
+  // The commands (their first word, "access") whose steps act on the
+  // source groups.
+  std::set<std::string>& commandsOnTheSource() { return m_onSource; }
+
+  // Where a command starts in the simulator's log; the disks and the group
+  // that a resource command names are the ones it may change.
+  long blastMark(const std::string& host, const Lines& args) {
+    static const std::set<std::string> resources = {"format", "online", "unformat"};
+    const std::string command = commandOf(args);
+    if (resources.count(command) != 0) {
+      for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--group" && i + 1 < args.size()) {
+          m_blast->allowGroup(args[i + 1]);
+        } else if (args[i].compare(0, 5, "/dev/") == 0) {
+          m_blast->allowDisk(host, args[i]);
+        }
+      }
+    }
+    return m_blast->mark();
+  }
+
+  // The changing tool runs since mark, made by the command args (or its
+  // agent), touched only what it may change.
+  void expectWithinBlastRadius(long mark, const Lines& args) {
+    const bool onSource = m_onSource.count(commandOf(args)) != 0;
+    for (const std::string& violation : m_blast->since(mark, onSource)) {
+      ADD_FAILURE() << "qzfi " << joined(args) << ": outside the blast radius: " << violation;
+    }
+  }
+
+  // The qzfi command word of args, past the options before it.
+  static std::string commandOf(const Lines& args) {
+    static const std::set<std::string> withValue = {"--plugin", "--agent"};
+    for (size_t i = 0; i < args.size(); ++i) {
+      if (withValue.count(args[i]) != 0) {
+        ++i;
+      } else if (args[i].compare(0, 1, "-") != 0) {
+        return args[i];
+      }
+    }
+    return std::string();
+  }
+
+  static std::string joined(const Lines& args) {
+    std::string text;
+    for (const std::string& arg : args) {
+      text += (text.empty() ? "" : " ") + arg;
+    }
+    return text;
   }
 
 #ifdef QZ_INSTANT_SLEEP
@@ -99,7 +168,9 @@ class QzfiTest : public ::testing::Test {
         std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0",
         QZFI_BINARY};
     command.insert(command.end(), args.begin(), args.end());
+    const long mark = blastMark(host, args);
     const qzsim::CommandResult result = sandboxed(host, command);
+    expectWithinBlastRadius(mark, args);
     return {result.status, result.out, result.err};
   }
 
@@ -167,6 +238,24 @@ class QzfiTest : public ::testing::Test {
     ASSERT_EQ(owned.status, 0) << owned.err;
     admin({"volume", "write", "--host", host, "dg1", "vol1", "--seed", "7"});
     m_sourceSum = checksum(host, "dg1", "vol1");
+    declareSource("dg1", m_sourceDisks);
+  }
+
+  // A group of the test's own, made with tool(): changed only by the
+  // commands that act on the source.
+  void declareSource(const std::string& group, const std::vector<SimDisk>& disks) {
+    Lines luns;
+    for (const SimDisk& disk : disks) {
+      luns.push_back(disk.lun);
+    }
+    m_blast->sourceGroup(group, luns);
+  }
+
+  // Disks that the array copied for the test: the copy's.
+  void declareCopies(const std::vector<SimDisk>& copies) {
+    for (const SimDisk& copy : copies) {
+      m_blast->allowLun(copy.lun);
+    }
   }
 
   // The QzVM node of a source sub-object (an OS disk path of the source host).
@@ -198,6 +287,7 @@ class QzfiTest : public ::testing::Test {
     }
     m_copies = parseDisks(
         admin({"array", "split", "--disks", list, "--from-host", from, "--to-host", to}));
+    declareCopies(m_copies);
     return osPathsOf(m_copies);
   }
 
@@ -244,6 +334,8 @@ class QzfiTest : public ::testing::Test {
 
  private:
   std::unique_ptr<qztest::TempDir> m_root;
+  std::unique_ptr<qzblast::BlastRadius> m_blast;
+  std::set<std::string> m_onSource = {"access"};
 };
 
 }  // namespace qzfi_e2e

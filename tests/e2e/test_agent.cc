@@ -101,6 +101,15 @@ class AgentTest : public QzfiTest {
     ASSERT_EQ(0, mkdir(m_run.c_str(), 0700));
   }
 
+  // A command sent to an agent, then the blast-radius check of the runs
+  // the agent made for it.
+  QzfiRun agent(const CAgentProcess& to, const std::vector<std::string>& args) {
+    const long mark = blastMark("", args);
+    const QzfiRun run = viaAgent(to, args);
+    expectWithinBlastRadius(mark, args);
+    return run;
+  }
+
   std::unique_ptr<CAgentProcess> startAgent(const std::string& host) {
     auto agent = std::make_unique<CAgentProcess>(root(), host, m_run);
     EXPECT_EQ("", agent->error());
@@ -110,14 +119,16 @@ class AgentTest : public QzfiTest {
   // The source prepared and deported through agent, split to A, and an
   // import of the copy sent to agent: its client once the first step line
   // has come, while the copy is still being built.
-  std::unique_ptr<CStreamingClient> importUnderWay(const CAgentProcess& agent) {
+  std::unique_ptr<CStreamingClient> importUnderWay(const CAgentProcess& to) {
     makeSource();
-    EXPECT_EQ(0, viaAgent(agent, {"prepare", kSource, "--record", record()}).status);
+    EXPECT_EQ(0, agent(to, {"prepare", kSource, "--record", record()}).status);
     const std::string secondary = splitTo("A");
-    EXPECT_EQ(0, viaAgent(agent, {"deport", "--record", record()}).status);
-    auto client = std::make_unique<CStreamingClient>(
-        std::vector<std::string>{QZFI_BINARY, "--agent", agent.socket(), "import", "--record",
-                                 record(), "--secondary", secondary});
+    EXPECT_EQ(0, agent(to, {"deport", "--record", record()}).status);
+    m_import = {"import", "--record", record(), "--secondary", secondary};
+    m_importMark = blastMark("A", m_import);
+    std::vector<std::string> argv = {QZFI_BINARY, "--agent", to.socket()};
+    argv.insert(argv.end(), m_import.begin(), m_import.end());
+    auto client = std::make_unique<CStreamingClient>(argv);
     EXPECT_TRUE(client->readUntil("  init ")) << client->text();
     return client;
   }
@@ -135,6 +146,9 @@ class AgentTest : public QzfiTest {
   }
 
   std::string m_run;
+  // The import that importUnderWay started, and where it started in the log.
+  std::vector<std::string> m_import;
+  long m_importMark = 0;
 };
 
 // The agent knows a record by its real file: a command that names it by
@@ -142,11 +156,11 @@ class AgentTest : public QzfiTest {
 TEST_F(AgentTest, ARecordNamedByALinkIsTheSameRecordToTheAgent) {
   makeSource();
   auto a = startAgent("A");
-  ASSERT_EQ(0, viaAgent(*a, {"prepare", kSource, "--record", record()}).status);
+  ASSERT_EQ(0, agent(*a, {"prepare", kSource, "--record", record()}).status);
   const std::string link = root() + "/link.json";
   ASSERT_EQ(0, symlink(record().c_str(), link.c_str()));
   splitTo("B");
-  const QzfiRun deported = viaAgent(*a, {"--json", "deport", "--record", link});
+  const QzfiRun deported = agent(*a, {"--json", "deport", "--record", link});
   ASSERT_EQ(0, deported.status) << deported;
   EXPECT_THAT(stepNames(deported.json()),
               ElementsAre("init", "node", "deportTree", "postDeport", "processProviderState"));
@@ -166,11 +180,11 @@ TEST_F(AgentTest, ABackupThroughAgentsOnAAndBMakesTheCopyAndKeepsTheNodes) {
   ASSERT_EQ(0, stat(a->socket().c_str(), &socket));
   EXPECT_EQ(0600u, socket.st_mode & 07777);
 
-  const QzfiRun prepared = viaAgent(*a, {"prepare", kSource, "--record", record()});
+  const QzfiRun prepared = agent(*a, {"prepare", kSource, "--record", record()});
   ASSERT_EQ(0, prepared.status) << prepared;
   EXPECT_THAT(prepared.out, HasSubstr("once, by the agent (pid " + std::to_string(a->pid())));
   const std::string secondary = splitTo("B");
-  const QzfiRun deported = viaAgent(*a, {"--json", "deport", "--record", record()});
+  const QzfiRun deported = agent(*a, {"--json", "deport", "--record", record()});
   ASSERT_EQ(0, deported.status) << deported;
   const Json deport = deported.json();
   EXPECT_EQ("done", deport["result"]);
@@ -180,7 +194,7 @@ TEST_F(AgentTest, ABackupThroughAgentsOnAAndBMakesTheCopyAndKeepsTheNodes) {
   EXPECT_EQ("deported", readRecord()["step"]);
 
   const QzfiRun imported =
-      viaAgent(*b, {"--quiet", "import", "--record", record(), "--secondary", secondary});
+      agent(*b, {"--quiet", "import", "--record", record(), "--secondary", secondary});
   ASSERT_EQ(0, imported.status) << imported;
   const std::string copy = qzfi_e2e::linesOf(imported.out).at(0);
   const auto [group, volume] = groupAndVolume(copy);
@@ -188,7 +202,7 @@ TEST_F(AgentTest, ABackupThroughAgentsOnAAndBMakesTheCopyAndKeepsTheNodes) {
   EXPECT_EQ("1001:1002", ownerOf("B", copy));
   EXPECT_EQ("1001:1002", ownerOf("B", "/dev/qz/rdsk/" + group + "/" + volume));
 
-  const QzfiRun released = viaAgent(*b, {"release", "--record", record()});
+  const QzfiRun released = agent(*b, {"release", "--record", record()});
   ASSERT_EQ(0, released.status) << released;
   EXPECT_THAT(released.out, HasSubstr("provider state of the copy kept by the agent"));
   EXPECT_THAT(groups("B"), IsEmpty());
@@ -205,14 +219,14 @@ TEST_F(AgentTest, ABackupThroughAgentsOnAAndBMakesTheCopyAndKeepsTheNodes) {
 TEST_F(AgentTest, AnAgentRestartedBetweenDeportAndImportCarriesOnFromTheRecord) {
   makeSource();
   auto a = startAgent("A");
-  ASSERT_EQ(0, viaAgent(*a, {"prepare", kSource, "--record", record()}).status);
+  ASSERT_EQ(0, agent(*a, {"prepare", kSource, "--record", record()}).status);
   const std::string secondary = splitTo("A");
-  ASSERT_EQ(0, viaAgent(*a, {"deport", "--record", record()}).status);
+  ASSERT_EQ(0, agent(*a, {"deport", "--record", record()}).status);
   EXPECT_EQ(0, a->stop()) << a->log();
 
   a = startAgent("A");
   const QzfiRun imported =
-      viaAgent(*a, {"--json", "import", "--record", record(), "--secondary", secondary});
+      agent(*a, {"--json", "import", "--record", record(), "--secondary", secondary});
   ASSERT_EQ(0, imported.status) << imported;
   const Json import = imported.json();
   // The new agent has no node of the record: it restores it from the record.
@@ -230,20 +244,20 @@ TEST_F(AgentTest, AnAgentRestartedBetweenDeportAndImportCarriesOnFromTheRecord) 
 
 TEST_F(AgentTest, OutputAndExitCodesAreTheOneShotFormsOnesForRefusalsToo) {
   auto a = startAgent("A");
-  const QzfiRun usage = viaAgent(*a, {"deport"});
+  const QzfiRun usage = agent(*a, {"deport"});
   EXPECT_EQ(2, usage.status);
   EXPECT_EQ("qzfi: deport: --record FILE is required\n(qzfi help lists the commands)\n", usage.err);
-  const QzfiRun missing = viaAgent(*a, {"deport", "--record", "missing.json"});
+  const QzfiRun missing = agent(*a, {"deport", "--record", "missing.json"});
   const QzfiRun alone = qzfi("A", {"deport", "--record", "missing.json"});
   EXPECT_EQ(3, missing.status);
   EXPECT_EQ(alone.status, missing.status);
   EXPECT_EQ(alone.err, missing.err);
-  const QzfiRun serve = viaAgent(*a, {"serve"});
+  const QzfiRun serve = agent(*a, {"serve"});
   EXPECT_EQ(2, serve.status);
-  const QzfiRun other = viaAgent(*a, {"--plugin", "other", "info"});
+  const QzfiRun other = agent(*a, {"--plugin", "other", "info"});
   EXPECT_EQ(4, other.status);
   EXPECT_THAT(other.err, HasSubstr("the agent serves the plug-in qzvmfi"));
-  const QzfiRun help = viaAgent(*a, {"help"});
+  const QzfiRun help = agent(*a, {"help"});
   EXPECT_EQ(0, help.status);
   EXPECT_EQ(qzfi("A", {"help"}).out, help.out);
   EXPECT_EQ(0, a->stop());
@@ -291,7 +305,7 @@ TEST_F(AgentTest, APeerThatIsNeitherRootNorTheOwnerIsRefusedAndTheAgentGoesOn) {
       "(uid 0)\n",
       text);
   EXPECT_THAT(a->log(), HasSubstr("refused a client of uid 65534"));
-  const QzfiRun version = viaAgent(*a, {"version"});
+  const QzfiRun version = agent(*a, {"version"});
   EXPECT_EQ(0, version.status) << version;
   EXPECT_EQ(0, a->stop());
 }
@@ -359,6 +373,7 @@ TEST_F(AgentTest, SigtermDuringACommandLetsItEndThenTheAgentExits0) {
   kill(a->pid(), SIGTERM);
   EXPECT_EQ(0, client->finish()) << client->text();
   EXPECT_THAT(client->text(), HasSubstr("import: done"));
+  expectWithinBlastRadius(m_importMark, m_import);
   EXPECT_EQ(0, a->wait()) << a->log();
   EXPECT_THAT(a->log(), HasSubstr("Terminated: the plug-in is finalised and the agent ends"));
   EXPECT_EQ("imported", readRecord()["step"]);
@@ -372,8 +387,10 @@ TEST_F(AgentTest, AClientThatGoesAwayMidCommandStopsNeitherTheCommandNorTheAgent
   auto a = startAgent("A");
   importUnderWay(*a)->kill(SIGKILL);
   // The agent takes the next command once the import has ended.
-  const QzfiRun released = viaAgent(*a, {"release", "--record", record()});
+  const QzfiRun released = agent(*a, {"release", "--record", record()});
   ASSERT_EQ(0, released.status) << released << a->log();
+  // The import that went on without its client, and the release.
+  expectWithinBlastRadius(m_importMark, m_import);
   EXPECT_THAT(groups("A"), ElementsAre("dg1"));
   EXPECT_THAT(a->log(), HasSubstr("exit 0 (the client had gone)"));
   EXPECT_EQ(0, a->stop());

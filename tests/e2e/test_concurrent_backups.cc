@@ -45,6 +45,9 @@ class ConcurrentBackupsTest : public QzfiTest {
     tool("A", "qzassist -g " + group + " make vol1 16m logtype=dco");
     admin({"volume", "write", "--host", "A", group, "vol1", "--seed", std::to_string(seed)});
     source.sum = checksum("A", group, "vol1");
+    // Each backup's commands may change its own copy and the other's (the
+    // other runs at the same time), never either source.
+    declareSource(group, source.disks);
     return source;
   }
 
@@ -80,8 +83,10 @@ class ConcurrentBackupsTest : public QzfiTest {
     for (const Json& path : record["sub_objects"]) {
       nodes += (nodes.empty() ? "" : ",") + nodeOf(source, path.get<std::string>());
     }
-    const std::string secondary = osPathsOf(qzfi_e2e::parseDisks(
-        admin({"array", "split", "--disks", nodes, "--from-host", "A", "--to-host", "B"})));
+    const std::vector<SimDisk> copies = qzfi_e2e::parseDisks(
+        admin({"array", "split", "--disks", nodes, "--from-host", "A", "--to-host", "B"}));
+    declareCopies(copies);
+    const std::string secondary = osPathsOf(copies);
     const QzfiRun deported = qzfi("A", {"deport", "--record", file});
     if (deported.status != 0) {
       return fail("deport", deported);
