@@ -159,20 +159,26 @@ class CQzVMEngine : public virtual qzfi_pdk_4_4::CFiTraceable {
   bool readGroup(const std::string& dg, GroupSeen& seen);
   // Reports why group is not the copy and that nothing was changed: false.
   bool notTheCopy(const char* operation, const std::string& group, const std::string& why);
+  // The same, as the status 3 of a refusal.
+  int refused(const char* operation, const std::string& group, const std::string& why);
+  // Traces what of group could not be read: the failure 6, nothing changed.
+  int unreadable(const char* operation, const std::string& group, const std::string& what);
   static std::string differenceFromRecord(const GroupSeen& seen,
                                           const std::vector<std::string>& disks,
                                           const std::vector<std::string>& dms,
-                                          const std::vector<std::string>& volumes);
+                                          const std::vector<std::string>& volumes, bool whole);
   // A group found on the split disks is the copy that this record's import
-  // (intact) or build made, whole or stopped half-way.
+  // (intact) or build made, whole or stopped half-way: kCopyProven, 3
+  // (reported), or 6 when what it holds could not be read. The same for
+  // provenRecreation.
   // pathDG: the group of the source's path.
-  bool provenCopyOnSplitDisks(const char* operation, const std::string& foundDG,
-                              const std::string& pathDG, const SplitDisks& disks,
-                              const std::vector<std::string>& primaryDisks, CQzVMData* data,
-                              bool intact);
+  int provenCopyOnSplitDisks(const char* operation, const std::string& foundDG,
+                             const std::string& pathDG, const SplitDisks& disks,
+                             const std::vector<std::string>& primaryDisks, CQzVMData* data,
+                             bool intact);
   // The group dg on the restored disks was made by a re-creation of this record.
-  bool provenRecreation(const std::string& dg, const std::vector<std::string>& disks,
-                        CQzVMData* data);
+  int provenRecreation(const std::string& dg, const std::vector<std::string>& disks,
+                       CQzVMData* data);
   bool isSourceGroup(const std::string& copyPath, const std::string& sourcePath, CQzVMData* source);
   bool restoredDisksCarryRecord(const std::string& dg, const std::vector<std::string>& disks,
                                 const std::vector<std::vector<std::string>>& listings);

@@ -64,8 +64,9 @@ int CQzVMEngine::buildAltTree(qzfi_objid** objid, const std::string& newDG, cons
     return 6;
   }
   if (found) {
-    if (!provenCopyOnSplitDisks("buildAltTree", foundDG, dg, disks, primaryDisks, data, false)) {
-      return kRefused;
+    if (int proof =
+            provenCopyOnSplitDisks("buildAltTree", foundDG, dg, disks, primaryDisks, data, false)) {
+      return proof;
     }
     if (startExisting(foundDG, volume, data, objid, raw, "activeVolAndCreateObjid failed") != 0) {
       cleanUp("", disks);
@@ -116,9 +117,9 @@ int CQzVMEngine::deportUnfinishedGroup(const std::string& foundDG, const std::st
   if (foundDG.empty() || foundDG == sourceDG || !m_support.isDGPresent(foundDG)) {
     return kNothingLeft;
   }
-  if (!provenCopyOnSplitDisks("buildAltTree", foundDG, sourceDG, disks, primaryDisks, data,
-                              false)) {
-    return kRefused;
+  if (int proof = provenCopyOnSplitDisks("buildAltTree", foundDG, sourceDG, disks, primaryDisks,
+                                         data, false)) {
+    return proof;
   }
   QZ_TRACE(m_traceLog, 2,
            "CQzVMEngine::buildAltTree - the split disks hold the group '%s' without the volume, "

@@ -221,6 +221,19 @@ bool CQzVMEngine::readGroup(const std::string& dg, GroupSeen& seen) {
          m_support.getVolumeNamesOfDG(dg, seen.volumes) == 0;
 }
 
+int CQzVMEngine::unreadable(const char* operation, const std::string& group,
+                            const std::string& what) {
+  QZ_TRACE(m_traceLog, 1,
+           "CQzVMEngine::%s - %s of the disk group '%s': nothing is changed without them.",
+           operation, what.c_str(), group.c_str());
+  return 6;
+}
+
+int CQzVMEngine::refused(const char* operation, const std::string& group, const std::string& why) {
+  notTheCopy(operation, group, why);
+  return kRefused;
+}
+
 bool CQzVMEngine::notTheCopy(const char* operation, const std::string& group,
                              const std::string& why) {
   QZ_TRACE(m_traceLog, 1,
@@ -233,19 +246,25 @@ bool CQzVMEngine::notTheCopy(const char* operation, const std::string& group,
 
 // What the record names of a group: its disks (the disk-media name of
 // disks[i] is dms[i], when the record gives them) and its volumes. Empty
-// when the group seen holds just that.
+// when the group seen holds nothing else; with whole, it must hold every
+// one of those disks too (a group that a stopped build or re-creation left
+// may lack the disks it had not added yet).
 std::string CQzVMEngine::differenceFromRecord(const GroupSeen& seen, const Names& disks,
-                                              const Names& dms, const Names& volumes) {
-  if (!sameSet(seen.disks, disks)) {
+                                              const Names& dms, const Names& volumes, bool whole) {
+  if (whole && !sameSet(seen.disks, disks)) {
     return "it holds the disks [" + joinNames(seen.disks) + "], the record's are [" +
            joinNames(disks) + "]";
   }
-  for (size_t i = 0; i < disks.size() && i < dms.size(); ++i) {
-    const auto at = std::find(seen.disks.begin(), seen.disks.end(), disks[i]);
-    const std::string& dm = seen.dms[at - seen.disks.begin()];
-    if (dm != dms[i]) {
-      return "its disk " + disks[i] + " has the disk-media name " + dm + ", the record gives " +
-             dms[i];
+  for (size_t i = 0; i < seen.disks.size(); ++i) {
+    const auto at = std::find(disks.begin(), disks.end(), seen.disks[i]);
+    if (at == disks.end()) {
+      return "it holds the disk " + seen.disks[i] + ", which is not one of the record's [" +
+             joinNames(disks) + "]";
+    }
+    const size_t place = at - disks.begin();
+    if (place < dms.size() && seen.dms[i] != dms[place]) {
+      return "its disk " + seen.disks[i] + " has the disk-media name " + seen.dms[i] +
+             ", the record gives " + dms[place];
     }
   }
   for (const std::string& volume : seen.volumes) {
@@ -262,31 +281,31 @@ std::string CQzVMEngine::differenceFromRecord(const GroupSeen& seen, const Names
 // disk-media names and holds no volume that the record does not name, and
 // each split disk's private region shows it: the recorded group id for an
 // intact copy, or a region that a build of this record wrote.
-bool CQzVMEngine::provenCopyOnSplitDisks(const char* operation, const std::string& foundDG,
-                                         const std::string& pathDG, const SplitDisks& disks,
-                                         const Names& primaryDisks, CQzVMData* data, bool intact) {
+int CQzVMEngine::provenCopyOnSplitDisks(const char* operation, const std::string& foundDG,
+                                        const std::string& pathDG, const SplitDisks& disks,
+                                        const Names& primaryDisks, CQzVMData* data, bool intact) {
   const std::string sourceDG = recordedSourceDG(data, pathDG);
   if (foundDG == sourceDG) {
-    return notTheCopy(operation, foundDG,
-                      "it is the source's own group: the disks given [" +
-                          joinNames(disks.dmpNodes) + "] are the source's, not split copies");
+    return refused(operation, foundDG,
+                   "it is the source's own group: the disks given [" + joinNames(disks.dmpNodes) +
+                       "] are the source's, not split copies");
   }
   GroupSeen seen;
   if (!readGroup(foundDG, seen)) {
-    return notTheCopy(operation, foundDG, "its disks and volumes could not be listed");
+    return unreadable(operation, foundDG, "its disks and volumes could not be listed");
   }
   Names recordedDisks = primaryDisks;
   Names recordedDMs;
   std::vector<Names> recorded;
   data->getVolPrivInfoFromPD(recordedDisks, recordedDMs, recorded);
   const std::string differs =
-      differenceFromRecord(seen, disks.dmpNodes, recordedDMs, recordedVolumes(*data));
+      differenceFromRecord(seen, disks.dmpNodes, recordedDMs, recordedVolumes(*data), false);
   if (!differs.empty()) {
-    return notTheCopy(operation, foundDG, differs);
+    return refused(operation, foundDG, differs);
   }
   std::vector<Names> listings;
   if (m_support.isDisksInQzVMDB(disks.dmpNodes, true, listings) != 0) {
-    return notTheCopy(operation, foundDG, "the private regions of its disks could not be read");
+    return unreadable(operation, foundDG, "the private regions of its disks could not be read");
   }
   Names recordedIds;
   for (const Names& listing : recorded) {
@@ -295,35 +314,37 @@ bool CQzVMEngine::provenCopyOnSplitDisks(const char* operation, const std::strin
   for (size_t i = 0; i < listings.size(); ++i) {
     vol_pvt_info onDisk;
     m_support.parseVolPrivInfo(listings[i], onDisk);
+    // A disk that a stopped build initialised but had not added yet carries
+    // no group.
     const bool ours = intact ? onDisk.vpi_dgid == data->getDGId()
-                             : onDisk.vpi_dgname == foundDG &&
+                             : (onDisk.vpi_dgid.empty() || onDisk.vpi_dgname == foundDG) &&
                                    leftByEarlierAttempt(onDisk, CQzVMSupport::diskIdOf(listings[i]),
                                                         recordedIds, sourceDG);
     if (!ours) {
-      return notTheCopy(operation, foundDG,
-                        "the split disk " + disks.dmpNodes[i] + " carries the group [" +
-                            onDisk.vpi_dgname + "] id [" + onDisk.vpi_dgid + "] and the disk id [" +
-                            CQzVMSupport::diskIdOf(listings[i]) + "], which no " +
-                            (intact ? "import" : "build") + " of this record made");
+      return refused(operation, foundDG,
+                     "the split disk " + disks.dmpNodes[i] + " carries the group [" +
+                         onDisk.vpi_dgname + "] id [" + onDisk.vpi_dgid + "] and the disk id [" +
+                         CQzVMSupport::diskIdOf(listings[i]) + "], which no " +
+                         (intact ? "import" : "build") + " of this record made");
     }
   }
-  return true;
+  return kCopyProven;
 }
 
 // A group of the recorded name on the restored disks, made by a
 // re-creation of this record (whole, or stopped before its volumes).
-bool CQzVMEngine::provenRecreation(const std::string& dg, const Names& disks, CQzVMData* data) {
+int CQzVMEngine::provenRecreation(const std::string& dg, const Names& disks, CQzVMData* data) {
   GroupSeen seen;
   if (!readGroup(dg, seen)) {
-    return notTheCopy("recreateDG", dg, "its disks and volumes could not be listed");
+    return unreadable("recreateDG", dg, "its disks and volumes could not be listed");
   }
   Names recordedDisks = disks;
   Names recordedDMs;
   std::vector<Names> listings;
   data->getVolPrivInfoFromPD(recordedDisks, recordedDMs, listings);
   const std::string differs =
-      differenceFromRecord(seen, disks, recordedDMs, recordedVolumes(*data));
-  return differs.empty() || notTheCopy("recreateDG", dg, differs);
+      differenceFromRecord(seen, disks, recordedDMs, recordedVolumes(*data), false);
+  return differs.empty() ? kCopyProven : refused("recreateDG", dg, differs);
 }
 
 // Before the restored disks are initialised again: each carries no group,
@@ -366,20 +387,24 @@ int CQzVMEngine::proveRecordedCopy(const char* operation, const std::string& cop
   }
   GroupSeen seen;
   if (!readGroup(dg, seen)) {
-    notTheCopy(operation, dg, "its disks and volumes could not be listed");
-    return kRefused;
+    return unreadable(operation, dg, "its disks and volumes could not be listed");
   }
   const Names recordedDisks =
       copy != nullptr && copy->hasRecordedDisks() ? copy->recordedNodes() : seen.disks;
   const std::string differs = differenceFromRecord(
-      seen, recordedDisks, Names(), source != nullptr ? recordedVolumes(*source) : Names());
+      seen, recordedDisks, Names(), source != nullptr ? recordedVolumes(*source) : Names(), true);
   if (!differs.empty()) {
     notTheCopy(operation, dg, differs);
     return kRefused;
   }
   std::string dgid;
-  if (source != nullptr && !source->getDGId().empty() &&
-      (m_support.getDGID(copyPath, dgid) != 0 || dgid != source->getDGId())) {
+  if (source == nullptr || source->getDGId().empty()) {
+    return kCopyProven;
+  }
+  if (m_support.getDGID(copyPath, dgid) != 0) {
+    return unreadable(operation, dg, "its group id could not be read");
+  }
+  if (dgid != source->getDGId()) {
     notTheCopy(operation, dg,
                "its group id is [" + dgid + "], the import recorded [" + source->getDGId() + "]");
     return kRefused;

@@ -52,8 +52,10 @@ int CQzVMEngine::recreateDG(const std::string& path, const Names& osDisks, CQzVM
   // where none can be made again: it goes, and is made anew.
   // A group of the recorded name that holds what the record does not (made
   // again by hand, say) is not one to start, nor to make anew.
-  if ((found || halfMade) && !provenRecreation(dg, dmpDisks, data)) {
-    return kRefused;
+  if (found || halfMade) {
+    if (int proof = provenRecreation(dg, dmpDisks, data)) {
+      return proof;
+    }
   }
   if (halfMade) {
     QZ_TRACE(m_traceLog, 2,

@@ -23,6 +23,11 @@ const int kDeleteSnapshot = 1;
 // copy: nothing was changed.
 const int kNotTheCopy = 3;
 
+// The copy proven, or its group gone from this host: what may go on.
+bool provenOrGone(int proof) {
+  return proof == CQzVMEngine::kCopyProven || proof == CQzVMEngine::kCopyAbsent;
+}
+
 // A copy's node records its disks but no configuration of its own: the
 // configuration is the source's.
 bool isCopyNode(const CQzVMData& data) {
@@ -79,9 +84,10 @@ int CQzVMPlugin::deportTree(qfi_domain* node, qfi_domain* altNode, qfi_accessnod
       return noObjectToDeport(kWarning);
     }
     const std::string altPath = objectPathOf(altNode);
-    if (m_engine->proveRecordedCopy("deportTree", altPath, path, data, GetPrivateData(altNode)) ==
-        kNotTheCopy) {
-      return kNotTheCopy;
+    const int proof =
+        m_engine->proveRecordedCopy("deportTree", altPath, path, data, GetPrivateData(altNode));
+    if (!provenOrGone(proof)) {
+      return proof;
     }
     data->setAltVol(altPath);
     if (m_support.deportDGAndRemoveDisks(altPath, true, false) != 0) {
@@ -145,9 +151,11 @@ int CQzVMPlugin::disableAccess(qfi_node_subobj_list* list, long flags) {
                     kQzVMPluginSource, __LINE__, kWarning);
           return 6;
         }
-      } else if (isCopyNode(*data) && m_engine->proveRecordedCopy("disableAccess", path, "",
-                                                                  nullptr, data) == kNotTheCopy) {
-        return kNotTheCopy;
+      } else if (const int proof = isCopyNode(*data) ? m_engine->proveRecordedCopy(
+                                                           "disableAccess", path, "", nullptr, data)
+                                                     : CQzVMEngine::kCopyProven;
+                 !provenOrGone(proof)) {
+        return proof;
       } else if ((flags & kDisksToBeMasked) != 0) {
         if ((flags & kDisksStayVisible) != 0) {
           QZ_TRACE(m_traceLog, 3,
@@ -365,8 +373,12 @@ int CQzVMPlugin::online(qfi_domain* node, qfi_domain* altNode, int bringOnline,
   const std::string path = objectPathOf(altNode);
   return reportingExceptions({"online", kQzVMPluginSource, __LINE__}, 6, [&] {
     CQzVMData* data = GetPrivateData(node);
-    if (bringOnline != 1 && m_engine->proveRecordedCopy("online", path, objectPathOf(node), data,
-                                                        nullptr, false) == kNotTheCopy) {
+    // The volumes stopped are those of a copy that an import made (its
+    // node records the copy's disks): never the source's.
+    CQzVMData* copy = GetPrivateData(altNode);
+    if (bringOnline != 1 && copy != nullptr && isCopyNode(*copy) &&
+        m_engine->proveRecordedCopy("online", path, objectPathOf(node), data, copy, false) ==
+            kNotTheCopy) {
       return kNotTheCopy;
     }
     if (bringOnline == 1) {
@@ -448,7 +460,7 @@ int CQzVMPlugin::dispose(qfi_domain* node, qfi_domain* /*altNode*/, qfi_splitnod
         if (proof == CQzVMEngine::kCopyAbsent) {
           return disposeOfRemovedCopy(path, copy);
         }
-        if (m_support.removeSnapshot(path, true) == 0) {
+        if (proof == CQzVMEngine::kCopyProven && m_support.removeSnapshot(path, true) == 0) {
           return 0;
         }
         QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::dispose - unable to dispose object =%s",
