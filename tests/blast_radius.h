@@ -470,14 +470,18 @@ class BlastRadius {
  public:
   explicit BlastRadius(std::string root) : m_root(std::move(root)) {}
 
-  // The log's last run id: a command's runs are those after it. The array
-  // as the command finds it is remembered.
+  // Where a command starts: the log's last changing run, after which its
+  // own changing runs come. When runs changed something since the last
+  // look (the test's own set-up), the array as the command finds it is
+  // remembered.
   long mark() {
-    const qzsim::CommandResult total = qzsim::simAdmin(m_root, {"log", "--total"});
-    const std::vector<Lun> luns = listed();
+    const long last = lastChange(changingRuns());
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_judge.learn(luns);
-    return total.status == 0 ? std::stol(total.out) : 0;
+    if (last != m_lastSeen) {
+      m_judge.learn(listed());
+      m_lastSeen = last;
+    }
+    return last;
   }
 
   // The violations of the changing runs after mark; sourceAllowed when the
@@ -487,18 +491,19 @@ class BlastRadius {
     if (log.status != 0) {
       return {"qzsim log --changed failed: " + log.err};
     }
+    const std::vector<LoggedRun> all = parseLog(log.out);
     std::vector<LoggedRun> runs;
-    for (const LoggedRun& run : parseLog(log.out)) {
+    for (const LoggedRun& run : all) {
       if (run.id > mark) {
         runs.push_back(run);
       }
     }
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_lastSeen = lastChange(all);
     if (runs.empty()) {
       return {};
     }
-    const std::vector<Lun> luns = listed();
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_judge.judge(runs, sourceAllowed, luns);
+    return m_judge.judge(runs, sourceAllowed, listed());
   }
 
   // Declarations of what the commands of a test may change: a disk by a
@@ -530,9 +535,18 @@ class BlastRadius {
     return parseDiskList(qzsim::simAdmin(m_root, {"disk", "list", "--ids"}).out);
   }
 
+  std::vector<LoggedRun> changingRuns() {
+    return parseLog(qzsim::simAdmin(m_root, {"log", "--changed"}).out);
+  }
+
+  static long lastChange(const std::vector<LoggedRun>& runs) {
+    return runs.empty() ? 0 : runs.back().id;
+  }
+
   std::string m_root;
   std::mutex m_mutex;
   Judge m_judge;
+  long m_lastSeen = -1;  // the last changing run that a look at the log saw
 };
 
 }  // namespace qzblast

@@ -95,10 +95,20 @@ class QzfiTest : public ::testing::Test {
   QzfiRun qzfi(const std::string& host, const Lines& args) {
     Lines command = {QZFI_BINARY};
     command.insert(command.end(), args.begin(), args.end());
+    return checked(host, args, [&] {
+      const qzsim::CommandResult result = sandboxed(host, command);
+      return QzfiRun{result.status, result.out, result.err};
+    });
+  }
+
+  // The command args on host run by run (qzfi itself, or an agent's
+  // client), then the blast-radius check of the tool runs made meanwhile.
+  template <class Run>
+  QzfiRun checked(const std::string& host, const Lines& args, const Run& run) {
     const long mark = blastMark(host, args);
-    const qzsim::CommandResult result = sandboxed(host, command);
+    const QzfiRun result = run();
     expectWithinBlastRadius(mark, args);
-    return {result.status, result.out, result.err};
+    return result;
   }
 
   // What the commands of this test may change besides the copy's disks
@@ -168,10 +178,10 @@ class QzfiTest : public ::testing::Test {
         std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0",
         QZFI_BINARY};
     command.insert(command.end(), args.begin(), args.end());
-    const long mark = blastMark(host, args);
-    const qzsim::CommandResult result = sandboxed(host, command);
-    expectWithinBlastRadius(mark, args);
-    return {result.status, result.out, result.err};
+    return checked(host, args, [&] {
+      const qzsim::CommandResult result = sandboxed(host, command);
+      return QzfiRun{result.status, result.out, result.err};
+    });
   }
 
   std::string sleeps() const {

@@ -44,22 +44,28 @@ class AgentSoakTest : public QzfiTest {
     return count;
   }
 
+  // A command sent to an agent, then the blast-radius check of the runs
+  // the agent made for it.
+  QzfiRun agent(const CAgentProcess& to, const qzfi_e2e::Lines& args) {
+    return checked("", args, [&] { return viaAgent(to, args); });
+  }
+
   // One backup cycle; false (with a failure) when a step did not work.
   bool cycle(const CAgentProcess& a, const CAgentProcess& b, int n) {
-    const QzfiRun prepared = viaAgent(a, {"prepare", "/dev/qz/dsk/dg1/vol1", "--record", record()});
+    const QzfiRun prepared = agent(a, {"prepare", "/dev/qz/dsk/dg1/vol1", "--record", record()});
     EXPECT_EQ(0, prepared.status) << "cycle " << n << ": " << prepared;
     const std::string secondary = splitTo("B");
-    const QzfiRun deported = viaAgent(a, {"deport", "--record", record()});
+    const QzfiRun deported = agent(a, {"deport", "--record", record()});
     EXPECT_EQ(0, deported.status) << "cycle " << n << ": " << deported;
     const QzfiRun imported =
-        viaAgent(b, {"--quiet", "import", "--record", record(), "--secondary", secondary});
+        agent(b, {"--quiet", "import", "--record", record(), "--secondary", secondary});
     EXPECT_EQ(0, imported.status) << "cycle " << n << ": " << imported;
     if (imported.status != 0) {
       return false;
     }
     const auto [group, volume] = groupAndVolume(qzfi_e2e::linesOf(imported.out).at(0));
     EXPECT_EQ(m_sourceSum, checksum("B", group, volume)) << "cycle " << n;
-    const QzfiRun released = viaAgent(b, {"release", "--record", record()});
+    const QzfiRun released = agent(b, {"release", "--record", record()});
     EXPECT_EQ(0, released.status) << "cycle " << n << ": " << released;
     // The array takes the copy's LUNs back, and the next cycle starts anew.
     for (const SimDisk& copy : m_copies) {

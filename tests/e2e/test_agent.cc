@@ -104,10 +104,7 @@ class AgentTest : public QzfiTest {
   // A command sent to an agent, then the blast-radius check of the runs
   // the agent made for it.
   QzfiRun agent(const CAgentProcess& to, const std::vector<std::string>& args) {
-    const long mark = blastMark("", args);
-    const QzfiRun run = viaAgent(to, args);
-    expectWithinBlastRadius(mark, args);
-    return run;
+    return checked("", args, [&] { return viaAgent(to, args); });
   }
 
   std::unique_ptr<CAgentProcess> startAgent(const std::string& host) {

@@ -166,9 +166,10 @@ TEST_F(BlastRadiusTest, AChangeOfTheSourceInACommandsWindowFailsTheTest) {
   const Lines release = {"release", "--record", record()};
   long mark = blastMark("A", release);
   tool("A", "qzvol -g dg1 stop vol1");
+  const long run = toolRuns();
   EXPECT_NONFATAL_FAILURE(expectWithinBlastRadius(mark, release),
                           "qzfi release --record " + record() + ": outside the blast radius: run " +
-                              std::to_string(mark + 1) +
+                              std::to_string(run) +
                               " on host A (qzvol -g dg1 stop vol1) changes the source group dg1, "
                               "in a command that does not act on the source");
   mark = blastMark("A", {"access", "on", "--record", record()});

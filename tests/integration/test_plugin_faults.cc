@@ -8,12 +8,17 @@
 // with each kind of failure: a run that does nothing ("fail"), one that
 // makes its change first ("after": only runs that change something), and
 // one that prints the first half of its output first ("partial": only runs
-// that print something). Every test prints its row of the table; a run of
-// the whole program prints the table at the end.
+// that print something). Every call is followed by the blast-radius check
+// (../blast_radius.h): the tool runs it made changed only the copy's disks
+// and groups (the plain disks and the group made on them, for the resource
+// calls), and the source group dg1 and its disks only in the access calls.
+// Every test prints its row of the table; a run of the whole program prints
+// the table at the end.
 #include <cstdio>
 #include <functional>
 #include <set>
 
+#include "../blast_radius.h"
 #include "plugin_library.h"
 
 namespace {
@@ -73,6 +78,8 @@ struct Flow {
   // Brings the simulation back to where before() can start again, with the
   // source volume started.
   std::function<void()> after = [] {};
+  // Whether the calls act on the source group (access off and on).
+  bool onSource = false;
 };
 
 Flow named(const std::string& name, const std::string& host) {
@@ -147,6 +154,8 @@ class PluginFaultTest : public PluginHostTest, public ::testing::WithParamInterf
       admin({"node", "set", "--host", "A", path, "--uid", "1001", "--gid", "1002"});
     }
     m_source = checksum("A", "dg1", "vol1");
+    m_blast = std::make_unique<qzblast::BlastRadius>(root());
+    m_blast->sourceGroup("dg1", {m_disks[0].lun, m_disks[1].lun});
   }
 
   unsigned long toolRuns(const std::string& host) {
@@ -239,7 +248,8 @@ class PluginFaultTest : public PluginHostTest, public ::testing::WithParamInterf
     return result.status == 0 && holds(result.out, "Started");
   }
 
-  // The steps from the first on, or from the one given.
+  // The steps from the first on, or from the one given, each followed by
+  // the blast-radius check of the tool runs it made.
   Outcome runSteps(const std::vector<Step>& steps, const Step* from = nullptr) {
     Outcome outcome;
     bool started = from == nullptr;
@@ -248,7 +258,11 @@ class PluginFaultTest : public PluginHostTest, public ::testing::WithParamInterf
       if (!started) {
         continue;
       }
+      const long mark = m_blast->mark();
       outcome.status = step.call();
+      for (const std::string& violation : m_blast->since(mark, m_onSource)) {
+        ADD_FAILURE() << m_at << ": " << step.name << " outside the blast radius: " << violation;
+      }
       if (outcome.status != step.success) {
         outcome.failed = &step;
         break;
@@ -295,6 +309,8 @@ class PluginFaultTest : public PluginHostTest, public ::testing::WithParamInterf
   // The flow once as it is, then once with a failure at each of its tool
   // runs; its row of the table, also printed.
   Row sweep(const Flow& flow) {
+    m_onSource = flow.onSource;
+    m_at = flow.name;
     Row row;
     row.flow = flow.name;
     row.kind = kind();
@@ -323,6 +339,7 @@ class PluginFaultTest : public PluginHostTest, public ::testing::WithParamInterf
   }
 
   void sweepAt(const Flow& flow, unsigned long nth, Row* row) {
+    m_at = flow.name + ", " + kind() + " failure at run " + std::to_string(nth);
     flow.before();
     plugin().lastErrors();
     const unsigned long start = toolRuns(flow.host);
@@ -399,6 +416,9 @@ class PluginFaultTest : public PluginHostTest, public ::testing::WithParamInterf
         parseDisks(admin({"array", "split", "--disks", m_disks[0].node + "," + m_disks[1].node,
                           "--from-host", "A", "--to-host", "B"}));
     ASSERT_EQ(2u, m_copies.size());
+    for (const SimDisk& copy : m_copies) {
+      m_blast->allowLun(copy.lun);
+    }
     startPluginAs("B");
     m_node = std::make_unique<TestNode>(kVol1);
     m_copy.reset();
@@ -494,6 +514,9 @@ class PluginFaultTest : public PluginHostTest, public ::testing::WithParamInterf
   Lines m_primary;
   std::vector<SimDisk> m_copies;
   std::unique_ptr<TestNode> m_copy;
+  std::unique_ptr<qzblast::BlastRadius> m_blast;
+  bool m_onSource = false;
+  std::string m_at;  // the flow, and the failure injected, for the check's messages
 };
 
 // The source host prepares the volume: claim, then the node's
@@ -610,6 +633,7 @@ TEST_P(PluginFaultTest, AccessOff) {
   flow.before = [this] { initVol1(); };
   flow.steps = {
       {"disable_access", [this] { return plugin().disable_access(m_list->get(), 0); }, 0, {6}}};
+  flow.onSource = true;
   flow.done = [this] { return !groupImported("A", "dg1"); };
   flow.after = [this] { EXPECT_EQ(0, plugin().enable_access(m_list->get(), 0, 0, 0)); };
   sweep(flow);
@@ -623,6 +647,7 @@ TEST_P(PluginFaultTest, AccessOn) {
   };
   flow.steps = {
       {"enable_access", [this] { return plugin().enable_access(m_list->get(), 0, 0, 0); }, 0, {6}}};
+  flow.onSource = true;
   flow.done = [this] {
     return volumeStarted("A", "dg1", "vol1") && checksum("A", "dg1", "vol1") == m_source &&
            ownerOf(kVol1) == "1001:1002";
@@ -635,6 +660,9 @@ TEST_P(PluginFaultTest, AccessOn) {
 TEST_P(PluginFaultTest, FormatOnlineUnformat) {
   const std::vector<SimDisk> plain = addDisks(2, "A", 1, "128m");
   ASSERT_EQ(2u, plain.size());
+  for (const SimDisk& disk : plain) {
+    m_blast->allowLun(disk.lun);
+  }
   TestTextArray disks({"/dev/" + plain[0].osNames[0], "/dev/" + plain[1].osNames[0]});
   std::unique_ptr<TestPaths> made;
   std::unique_ptr<TestPaths> onlined;
