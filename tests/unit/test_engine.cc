@@ -218,15 +218,108 @@ class EngineTest : public PluginEnv {
     ASSERT_EQ(0, chmod((m_bin + "qzdmpadm").c_str(), 0755));
   }
 
-  // The split disks carry dg1_1, imported and holding vol1.
-  void groupAlreadyThere() {
-    on("qzdisk   list sdx", 0, diskListing("sdx", "d01", "dg1_1", "200.dg1_1"));
+  // The split disks carry dg1_1, imported and holding vol1, as this record
+  // left it: a build's group (new disk ids and group id) or, intact, the
+  // recorded group imported under the new name (its own ids).
+  void groupAlreadyThere(bool intact = false) {
+    const std::string dgid = intact ? "100.dg1" : "200.dg1_1";
+    on("qzdisk   list sdx", 0,
+       diskListing("sdx", "d01", "dg1_1", dgid, "auto", intact ? "1" : "21.B"));
+    on("qzdisk   list sdy", 0,
+       diskListing("sdy", "d02", "dg1_1", dgid, "auto", intact ? "1" : "22.B"));
     on("qzdg   list dg1_1", 0);
-    on("qzdg   list ", 0, out({"NAME STATE ID", "dg1_1 enabled 200.dg1_1"}));
-    on("qzdisk   -g dg1_1  list ", 0,
-       out({"DEVICE TYPE DISK GROUP STATUS", "sdx auto d01 dg1_1 online",
-            "sdy auto d02 dg1_1 online"}));
+    on("qzdg   list ", 0, out({"NAME STATE ID", "dg1_1 enabled " + dgid}));
+    const Lines members = out({"DEVICE TYPE DISK GROUP STATUS", "sdx auto d01 dg1_1 online",
+                               "sdy auto d02 dg1_1 online"});
+    on("qzdisk   -g dg1_1  list ", 0, members);
     on("qzprint   -g dg1_1  -v ", 0, out({"TY NAME ASSOC", "v vol1 fsgen"}));
+    // What the evidence reads of the group: its disks and their disk-media
+    // names, and its volumes.
+    on("qzdisk   -g dg1_1 list ", 0, members);
+    on("qzprint   -g dg1_1", 0, out({"TY NAME ASSOC KSTATE", "v  vol1 fsgen ENABLED"}));
+  }
+
+  // The split disks carry "prod", a group of another name imported here, on
+  // the same disks and with the disk-media names that the record's copy
+  // would have; it holds vol1, or no volume at all.
+  void foreignGroupOnSplitDisks(bool holdsVolume) {
+    on("qzdisk   list sdx", 0, diskListing("sdx", "d01", "prod", "900.prod", "auto", "31.P"));
+    on("qzdisk   list sdy", 0, diskListing("sdy", "d02", "prod", "900.prod", "auto", "32.P"));
+    on("qzdg   list prod", 0);
+    on("qzdg   list ", 0, out({"NAME STATE ID", "prod enabled 900.prod"}));
+    const Lines members = out(
+        {"DEVICE TYPE DISK GROUP STATUS", "sdx auto d01 prod online", "sdy auto d02 prod online"});
+    on("qzdisk   -g prod  list ", 0, members);
+    on("qzdisk   -g prod list ", 0, members);
+    const Lines volumes =
+        holdsVolume ? out({"TY NAME ASSOC", "v vol1 fsgen"}) : out({"TY NAME ASSOC"});
+    on("qzprint   -g prod  -v ", 0, volumes);
+    on("qzprint   -g prod", 0, volumes);
+  }
+
+  // A listing with the LUN's unique disk id and the configuration update
+  // that the volume manager last wrote on it.
+  static Lines withLineage(Lines listing, const std::string& udid, const std::string& seqno) {
+    listing.push_back("udid:      " + udid + "\n");
+    listing.push_back("update:    time=1700000000 seqno=" + seqno + "\n");
+    return listing;
+  }
+  // Private data recorded at the source for dg1/vol1 on sdb (disk id 11.A,
+  // LUN UD.B) and sdc (12.A, UD.C), at the configuration update 0.20.
+  static void recordLineage(CQzVMData& data) {
+    data.setVolPrivInfoInPD(
+        {"sdb", "sdc"}, {"d01", "d02"},
+        {withLineage(diskListing("sdb", "d01", "dg1", "100.dg1", "auto", "11.A"), "UD.B", "0.20"),
+         withLineage(diskListing("sdc", "d02", "dg1", "100.dg1", "auto", "12.A"), "UD.C", "0.20")});
+    data.setDGConfgiInPD("dg1", kDump);
+    data.setDGId("100.dg1");
+  }
+  // Split disk sdx or sdy as the copy of the primary with disk id diskId.
+  void splitCopy(const std::string& disk, const std::string& dm, const std::string& diskId,
+                 const std::string& udid, const std::string& seqno) {
+    on("qzdisk   list " + disk, 0,
+       withLineage(diskListing(disk, dm, "dg1", "100.dg1", "auto", diskId), udid, seqno));
+  }
+  // The refusal of a pairing: the last message pushed.
+  void expectPairRefused(const std::string& split, const std::string& primary,
+                         const std::string& why) {
+    ASSERT_FALSE(errors().empty());
+    const auto message = errors().back();
+    EXPECT_EQ("MSG_ERROR_SPLIT_DISKS_DO_NOT_PAIR_WITH_PRIMARY_DISKS", message->getIdentifier());
+    ASSERT_EQ(4u, message->getArguments().size());
+    EXPECT_EQ("buildQzVM", message->argumentText(0));
+    EXPECT_EQ(split, message->argumentText(1));
+    EXPECT_EQ(primary, message->argumentText(2));
+    EXPECT_EQ(why, message->argumentText(3));
+    EXPECT_TRUE(wasTraced(1, "CQzVMEngine::buildQzVM - the split disk [" + split +
+                                 "] does not pair with the primary disk [" + primary + "]: " + why +
+                                 "."));
+  }
+
+  // The refusal of a group that is not this record's copy: traced, and
+  // pushed with the operation, the group and what was found.
+  void expectNotTheCopy(const std::string& operation, const std::string& group,
+                        const std::string& why) {
+    EXPECT_TRUE(wasTraced(1, "CQzVMEngine::" + operation + " - the disk group '" + group +
+                                 "' is not the copy that this backup made: " + why +
+                                 ". Nothing was changed."));
+    ASSERT_FALSE(errors().empty());
+    const auto message = errors().back();
+    EXPECT_EQ("MSG_ERROR_NOT_THE_COPY", message->getIdentifier());
+    ASSERT_EQ(3u, message->getArguments().size());
+    EXPECT_EQ(operation, message->argumentText(0));
+    EXPECT_EQ(group, message->argumentText(1));
+    EXPECT_EQ(why, message->argumentText(2));
+  }
+  // Nothing on the disks was changed, nor any volume started.
+  void expectNoChange() const {
+    EXPECT_FALSE(ranPrefix("qzvol "));
+    EXPECT_FALSE(ranPrefix("qzdisk   -f  init"));
+    EXPECT_FALSE(ranPrefix("qzdisk   rm"));
+    EXPECT_FALSE(ranPrefix("qzdisk   clearimport"));
+    EXPECT_FALSE(ranPrefix("qzdg   init"));
+    EXPECT_FALSE(ranPrefix("qzdg   -C"));
+    EXPECT_FALSE(ranPrefix("qzdg   deport"));
   }
 
   int build(CQzVMData& data, const std::string& path = "/dev/qz/rdsk/dg1/vol1") {
@@ -592,6 +685,7 @@ TEST_F(EngineTest, BuildAltTreeOnAGroupAlreadyThereOnlyStartsTheVolume) {
   EXPECT_TRUE(ran("qzvol   -g dg1_1 start vol1"));
   EXPECT_FALSE(ranPrefix("qzdisk   -f  init"));
   EXPECT_FALSE(ranPrefix("qzdg   init"));
+  ASSERT_NE(nullptr, m_ids.back());
   EXPECT_STREQ("/dev/qz/dsk/dg1_1/vol1", m_ids.back()->name);
 }
 
@@ -608,6 +702,45 @@ TEST_F(EngineTest, BuildAltTreeOnAGroupAlreadyThereThatWillNotStartCleansUp) {
   EXPECT_FALSE(ranPrefix("qzdg   deport"));
   EXPECT_TRUE(ran("qzdisk   rm sdx"));
   EXPECT_EQ("1", qzvmfi_test::readFile(deleteFile("sdy")));
+}
+
+// A group of another name that holds the volume on the split disks is
+// taken only when a build of this record made it: one whose disks carry
+// another group (a production group imported here) is refused, and its
+// volume is not started.
+TEST_F(EngineTest, BuildAltTreeRefusesAGroupAlreadyThereThatNoBuildOfTheRecordMade) {
+  splitDisksSeen();
+  foreignGroupOnSplitDisks(true);
+  volumeStarts("prod", "vol1");
+  CQzVMData data(nullptr, false);
+  recordSource(data);
+  EXPECT_EQ(3, build(data));
+  expectNoChange();
+  expectNotTheCopy("buildAltTree", "prod",
+                   "the split disk sdx carries the group [prod] id [900.prod] and the disk id "
+                   "[31.P], which no build of this record made");
+  EXPECT_EQ("100.dg1", data.getDGId());
+  EXPECT_TRUE(m_engine->builtGroups().empty());
+}
+
+// A group without the volume on the split disks is deported, as what a
+// stopped build left, only when a build of this record made it: another
+// group there stays imported, and nothing is built on its disks.
+TEST_F(EngineTest, BuildAltTreeLeavesAForeignGroupWithoutTheVolumeImported) {
+  splitDisksSeen();
+  foreignGroupOnSplitDisks(false);
+  on("qzdg   deport prod", 0);
+  CQzVMData data(nullptr, false);
+  recordSource(data);
+  EXPECT_EQ(3, build(data));
+  expectNoChange();
+  EXPECT_FALSE(wasTraced(2,
+                         "CQzVMEngine::buildAltTree - the split disks hold the group 'prod' "
+                         "without the volume, left by a build that stopped; deporting it to "
+                         "build again."));
+  expectNotTheCopy("buildAltTree", "prod",
+                   "the split disk sdx carries the group [prod] id [900.prod] and the disk id "
+                   "[31.P], which no build of this record made");
 }
 
 TEST_F(EngineTest, BuildAltTreeScanFailureIsReported) {
@@ -755,6 +888,60 @@ TEST_F(EngineTest, ASplitDiskInitialisedByAnEarlierAttemptPasses) {
   on("qzdisk   list sdx", 0, initialised);
   on("qzdisk   list sdy", 0, diskListing("sdy", "d02", "dg1", "100.dg1", "auto", "12.A"));
   EXPECT_EQ(0, build(data));
+}
+
+// A split disk that shows its primary's own unique disk id is that
+// primary, named as a split disk: it is refused before any disk changes.
+TEST_F(EngineTest, ASplitDiskThatIsThePrimaryItselfIsRefused) {
+  splitDisksSeen();
+  CQzVMData data(nullptr, false);
+  recordLineage(data);
+  splitCopy("sdx", "d01", "11.A", "UD.B", "0.20");
+  splitCopy("sdy", "d02", "12.A", "UD.Y", "0.20");
+  EXPECT_EQ(3, build(data));
+  expectNoChange();
+  expectPairRefused("sdx", "sdb",
+                    "the split disk is the primary disk itself (it shows the primary's unique "
+                    "disk id [UD.B]), not a copy of it");
+}
+
+// The copies of one split show one configuration update: disks of two
+// splits, taken across a change of the group, are refused.
+TEST_F(EngineTest, SplitDisksOfTwoSplitsAreRefused) {
+  splitDisksSeen();
+  CQzVMData data(nullptr, false);
+  recordLineage(data);
+  splitCopy("sdx", "d01", "11.A", "UD.X", "0.20");
+  splitCopy("sdy", "d02", "12.A", "UD.Y", "0.19");
+  EXPECT_EQ(3, build(data));
+  expectNoChange();
+  expectPairRefused("sdy", "sdc",
+                    "the split disk shows the configuration update [0.19], the split disk sdx "
+                    "shows [0.20]: they come from two splits; give the disks of one split");
+}
+
+// A split taken after the record was made shows a later configuration
+// update than the record's (counted, not compared as text): refused.
+TEST_F(EngineTest, SplitDisksOfALaterSplitThanTheRecordAreRefused) {
+  splitDisksSeen();
+  CQzVMData data(nullptr, false);
+  recordLineage(data);
+  splitCopy("sdx", "d01", "11.A", "UD.X", "0.100");
+  splitCopy("sdy", "d02", "12.A", "UD.Y", "0.100");
+  EXPECT_EQ(3, build(data));
+  expectNoChange();
+  expectPairRefused("sdx", "sdb",
+                    "the split disk shows the configuration update [0.100], later than the "
+                    "record's [0.20]: it was split after this backup was recorded");
+
+  // Copies of one split, on LUNs of their own, at the record's update: built.
+  splitCopy("sdx", "d01", "11.A", "UD.X", "0.20");
+  splitCopy("sdy", "d02", "12.A", "UD.Y", "0.20");
+  CFiExecSeam::clearCommands();
+  qzvmfi_ctx::ErrorManager::instance()->clear();
+  EXPECT_EQ(0, build(data));
+  EXPECT_FALSE(wasPushed("MSG_ERROR_SPLIT_DISKS_DO_NOT_PAIR_WITH_PRIMARY_DISKS"));
+  EXPECT_TRUE(ran("qzdg   init dg1_1 d01=sdx"));
 }
 
 // The rewrite pairs the lists place by place: lists that cannot pair are
@@ -931,12 +1118,34 @@ TEST_F(ImportTest, SecondImportFindsTheGroupAndOnlyStartsTheVolume) {
   EXPECT_EQ(0, import(data));
   EXPECT_TRUE(ran("qzdg   -C  -n dg1_1 import 100.dg1"));
   CFiExecSeam::clearCommands();
-  groupAlreadyThere();
+  groupAlreadyThere(true);
   on("qzinfo   -g dg1_1 vol1", 0, out({"vol1 fsgen Started"}));
   EXPECT_EQ(0, import(data));
   EXPECT_FALSE(ranPrefix("qzdg   -C"));
   EXPECT_FALSE(ranPrefix("qzdisk   clearimport"));
+  ASSERT_NE(nullptr, m_ids.back());
   EXPECT_STREQ("/dev/qz/dsk/dg1_1/vol1", m_ids.back()->name);
+}
+
+// The disks given hold the source's own group with the volume (the
+// primaries named as split disks): it is not taken as the copy, and its
+// volume is not started.
+TEST_F(ImportTest, TheSourcesOwnGroupOnTheDisksGivenIsNotTaken) {
+  on("qzdg   list dg1", 0);
+  on("qzdg   list ", 0, out({"NAME STATE ID", "dg1 enabled 100.dg1"}));
+  on("qzdisk   -g dg1  list ", 0,
+     out({"DEVICE TYPE DISK GROUP STATUS", "sdx auto d01 dg1 online", "sdy auto d02 dg1 online"}));
+  on("qzprint   -g dg1  -v ", 0, out({"TY NAME ASSOC", "v vol1 fsgen"}));
+  volumeStarts("dg1", "vol1");
+  CQzVMData data(nullptr, false);
+  recordSource(data);
+  EXPECT_EQ(3, import(data));
+  expectNoChange();
+  EXPECT_FALSE(ranPrefix("qzprint   -g dg1  vol1"));
+  expectNotTheCopy("importQzVM", "dg1",
+                   "it is the source's own group: the disks given [sdx sdy] are the source's, "
+                   "not split copies");
+  EXPECT_EQ(nullptr, m_ids.back());
 }
 
 TEST_F(ImportTest, UnseenDisksFail) {
@@ -994,7 +1203,7 @@ TEST_F(ImportTest, StartFailureAfterImportDeportsTheNewGroup) {
 }
 
 TEST_F(ImportTest, GroupAlreadyThereThatWillNotStartCleansUp) {
-  groupAlreadyThere();
+  groupAlreadyThere(true);
   on("qzvol   -g dg1_1 start vol1", 1);
   CQzVMData data(nullptr, false);
   recordSource(data);
@@ -1083,12 +1292,60 @@ TEST_F(RecreateTest, GroupAlreadyThereIsOnlyStarted) {
   on("qzdisk   -g dg1  list ", 0,
      out({"DEVICE TYPE DISK GROUP STATUS", "sdb auto d01 dg1 online", "sdc auto d02 dg1 online"}));
   on("qzprint   -g dg1  -v ", 0, out({"TY NAME ASSOC", "v vol1 fsgen"}));
+  // The group is the re-creation's: the recorded disks and disk-media
+  // names, the recorded volume.
+  on("qzdisk   -g dg1 list ", 0,
+     out({"DEVICE TYPE DISK GROUP STATUS", "sdb auto d01 dg1 online", "sdc auto d02 dg1 online"}));
+  on("qzprint   -g dg1", 0, out({"TY NAME ASSOC KSTATE", "v  vol1 fsgen ENABLED"}));
   EXPECT_EQ(0, recreate());
   EXPECT_FALSE(ranPrefix("qzdg   init"));
   EXPECT_TRUE(ran("qzvol   -g dg1 start vol1"));
   on("qzvol   -g dg1 start vol1", 1);
   EXPECT_EQ(6, recreate());
   EXPECT_TRUE(wasTraced(1, "Failed to activate volume"));
+}
+
+// A group of the recorded name that holds a volume the record does not name
+// (made again by hand, say) is not the re-creation's: it is neither started
+// nor, without the recorded volume, deported and made anew.
+TEST_F(RecreateTest, AGroupOfTheRecordedNameHoldingAnotherVolumeIsRefused) {
+  on("qzdg   list dg1", 0);
+  on("qzdg   list ", 0, out({"NAME STATE ID", "dg1 enabled 100.dg1"}));
+  const Lines members =
+      out({"DEVICE TYPE DISK GROUP STATUS", "sdb auto d01 dg1 online", "sdc auto d02 dg1 online"});
+  on("qzdisk   -g dg1  list ", 0, members);
+  on("qzdisk   -g dg1 list ", 0, members);
+  on("qzdg   deport dg1", 0);
+  const Lines both = out({"TY NAME ASSOC", "v vol1 fsgen", "v scratch fsgen"});
+  on("qzprint   -g dg1  -v ", 0, both);
+  on("qzprint   -g dg1", 0, both);
+  EXPECT_EQ(3, recreate());
+  expectNoChange();
+  expectNotTheCopy("recreateDG", "dg1",
+                   "it holds the volume scratch, which the record does not name");
+
+  // Without the recorded volume: where a stopped re-creation leaves its group.
+  CFiExecSeam::clearCommands();
+  const Lines other = out({"TY NAME ASSOC", "v scratch fsgen"});
+  on("qzprint   -g dg1  -v ", 0, other);
+  on("qzprint   -g dg1", 0, other);
+  EXPECT_EQ(3, recreate());
+  expectNoChange();
+  expectNotTheCopy("recreateDG", "dg1",
+                   "it holds the volume scratch, which the record does not name");
+}
+
+// Restored disks that carry another group (not imported here) are not the
+// record's: they are refused before any of them is initialised.
+TEST_F(RecreateTest, RestoredDisksCarryingAnotherGroupAreRefusedBeforeAnyInit) {
+  on("qzdisk   list sdb", 0, diskListing("sdb", "p01", "prod", "900.prod"));
+  on("qzdisk   list sdc", 0, diskListing("sdc", "p02", "prod", "900.prod"));
+  on("qzdg   list prod", 11);
+  EXPECT_EQ(3, recreate());
+  expectNoChange();
+  expectNotTheCopy("recreateDG", "prod",
+                   "the restored disk sdb carries it, not the group dg1 that the record "
+                   "re-creates");
 }
 
 TEST_F(RecreateTest, ScanFailureFails) {

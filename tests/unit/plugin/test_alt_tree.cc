@@ -89,14 +89,38 @@ class AltTreeTest : public OperationsTest {
     return lines;
   }
 
-  // The group on the split disks is there already, with its volume: it
-  // only needs starting.
+  // The split disks as a build of this record leaves them: each initialised
+  // anew (a disk id of its own) under its primary's disk-media name, in
+  // group dg with id dgid.
+  std::vector<TestDisk> builtCopies() const {
+    std::vector<TestDisk> built = m_copies;
+    for (size_t i = 0; i < built.size(); ++i) {
+      built[i].dm = m_disks[i].dm;
+    }
+    return built;
+  }
+  void splitDisksBuiltInto(const std::string& dg, const std::string& dgid) {
+    splitDisksCarry(dg, dgid);
+    const std::vector<TestDisk> built = builtCopies();
+    for (size_t i = 0; i < built.size(); ++i) {
+      Lines listing = diskListing(built[i], dg, dgid);
+      listing[2] = "disk:      name=" + built[i].dm + " id=17.2.C" + std::to_string(i) + "\n";
+      answer("qzdisk   list " + built[i].node, 0, listing);
+    }
+  }
+
+  // The group that a build made on the split disks is there already, with
+  // its volume: it only needs starting.
   void copyGroupPresent(const std::string& dg) {
     answer("qzdg   list " + dg, 0, out({"Group:   " + dg}));
     answer("qzdg   list ", 0,
            out({"NAME  STATE  ID", m_dg + "  enabled,cds  17.9.A", dg + "  enabled,cds  17.9.C"}));
-    groupDisks(dg, m_copies);
+    groupDisks(dg, builtCopies());
     answer("qzprint   -g " + dg + "  -v ", 0,
+           out({"TY  NAME  ASSOC  KSTATE  LENGTH  PLOFFS  STATE  TUTIL0  PUTIL0",
+                "v  vol1  fsgen  ENABLED  204800  -  ACTIVE  -  -"}));
+    // Its volumes, as the evidence lists them.
+    answer("qzprint   -g " + dg, 0,
            out({"TY  NAME  ASSOC  KSTATE  LENGTH  PLOFFS  STATE  TUTIL0  PUTIL0",
                 "v  vol1  fsgen  ENABLED  204800  -  ACTIVE  -  -"}));
     volumeObjects(dg, "vol1");
@@ -339,7 +363,7 @@ TEST_F(AltTreeTest, BuildAltTreeGivesTheNewVolumeTheOwnerOrReturns1091) {
   ASSERT_EQ(0, restoreState(node(), sourceState()));
   groupRecords(m_dg, m_disks);
   const std::string copy = newName(m_dg);
-  splitDisksCarry(copy, "17.9.C");
+  splitDisksBuiltInto(copy, "17.9.C");
   copyGroupPresent(copy);
   TestObjids primary(primaryPaths());
   TestObjids secondary(secondaryPaths());

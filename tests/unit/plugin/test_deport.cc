@@ -35,6 +35,7 @@ class DeportTest : public OperationsTest {
   }
 
   void TearDown() override {
+    m_copy.reset();
     m_node.reset();
     OperationsTest::TearDown();
   }
@@ -77,6 +78,50 @@ class DeportTest : public OperationsTest {
   static Lines deportRuns(const std::string& dg) {
     return run({"qzdg   list " + dg, "qzdg   deport " + dg});
   }
+
+  // The evidence that the group is the copy, read before the first change:
+  // the group listed once more (ahead of what the change itself lists), its
+  // disks (as groupDisks gives them) and its one volume vol1.
+  void copyProven(const std::string& dg) {
+    expect("qzdg   list " + dg, 0, out({"Group:   " + dg, "dgid:    17.9.A"}));
+    answer("qzprint   -g " + dg, 0,
+           out({"TY  NAME  ASSOC  KSTATE  LENGTH  PLOFFS  STATE  TUTIL0  PUTIL0",
+                "v  vol1  fsgen  ENABLED  204800  -  ACTIVE  -  -"}));
+  }
+  // Those reads, then the group id when the record has one.
+  static Lines proofRuns(const std::string& dg, bool groupId = false) {
+    Lines lines = run({"qzdg   list " + dg, "qzdisk   -g " + dg + " list ", "qzprint   -g " + dg});
+    if (groupId) {
+      lines.push_back(qz("qzdisk   -s  -g " + dg + " list "));
+    }
+    return lines;
+  }
+  // The last message pushed; an empty one when none was.
+  Pushed lastPushed() const {
+    const std::vector<Pushed> all = pushed();
+    return all.empty() ? Pushed{} : all.back();
+  }
+  static Lines joined(Lines first, const Lines& then) {
+    first.insert(first.end(), then.begin(), then.end());
+    return first;
+  }
+
+  // A copy of the source's group: group copyDG() on the disks of the test
+  // (its node records them), with the group id 17.9.C that the source's
+  // provider state records for it.
+  std::string copyDG() const { return m_dg + "_1"; }
+  std::string copyPath() const { return "/dev/qz/dsk/" + copyDG() + "/vol1"; }
+  void withCopyRecorded() {
+    ASSERT_EQ(0, restoreState(node(), "fiid_v vol1\nfiid_dgid 17.9.C\nfiid_uigid 1234 5678"));
+    m_copy = std::make_unique<TestNode>(copyPath());
+    ASSERT_EQ(0, restoreState(&m_copy->domain, diskRecords() + "fiid_uigid 1234 5678"));
+  }
+  void copyGroupId(const std::string& dgid) {
+    answer("qzdisk   -s  -g " + copyDG() + " list ", 0, out({"Disk:  x", "dgid:  " + dgid}));
+  }
+  qfi_splitnode copyTarget() {
+    return qfi_splitnode{&m_copy->domain, m_copy->objid(), nullptr, 1, 0};
+  }
   // The volume started or stopped by the engine.
   void volumeStarted(const std::string& dg) {
     volumeObjects(dg, "vol1");
@@ -102,6 +147,7 @@ class DeportTest : public OperationsTest {
   }
 
   std::unique_ptr<TestNode> m_node;
+  std::unique_ptr<TestNode> m_copy;
   TempDir m_scratch;
 };
 
@@ -148,10 +194,11 @@ TEST_F(DeportTest, DeportTreeWithAnAlternateNodeDeportsItsGroupAndSetsTheDeporte
   withDisks();
   const std::string copyDG = m_dg + "_1";
   groupDeports(copyDG);
+  copyProven(copyDG);
   TestNode copy("/dev/qz/dsk/" + copyDG + "/vol1");
   qfi_accessnode access{node(), m_node->objid(), QFI_DISP_DEPORT, 0};
   ASSERT_EQ(0, qzvmfi_fi_pgn_deport_tree(node(), &copy.domain, &access));
-  EXPECT_EQ(deportAndRemoveRuns(copyDG), commands());
+  EXPECT_EQ(joined(proofRuns(copyDG), deportAndRemoveRuns(copyDG)), commands());
   CQzVMData* data = dataOf(node());
   EXPECT_EQ(1, data->getDeported());
   EXPECT_EQ(copy.path(), data->getAltVol());
@@ -238,12 +285,52 @@ TEST_F(DeportTest, DeportTreeWhoseAlternateGroupWillNotDeportReturns6) {
   withDisks();
   const std::string copyDG = m_dg + "_1";
   groupDeports(copyDG);
+  copyProven(copyDG);
   answer("qzdg   deport " + copyDG, 13, out({"QZVM qzdg ERROR Q-5-1-103 volume in use"}));
   TestNode copy("/dev/qz/dsk/" + copyDG + "/vol1");
   qfi_accessnode access{node(), m_node->objid(), QFI_DISP_DEPORT, 0};
   EXPECT_EQ(6, qzvmfi_fi_pgn_deport_tree(node(), &copy.domain, &access));
   EXPECT_TRUE(wasTraced(1, "deportDGAndRemoveDisks() failed"));
   EXPECT_EQ(0, dataOf(node())->getDeported());
+}
+
+// The alternate node's group is deported only once proven the copy: one
+// that is the source's own group, or whose group id is not the one that the
+// record holds, is refused, and nothing is deported.
+TEST_F(DeportTest, DeportTreeWithAnAlternateThatIsNotTheCopyDeportsNothing) {
+  ASSERT_EQ(0, restoreState(node(), "fiid_dgid 17.9.C\n" + diskRecords() + "fiid_uigid 1234 5678"));
+  groupDeports(m_dg);
+  TestNode source(m_path);
+  qfi_accessnode access{node(), m_node->objid(), QFI_DISP_DEPORT, 0};
+  EXPECT_EQ(3, qzvmfi_fi_pgn_deport_tree(node(), &source.domain, &access));
+  EXPECT_TRUE(commands().empty());
+  EXPECT_EQ((Pushed{"MSG_ERROR_NOT_THE_COPY",
+                    "engine",
+                    {"deportTree", m_dg, "it is the source's own group (" + m_path + ")"}}),
+            lastPushed());
+  EXPECT_TRUE(wasTraced(1, "CQzVMEngine::deportTree - the disk group '" + m_dg +
+                               "' is not the copy that this backup made: it is the source's own "
+                               "group (" +
+                               m_path + "). Nothing was changed."));
+
+  // The framework takes the object id of each call.
+  qzfi_free_objid(m_node->access.objid);
+  m_node->access.objid = nullptr;
+  const std::string copyDG = m_dg + "_1";
+  groupDeports(copyDG);
+  copyProven(copyDG);
+  answer("qzdisk   -s  -g " + copyDG + " list ", 0, out({"Disk:  x", "dgid:  17.9.X"}));
+  TestNode copy("/dev/qz/dsk/" + copyDG + "/vol1");
+  EXPECT_EQ(3, qzvmfi_fi_pgn_deport_tree(node(), &copy.domain, &access));
+  EXPECT_EQ(proofRuns(copyDG, true), commands());
+  EXPECT_EQ(
+      (Pushed{"MSG_ERROR_NOT_THE_COPY",
+              "engine",
+              {"deportTree", copyDG, "its group id is [17.9.X], the import recorded [17.9.C]"}}),
+      lastPushed());
+  CQzVMData* data = dataOf(node());
+  EXPECT_EQ(0, data->getDeported());
+  EXPECT_EQ("", data->getAltVol());
 }
 
 // ===== postDeport =====
@@ -273,13 +360,16 @@ TEST_F(DeportTest, DisableAccessOfDisksAboutToBeMaskedButStillVisibleTakesTheOpt
   ASSERT_EQ(0, restoreState(&second.domain, diskRecords()));
   answer("qzvol   -g " + m_dg + " stop vol1", 0, {});
   groupPresent(m_dg);
+  groupDisks(m_dg, m_disks);
+  copyProven(m_dg);
   answer("qzdg   deport " + m_dg, 0, {});
   TestNodeList list;
   list.add(node());
   list.add(&second.domain);
   EXPECT_EQ(0, qzvmfi_fi_pgn_disable_access(list.get(), 0x8400));
-  // Only the first entry; its disks stay in the volume manager's view.
-  Lines expected = run({"qzvol   -g " + m_dg + " stop vol1"});
+  // Only the first entry, proven the copy; its disks stay in the volume
+  // manager's view.
+  Lines expected = joined(proofRuns(m_dg), run({"qzvol   -g " + m_dg + " stop vol1"}));
   for (const std::string& line :
        run({"qzdg   list " + m_dg, "qzdg   list " + m_dg, "qzdg   deport " + m_dg})) {
     expected.push_back(line);
@@ -299,11 +389,14 @@ TEST_F(DeportTest, DisableAccessOfDisksStillVisiblePassesOnTheOptimizedPathsFail
   TestNode second("/dev/qz/dsk/" + m_dg + "b/vol1");
   ASSERT_EQ(0, restoreState(&second.domain, diskRecords()));
   answer("qzvol   -g " + m_dg + " stop vol1", 1, out({"QZVM qzvol ERROR Q-5-1-1 cannot stop"}));
+  groupPresent(m_dg);
+  groupDisks(m_dg, m_disks);
+  copyProven(m_dg);
   TestNodeList list;
   list.add(node());
   list.add(&second.domain);
   EXPECT_EQ(6, qzvmfi_fi_pgn_disable_access(list.get(), 0x8400));
-  EXPECT_EQ(run({"qzvol   -g " + m_dg + " stop vol1"}), commands());
+  EXPECT_EQ(joined(proofRuns(m_dg), run({"qzvol   -g " + m_dg + " stop vol1"})), commands());
   EXPECT_EQ((Pushed{"MSG_ERROR_UNABLE_TO_OFFLINE_VOLUME_FOR_DISKGROUP",
                     "../plugin",
                     {"disableAccessOptimize", m_dg, "vol1"}}),
@@ -322,10 +415,11 @@ TEST_F(DeportTest, DisableAccessOfDisksToBeMaskedOfflinesThenDeportsAndRemovesDi
   withDisks();
   answer("qzvol   -g " + m_dg + " stop vol1", 0, {});
   groupDeports(m_dg);
+  copyProven(m_dg);
   TestNodeList list;
   list.add(node());
   EXPECT_EQ(0, qzvmfi_fi_pgn_disable_access(list.get(), 0x8000));
-  Lines expected = run({"qzvol   -g " + m_dg + " stop vol1"});
+  Lines expected = joined(proofRuns(m_dg), run({"qzvol   -g " + m_dg + " stop vol1"}));
   for (const std::string& line : deportAndRemoveRuns(m_dg)) {
     expected.push_back(line);
   }
@@ -336,10 +430,11 @@ TEST_F(DeportTest, DisableAccessOfDisksToBeMaskedOfflinesThenDeportsAndRemovesDi
 TEST_F(DeportTest, DisableAccessOfDisksThatStayVisibleDeportsWithoutRemovingDisks) {
   withDisks();
   groupDeports(m_dg);
+  copyProven(m_dg);
   TestNodeList list;
   list.add(node());
   EXPECT_EQ(0, qzvmfi_fi_pgn_disable_access(list.get(), 0x400));
-  EXPECT_EQ(deportRuns(m_dg), commands());
+  EXPECT_EQ(joined(proofRuns(m_dg), deportRuns(m_dg)), commands());
 }
 
 TEST_F(DeportTest, DisableAccessWithoutFlagsDeportsAndRemovesDisksOfEveryEntry) {
@@ -347,12 +442,14 @@ TEST_F(DeportTest, DisableAccessWithoutFlagsDeportsAndRemovesDisksOfEveryEntry) 
   TestNode second("/dev/qz/dsk/" + m_dg + "b/vol1");
   ASSERT_EQ(0, restoreState(&second.domain, diskRecords()));
   groupDeports(m_dg);
+  copyProven(m_dg);
   groupAbsent(m_dg + "b");
   TestNodeList list;
   list.add(node());
   list.add(&second.domain);
   EXPECT_EQ(0, qzvmfi_fi_pgn_disable_access(list.get(), 0));
-  Lines expected = deportAndRemoveRuns(m_dg);
+  Lines expected = joined(proofRuns(m_dg), deportAndRemoveRuns(m_dg));
+  expected.push_back(qz("qzdg   list " + m_dg + "b"));  // no group to prove
   expected.push_back(qz("qzdg   list " + m_dg + "b"));  // that group is gone already
   expected.push_back(qz("qzdisk   list "));             // with no disk left under it
   EXPECT_EQ(expected, commands());
@@ -411,10 +508,13 @@ TEST_F(DeportTest, DisableAccessWhoseGroupWillNotDeportReportsAWarning) {
 TEST_F(DeportTest, DisableAccessWhoseVolumeWillNotStopReportsAWarning) {
   withDisks();
   answer("qzvol   -g " + m_dg + " stop vol1", 1, out({"QZVM qzvol ERROR Q-5-1-1 cannot stop"}));
+  groupPresent(m_dg);
+  groupDisks(m_dg, m_disks);
+  copyProven(m_dg);
   TestNodeList list;
   list.add(node());
   EXPECT_EQ(6, qzvmfi_fi_pgn_disable_access(list.get(), 0x8000));
-  EXPECT_EQ(run({"qzvol   -g " + m_dg + " stop vol1"}), commands());
+  EXPECT_EQ(joined(proofRuns(m_dg), run({"qzvol   -g " + m_dg + " stop vol1"})), commands());
   EXPECT_EQ((Pushed{"MSG_ERROR_UNABLE_TO_OFFLINE_DEVICE", "../plugin", {"disableAccess", m_path}}),
             pushed().back());
   EXPECT_EQ(2, severities().back());
@@ -426,6 +526,7 @@ TEST_F(DeportTest, DisableAccessWhoseDeportFailsStopsTheWalk) {
   ASSERT_EQ(0, restoreState(&second.domain, diskRecords()));
   answer("qzvol   -g " + m_dg + " stop vol1", 0, {});
   groupDeports(m_dg);
+  copyProven(m_dg);
   answer("qzdg   deport " + m_dg, 13, out({"QZVM qzdg ERROR Q-5-1-103 volume in use"}));
   groupPresent(m_dg);  // the failed deport leaves it
   for (long flags : {0x8000L, 0L}) {
@@ -442,7 +543,7 @@ TEST_F(DeportTest, DisableAccessWhoseDeportFailsStopsTheWalk) {
   list.add(node());
   EXPECT_EQ(6, qzvmfi_fi_pgn_disable_access(list.get(), 0x400));
   EXPECT_TRUE(wasTraced(1, "deportDG() failed"));
-  EXPECT_EQ(deportRuns(m_dg), commands());
+  EXPECT_EQ(joined(proofRuns(m_dg), deportRuns(m_dg)), commands());
 }
 
 // ===== disableAccessOptimize =====
@@ -521,14 +622,19 @@ TEST_F(DeportTest, EnableAccessOfRestoredDisksRecreatesTheGroupAndGivesBackTheOw
   answer("qzprint   -g " + m_dg + "  -v ", 0,
          out({"TY  NAME  ASSOC  KSTATE  LENGTH  PLOFFS  STATE  TUTIL0  PUTIL0",
               "v  vol1  fsgen  ENABLED  204800  -  ACTIVE  -  -"}));
+  // The group found is the re-creation's: the recorded disks under their
+  // recorded disk-media names, and the volume.
+  answer("qzprint   -g " + m_dg, 0,
+         out({"TY  NAME  ASSOC  KSTATE  LENGTH  PLOFFS  STATE  TUTIL0  PUTIL0",
+              "v  vol1  fsgen  ENABLED  204800  -  ACTIVE  -  -"}));
   volumeStarted(m_dg);
   TestNodeList list;
   list.add(&restored.domain, &subobjs);
   ASSERT_EQ(0, qzvmfi_fi_pgn_enable_access(list.get(), 0, 0, 0));
-  Lines expected =
-      run({"qzdisk   scandisks  device=sdb,sdc,sdd", "qzdisk   list " + m_disks[0].node,
-           "qzdg   list " + m_dg, "qzdg   list ", "qzdisk   -g " + m_dg + "  list ", "qzdg   list ",
-           "qzprint   -g " + m_dg + "  -v "});
+  Lines expected = run(
+      {"qzdisk   scandisks  device=sdb,sdc,sdd", "qzdisk   list " + m_disks[0].node,
+       "qzdg   list " + m_dg, "qzdg   list ", "qzdisk   -g " + m_dg + "  list ", "qzdg   list ",
+       "qzprint   -g " + m_dg + "  -v ", "qzdisk   -g " + m_dg + " list ", "qzprint   -g " + m_dg});
   for (const std::string& line : startRuns(m_dg)) {
     expected.push_back(line);
   }
@@ -743,6 +849,23 @@ TEST_F(DeportTest, OnlineWith2StopsWhatTheNodeListsWhateverTheDisposition) {
   EXPECT_TRUE(enteredScope("offlineResource"));
 }
 
+// Stopping the volume of an alternate node that names the source's own group
+// is refused by the name alone, before any tool runs.
+TEST_F(DeportTest, OnlineWith2OnTheSourcesGroupIsRefused) {
+  withoutDisks();
+  TestNode source(m_path);
+  volumeExists(m_dg, "vol1");
+  answer("qzvol   -g " + m_dg + " stop vol1", 0, {});
+  EXPECT_EQ(3, qzvmfi_fi_pgn_online(node(), &source.domain, 2, QFI_DISP_DELETE));
+  EXPECT_TRUE(commands().empty());
+  EXPECT_FALSE(enteredScope("offlineResource"));
+  EXPECT_EQ((Pushed{"MSG_ERROR_NOT_THE_COPY",
+                    "engine",
+                    {"online", m_dg, "it is the source's own group (" + m_path + ")"}}),
+            lastPushed());
+  EXPECT_FALSE(wasTraced(3, "CQzVMPlugin::online - successful"));
+}
+
 TEST_F(DeportTest, OnlineSucceedsWhenTheVolumeWillNotChangeState) {
   withoutDisks();
   const std::string copyDG = m_dg + "_1";
@@ -783,21 +906,27 @@ TEST_F(DeportTest, DisposeOfATargetWithoutObjectReturns3) {
   EXPECT_TRUE(commands().empty());
 }
 
+// The copy, proven by its name, disks, volume and group id, is destroyed and
+// its disks leave the volume manager's view.
 TEST_F(DeportTest, DisposeWithDeletionRemovesTheSnapshotGroupAndItsDisks) {
-  groupDeports(m_dg);
-  groupPresent(m_dg);  // nothing deports it
+  withCopyRecorded();
+  groupDeports(copyDG());
+  groupPresent(copyDG());  // nothing deports it
+  copyProven(copyDG());
+  copyGroupId("17.9.C");
   for (const auto& disk : m_disks) {
     subpaths(disk);
   }
-  answer("qzdg   destroy " + m_dg, 0, {});
-  qfi_splitnode target{node(), m_node->objid(), nullptr, 1, 0};
+  answer("qzdg   destroy " + copyDG(), 0, {});
+  qfi_splitnode target = copyTarget();
   EXPECT_EQ(0, qzvmfi_fi_pgn_dispose(node(), node(), &target, QFI_DISP_DELETE));
-  Lines expected = run({"qzdg   list " + m_dg, "qzdisk   -g " + m_dg + "  list "});
+  Lines expected = joined(proofRuns(copyDG(), true),
+                          run({"qzdg   list " + copyDG(), "qzdisk   -g " + copyDG() + "  list "}));
   for (const auto& disk : m_disks) {
     expected.push_back(qz("qzdmpadm   getsubpaths  dmpnodename=" + disk.node));
   }
-  expected.push_back(qz("qzdg   list " + m_dg));
-  expected.push_back(qz("qzdg   destroy " + m_dg));
+  expected.push_back(qz("qzdg   list " + copyDG()));
+  expected.push_back(qz("qzdg   destroy " + copyDG()));
   for (const auto& disk : m_disks) {
     expected.push_back(qz("qzdisk   rm " + disk.node));
   }
@@ -806,24 +935,28 @@ TEST_F(DeportTest, DisposeWithDeletionRemovesTheSnapshotGroupAndItsDisks) {
 }
 
 TEST_F(DeportTest, DisposeWhoseGroupCannotBeDestroyedReturns6) {
-  groupDeports(m_dg);
-  groupPresent(m_dg);  // nothing deports it
+  withCopyRecorded();
+  groupDeports(copyDG());
+  groupPresent(copyDG());  // nothing deports it
+  copyProven(copyDG());
+  copyGroupId("17.9.C");
   for (const auto& disk : m_disks) {
     subpaths(disk);
   }
-  answer("qzdg   destroy " + m_dg, 13, out({"QZVM qzdg ERROR Q-5-1-103 in use"}));
-  qfi_splitnode target{node(), m_node->objid(), nullptr, 1, 0};
+  answer("qzdg   destroy " + copyDG(), 13, out({"QZVM qzdg ERROR Q-5-1-103 in use"}));
+  qfi_splitnode target = copyTarget();
   EXPECT_EQ(6, qzvmfi_fi_pgn_dispose(node(), node(), &target, QFI_DISP_DELETE));
-  EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::dispose - unable to dispose object =" + m_path));
+  EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::dispose - unable to dispose object =" + copyPath()));
   EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::dispose - failed"));
-  EXPECT_EQ((Pushed{"MSG_ERROR_UNABLE_TO_DELETE_OBJECT", "../plugin", {"dispose", m_path}}),
+  EXPECT_EQ((Pushed{"MSG_ERROR_UNABLE_TO_DELETE_OBJECT", "../plugin", {"dispose", copyPath()}}),
             pushed().back());
   EXPECT_EQ(3, severities().back());
 }
 
 TEST_F(DeportTest, DisposeAfterAnExceptionTracesItsFailure) {
+  withCopyRecorded();
   toolsThrow([] { throw std::runtime_error("lost"); });
-  qfi_splitnode target{node(), m_node->objid(), nullptr, 1, 0};
+  qfi_splitnode target = copyTarget();
   EXPECT_EQ(6, qzvmfi_fi_pgn_dispose(node(), node(), &target, QFI_DISP_DELETE));
   EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::dispose - failed"));
   ASSERT_EQ(1u, pushed().size());
@@ -837,12 +970,117 @@ TEST_F(DeportTest, DisposeAfterAnExceptionTracesItsFailure) {
 }
 
 TEST_F(DeportTest, DisposeCatchesEveryExceptionKind) {
-  qfi_splitnode target{node(), m_node->objid(), nullptr, 1, 0};
+  withCopyRecorded();
+  qfi_splitnode target = copyTarget();
   forEachExceptionKind([&](const ExceptionKind& kind) {
     toolsThrow(kind.raise);
     EXPECT_EQ(6, qzvmfi_fi_pgn_dispose(node(), node(), &target, QFI_DISP_DELETE));
     EXPECT_EQ(reportedFor(kind, "dispose", "../plugin"), caughtMessages(pushed()));
   });
+}
+
+// ===== the copy proven before dispose changes it =====
+
+// A target that names the source's own group is refused before any tool
+// runs.
+TEST_F(DeportTest, DisposeOfATargetNamingTheSourcesGroupIsRefusedWithoutAnyCommand) {
+  withCopyRecorded();
+  TestNode source(m_path);
+  ASSERT_EQ(0, restoreState(&source.domain, diskRecords() + "fiid_uigid 1234 5678"));
+  groupDeports(m_dg);
+  answer("qzdg   destroy " + m_dg, 0, {});
+  qfi_splitnode target{&source.domain, source.objid(), nullptr, 1, 0};
+  EXPECT_EQ(3, qzvmfi_fi_pgn_dispose(node(), node(), &target, QFI_DISP_DELETE));
+  EXPECT_TRUE(commands().empty());
+  EXPECT_EQ((Pushed{"MSG_ERROR_NOT_THE_COPY",
+                    "engine",
+                    {"dispose", m_dg, "it is the source's own group (" + m_path + ")"}}),
+            lastPushed());
+  EXPECT_TRUE(wasTraced(1, "CQzVMEngine::dispose - the disk group '" + m_dg +
+                               "' is not the copy that this backup made: it is the source's own "
+                               "group (" +
+                               m_path + "). Nothing was changed."));
+  EXPECT_FALSE(wasTraced(1, "CQzVMPlugin::dispose - failed"));
+}
+
+// A group of the copy's name that holds a disk the copy's node did not
+// record is refused before the destroy.
+TEST_F(DeportTest, DisposeOfAGroupWhoseDisksAreNotTheRecordedOnesIsRefusedBeforeTheDestroy) {
+  withCopyRecorded();
+  groupPresent(copyDG());
+  std::vector<qzvmfi_test::TestDisk> other = m_disks;
+  other[2] = {"qzarr" + m_number + "_9", "sdz", m_dg + "d02"};
+  groupDisks(copyDG(), other);
+  copyProven(copyDG());
+  copyGroupId("17.9.C");
+  answer("qzdg   destroy " + copyDG(), 0, {});
+  qfi_splitnode target = copyTarget();
+  EXPECT_EQ(3, qzvmfi_fi_pgn_dispose(node(), node(), &target, QFI_DISP_DELETE));
+  EXPECT_EQ(proofRuns(copyDG()), commands());
+  const std::string disks = m_disks[0].node + " " + m_disks[1].node;
+  EXPECT_EQ((Pushed{"MSG_ERROR_NOT_THE_COPY",
+                    "engine",
+                    {"dispose", copyDG(),
+                     "it holds the disks [" + disks + " " + other[2].node +
+                         "], the record's are [" + disks + " " + m_disks[2].node + "]"}}),
+            lastPushed());
+}
+
+// A group of the copy's name with another group id than the one that the
+// source's record holds is refused before the destroy.
+TEST_F(DeportTest, DisposeOfAGroupWithAnotherGroupIdIsRefusedBeforeTheDestroy) {
+  withCopyRecorded();
+  groupPresent(copyDG());
+  groupDisks(copyDG(), m_disks);
+  copyProven(copyDG());
+  copyGroupId("17.9.X");
+  answer("qzdg   destroy " + copyDG(), 0, {});
+  qfi_splitnode target = copyTarget();
+  EXPECT_EQ(3, qzvmfi_fi_pgn_dispose(node(), node(), &target, QFI_DISP_DELETE));
+  EXPECT_EQ(proofRuns(copyDG(), true), commands());
+  EXPECT_EQ(
+      (Pushed{"MSG_ERROR_NOT_THE_COPY",
+              "engine",
+              {"dispose", copyDG(), "its group id is [17.9.X], the import recorded [17.9.C]"}}),
+      lastPushed());
+}
+
+// The copy's group is gone (a removal stopped after its destroy): the disks
+// that its node recorded leave the view only when none is in a group again;
+// one in another group leaves everything as it is.
+TEST_F(DeportTest, DisposeOfAGoneCopyWhoseRecordedDiskIsInAnotherGroupChangesNothing) {
+  withCopyRecorded();
+  groupAbsent(copyDG());
+  for (const auto& disk : m_disks) {
+    subpaths(disk);
+    answer("qzdisk   rm " + disk.node, 0, {});
+  }
+  const std::string header = "DEVICE  TYPE  DISK  GROUP  STATUS";
+  answer("qzdisk   list ", 0,
+         out({header, m_disks[0].node + "  auto:cdsdisk  -  -  online",
+              m_disks[1].node + "  auto:cdsdisk  p01  prod  online",
+              m_disks[2].node + "  auto:cdsdisk  -  -  online"}));
+  qfi_splitnode target = copyTarget();
+  EXPECT_EQ(3, qzvmfi_fi_pgn_dispose(node(), node(), &target, QFI_DISP_DELETE));
+  EXPECT_EQ(run({"qzdg   list " + copyDG(), "qzdisk   list "}), commands());
+  EXPECT_EQ((Pushed{"MSG_ERROR_NOT_THE_COPY",
+                    "../plugin",
+                    {"dispose", copyDG(),
+                     "its group is gone and the disk " + m_disks[1].node +
+                         " that the copy recorded is in the disk group prod"}}),
+            lastPushed());
+  EXPECT_TRUE(wasTraced(1, "CQzVMPlugin::dispose - the disk " + m_disks[1].node +
+                               " that the copy recorded is in the disk group prod: not the "
+                               "copy's. Nothing was changed."));
+
+  // None in a group: the recorded disks leave the view.
+  CFiExecSeam::clearCommands();
+  answer("qzdisk   list ", 0,
+         out({header, m_disks[0].node + "  auto:cdsdisk  -  -  online",
+              m_disks[1].node + "  auto:cdsdisk  -  -  online"}));
+  EXPECT_EQ(0, qzvmfi_fi_pgn_dispose(node(), node(), &target, QFI_DISP_DELETE));
+  const Lines ran = commands();
+  EXPECT_NE(ran.end(), std::find(ran.begin(), ran.end(), qz("qzdisk   rm " + m_disks[1].node)));
 }
 
 }  // namespace
