@@ -237,6 +237,22 @@ void hostAdd(const Flags& f) {
     for (const char* sub : {"/dev_qz/dsk", "/dev_qz/rdsk", "/dev_qz/dmp", "/dev_qz/rdmp", "/dev_os",
                             "/qzfi_config", "/qzfi_log"})
       makeDirs(dir + sub);
+    if (!newMachineId(root, name))
+      usage("cannot write the machine id of host " + name + ".");
+  });
+}
+
+// The host installed anew: a new machine id, as a reinstalled system gets.
+void hostReinstall(const Flags& f) {
+  if (f.words.size() != 1)
+    usage("Usage: qzsim host reinstall NAME");
+  withDb([&](Db& db, const std::string& root) {
+    std::string name = Sim::loadHost(db, f.words[0]).name;
+    if (!newMachineId(root, name))
+      usage("cannot write the machine id of host " + name + ".");
+    std::string id;
+    readFile(machineIdFile(root, name), &id);
+    std::cout << name << " machine-id " << trim(id) << "\n";
   });
 }
 
@@ -656,6 +672,7 @@ const char* kHelp = R"(qzsim - QzVM simulator
   qzsim init                                   create the simulation at $QZSIM_ROOT
   qzsim host add NAME [--no-dmp] [--no-vset] [--no-cds] [--not-installed] [--version V]
   qzsim host list
+  qzsim host reinstall NAME                    a new machine id for NAME, as a reinstalled host
   qzsim host NAME -- COMMAND [ARGS...]         run COMMAND as host NAME in a private sandbox
   qzsim disk add [--size LEN] [--count N] [--hosts A,B] [--paths N] [--enclosure E]
   qzsim disk attach|detach DISK --host H [--paths N]
@@ -696,7 +713,7 @@ int adminMain(const std::vector<std::string>& args, const std::string& binary) {
     std::string cmd = args.size() > 1 ? args[1] : "--help";
     std::string sub = args.size() > 2 ? args[2] : "";
     // The command a host runs keeps its own options, whatever they look like.
-    if (cmd == "host" && sub != "add" && sub != "list")
+    if (cmd == "host" && sub != "add" && sub != "list" && sub != "reinstall")
       return hostRun(args, binary);
     Flags f = parseFlags(args, 3);
     if (cmd == "--help" || cmd == "help" || cmd == "-h")
@@ -707,6 +724,8 @@ int adminMain(const std::vector<std::string>& args, const std::string& binary) {
       return hostAdd(f), 0;
     if (cmd == "host" && sub == "list")
       return hostList(), 0;
+    if (cmd == "host" && sub == "reinstall")
+      return hostReinstall(f), 0;
     if (cmd == "disk" && sub == "add")
       return diskAdd(f), 0;
     if (cmd == "disk" && (sub == "attach" || sub == "detach"))

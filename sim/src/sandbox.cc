@@ -145,9 +145,10 @@ bool writeProc(const std::string& path, const std::string& text) {
 bool enterUserNamespace(std::string* error) {
   uid_t uid = getuid();
   gid_t gid = getgid();
-  if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
-    return sysFail(
-        error, "unshare(user+mount namespace): run as root or allow unprivileged user namespaces");
+  if (unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWUTS) != 0)
+    return sysFail(error,
+                   "unshare(user+mount+UTS namespace): run as root or allow unprivileged user "
+                   "namespaces");
   writeProc("/proc/self/setgroups", "deny");
   if (!writeProc("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
       !writeProc("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1"))
@@ -232,6 +233,32 @@ bool bindHostFolder(const std::string& from, const std::string& to, std::string*
   if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0)
     return sysFail(error, "bind " + to);
   ns().hostMounts.push_back(to);
+  return true;
+}
+
+// The host's own machine id at /etc/machine-id: a bind mount of its file
+// over the machine's, or, where the machine has none, a read-only overlay
+// of /etc that adds it.
+bool mountMachineId(const std::string& root, const std::string& host, std::string* error) {
+  if (!ensureMachineId(root, host))
+    return sysFail(error, "writing the machine id of host " + host);
+  const std::string file = machineIdFile(root, host);
+  if (access("/etc/machine-id", F_OK) == 0) {
+    if (mount(file.c_str(), "/etc/machine-id", nullptr, MS_BIND, nullptr) != 0)
+      return sysFail(error, "bind /etc/machine-id");
+    ns().hostMounts.push_back("/etc/machine-id");
+    return true;
+  }
+  Scratch scratch;
+  if (!scratch.open(error))
+    return false;
+  makeDirs(scratch.dir + "/etclayer");
+  std::string id;
+  if (!readFile(file, &id) || !writeFile(scratch.dir + "/etclayer/machine-id", id, 0444))
+    return sysFail(error, "copy " + file);
+  if (!overlay("/etc", scratch.dir + "/etclayer", scratch.dir, error))
+    return false;
+  ns().hostMounts.push_back("/etc");
   return true;
 }
 
@@ -335,8 +362,8 @@ bool enterNamespace(std::string* error) {
   if (getuid() != 0) {
     if (!enterUserNamespace(error))
       return false;
-  } else if (unshare(CLONE_NEWNS) != 0) {
-    return sysFail(error, "unshare(mount namespace)");
+  } else if (unshare(CLONE_NEWNS | CLONE_NEWUTS) != 0) {
+    return sysFail(error, "unshare(mount+UTS namespace)");
   }
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
     return sysFail(error, "make mounts private");
@@ -374,6 +401,11 @@ bool actAsHost(const std::string& root, const std::string& host, std::string* er
     return false;
   }
   std::string dir = hostDir(root, host);
+  // The host's own name and machine id.
+  if (sethostname(host.c_str(), host.size()) != 0)
+    return sysFail(error, "sethostname " + host);
+  if (!mountMachineId(root, host, error))
+    return false;
   if (!mountTools(h, binary, error) || !bindHostFolder(devQzDir(root, host), "/dev/qz", error) ||
       !bindHostFolder(devOsDir(root, host), kSandboxOsDir, error) ||
       !startSysBlock(root, host, binary, error))

@@ -126,6 +126,25 @@ std::string devQzDir(const std::string& root, const std::string& host) {
 std::string devOsDir(const std::string& root, const std::string& host) {
   return hostDir(root, host) + "/dev_os";
 }
+std::string machineIdFile(const std::string& root, const std::string& host) {
+  return hostDir(root, host) + "/machine-id";
+}
+bool newMachineId(const std::string& root, const std::string& host) {
+  unsigned char bytes[16] = {};
+  std::ifstream random("/dev/urandom", std::ios::binary);
+  if (!random.read(reinterpret_cast<char*>(bytes), sizeof bytes))
+    return false;
+  static const char kHex[] = "0123456789abcdef";
+  std::string id;
+  for (unsigned char b : bytes) {
+    id += kHex[b >> 4];
+    id += kHex[b & 15];
+  }
+  return writeFile(machineIdFile(root, host), id + "\n");
+}
+bool ensureMachineId(const std::string& root, const std::string& host) {
+  return access(machineIdFile(root, host).c_str(), F_OK) == 0 || newMachineId(root, host);
+}
 
 Sim::Sim(Db& d, const std::string& r, const std::string& h) : db(d), root(r) {
   host = loadHost(db, h);

@@ -170,6 +170,15 @@ class Sim {
 // Per-host folders below the simulation root.
 std::string devQzDir(const std::string& root, const std::string& host);  // shown as /dev/qz
 std::string devOsDir(const std::string& root, const std::string& host);  // OS disk nodes
+// The host's machine id (32 lowercase hex digits and a newline), shown as
+// /etc/machine-id in its sandbox.
+std::string machineIdFile(const std::string& root, const std::string& host);
+// Writes a new random machine id for the host, as an installation does;
+// false when it cannot.
+bool newMachineId(const std::string& root, const std::string& host);
+// Makes the host's machine id when it has none yet (a host added before
+// hosts had one); false when it cannot.
+bool ensureMachineId(const std::string& root, const std::string& host);
 // Where a sandbox shows the current host's OS disk nodes; /dev/sdX there are
 // links into it.
 constexpr const char* kSandboxOsDir = "/dev/.qzsim-os";

@@ -127,6 +127,40 @@ TEST_F(SandboxTest, TheHostsCommandKeepsItsOptions) {
   EXPECT_EQ(r.out, "--record --raw\n");
 }
 
+// Each host has its own name and machine id, the same from run to run; a
+// reinstalled host has a new machine id and keeps its name.
+TEST_F(SandboxTest, EachHostHasItsOwnNameAndMachineId) {
+  auto identity = [&](const std::string& host) {
+    CommandResult r = inHost(host, "hostname && cat /etc/machine-id");
+    EXPECT_EQ(r.status, 0) << r.err;
+    return r.out;
+  };
+  std::string machine;
+  readFile("/etc/machine-id", &machine);
+  const std::string a = identity("A"), b = identity("B");
+  ASSERT_EQ(a.size(), 2 + 33u) << a;
+  EXPECT_EQ(a.substr(0, 2), "A\n");
+  EXPECT_EQ(b.substr(0, 2), "B\n");
+  const std::string id = a.substr(2, 32);
+  EXPECT_EQ(id.find_first_not_of("0123456789abcdef"), std::string::npos) << id;
+  EXPECT_NE(a.substr(2), b.substr(2));
+  EXPECT_NE(a.substr(2), machine);
+  EXPECT_EQ(identity("A"), a);
+  EXPECT_EQ(identity("B"), b);
+  char name[256] = {};
+  gethostname(name, sizeof name - 1);
+  EXPECT_NE(std::string(name), "A");
+
+  CommandResult re = admin({"host", "reinstall", "A"});
+  ASSERT_EQ(re.status, 0) << re.err;
+  const std::string again = identity("A");
+  EXPECT_EQ(again.substr(0, 2), "A\n");
+  EXPECT_NE(again, a);
+  EXPECT_EQ(re.out, "A machine-id " + again.substr(2));
+  EXPECT_EQ(identity("B"), b);
+  EXPECT_NE(admin({"host", "reinstall", "Q"}).status, 0);
+}
+
 TEST_F(SandboxTest, UnknownHostIsAClearError) {
   CommandResult r = inHost("Q", "true");
   EXPECT_NE(r.status, 0);
