@@ -356,5 +356,67 @@ TEST_F(SupportOpsTest, DeportDGAndRemoveDisksKeepsTheDisksWhenAsked) {
   EXPECT_EQ(commands().back(), cmd("qzdg   deport dg1"));
 }
 
+// ===== a group listing that fails otherwise than "not found" =====
+// The group is then taken for present: the deport, destroy or listing that
+// follows runs for real, and its failure is the caller's.
+
+TEST_F(SupportOpsTest, DeportOfAGroupWhoseListingFailsOtherwiseRunsTheDeport) {
+  answer(cmd("qzdg   list dg1"), 20,
+         out({"QZVM qzdg ERROR Q-5-1-99 lost the configuration daemon"}));
+  answer(cmd("qzdg   deport dg1"), 20);
+  EXPECT_TRUE(m_support->deportDG("dg1", true));
+  EXPECT_EQ(commands(), (Lines{cmd("qzdg   list dg1"), cmd("qzdg   deport dg1")}));
+  EXPECT_FALSE(wasTraced(3, "dg 'dg1' is already deported."));
+}
+
+TEST_F(SupportOpsTest, DestroyWithCheckOfAGroupWhoseListingFailsOtherwiseRunsTheDestroy) {
+  answer(cmd("qzdg   list dg1"), 20,
+         out({"QZVM qzdg ERROR Q-5-1-99 lost the configuration daemon"}));
+  answer(cmd("qzdg   destroy dg1"), 20);
+  EXPECT_EQ(m_support->destroyDG("dg1", true), 20);
+  EXPECT_EQ(commands(), (Lines{cmd("qzdg   list dg1"), cmd("qzdg   destroy dg1")}));
+  EXPECT_FALSE(wasTraced(3, "dg 'dg1' is already destroyed."));
+}
+
+TEST_F(SupportOpsTest, DeportDGAndRemoveDisksOfAGroupWhoseListingFailsOtherwiseFails) {
+  answer(cmd("qzdg   list dg1"), 20,
+         out({"QZVM qzdg ERROR Q-5-1-99 lost the configuration daemon"}));
+  answer(cmd("qzdisk   -g dg1  list "), 20);
+  EXPECT_EQ(m_support->deportDGAndRemoveDisks("/dev/qz/dsk/dg1/vol1", true, false), 6);
+  EXPECT_EQ(commands(), (Lines{cmd("qzdg   list dg1"), cmd("qzdisk   -g dg1  list ")}));
+  EXPECT_FALSE(wasTraced(3, "dg 'dg1' is already deported."));
+}
+
+TEST_F(SupportOpsTest, DeportDGAndRemoveDisksOfAGroupWhoseListingFailsOtherwiseDeportsIt) {
+  answer(cmd("qzdg   list dg1"), 20,
+         out({"QZVM qzdg ERROR Q-5-1-99 lost the configuration daemon"}));
+  answer(cmd("qzdisk   -g dg1  list "), 0, kDgDisks);
+  answer(cmd("qzdg   deport dg1"), 0);
+  answer(cmd("qzdisk   rm qzarr0_1"), 0);
+  answer(cmd("qzdisk   rm qzarr0_2"), 0);
+  EXPECT_EQ(m_support->deportDGAndRemoveDisks("/dev/qz/dsk/dg1/vol1", true, false), 0);
+  EXPECT_EQ(commands(),
+            (Lines{cmd("qzdg   list dg1"), cmd("qzdisk   -g dg1  list "), cmd("qzdg   deport dg1"),
+                   cmd("qzdisk   rm qzarr0_1"), cmd("qzdisk   rm qzarr0_2")}));
+}
+
+// A deport killed after its "qzdg deport" leaves the group's disks in the
+// view, listed under the deported group's name in brackets: run again, the
+// deport finds the group gone and removes those disks, and no other.
+TEST_F(SupportOpsTest, DeportDGAndRemoveDisksOfAnAbsentGroupRemovesTheDisksItLeft) {
+  answer(cmd("qzdg   list dg1"), 11);
+  answer(cmd("qzdisk   list "), 0,
+         out({"DEVICE       TYPE            DISK         GROUP        STATUS",
+              "qzarr0_1     auto:cdsdisk    -            (dg1)        online",
+              "qzarr0_2     auto:cdsdisk    -            (dg1)        online",
+              "qzarr0_3     auto:cdsdisk    -            (dg10)       online",
+              "qzarr0_4     auto:cdsdisk    disk01       dg2          online"}));
+  answer(cmd("qzdisk   rm qzarr0_1"), 0);
+  answer(cmd("qzdisk   rm qzarr0_2"), 0);
+  EXPECT_EQ(m_support->deportDGAndRemoveDisks("/dev/qz/dsk/dg1/vol1", true, false), 0);
+  EXPECT_EQ(commands(), (Lines{cmd("qzdg   list dg1"), cmd("qzdisk   list "),
+                               cmd("qzdisk   rm qzarr0_1"), cmd("qzdisk   rm qzarr0_2")}));
+}
+
 }  // namespace
 }  // namespace qzvmfi_support_test

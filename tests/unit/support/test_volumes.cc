@@ -276,5 +276,26 @@ TEST_F(SupportOpsTest, RemoveSnapshotDestroysRemovesAndDeletesDevices) {
   EXPECT_EQ(readFile(m_folder + "/sys/block/qzarr0_2/device/delete"), "1");
 }
 
+// A group listing that fails otherwise than "not found" takes the group for
+// present: its disks are listed for real, and their failure is the removal's.
+TEST_F(SupportOpsTest, RemoveSnapshotOfAGroupWhoseListingFailsOtherwiseFails) {
+  answer(cmd("qzdg   list dg1"), 20,
+         out({"QZVM qzdg ERROR Q-5-1-99 lost the configuration daemon"}));
+  answer(cmd("qzdisk   -g dg1  list "), 20);
+  EXPECT_EQ(m_support->removeSnapshot("/dev/qz/dsk/dg1/vol1", true), 6);
+  EXPECT_EQ(commands(), (Lines{cmd("qzdg   list dg1"), cmd("qzdisk   -g dg1  list ")}));
+  EXPECT_FALSE(wasTraced(3, " snapshot dg 'dg1' is already removed."));
+}
+
+TEST_F(SupportOpsTest, RemoveSnapshotOfAGroupWhoseListingFailsOtherwiseDestroysIt) {
+  answer(cmd("qzdg   list dg1"), 20,
+         out({"QZVM qzdg ERROR Q-5-1-99 lost the configuration daemon"}));
+  answer(cmd("qzdisk   -g dg1  list "), 0, kDgDisks);
+  answer(cmd("qzdg   destroy dg1"), 20);
+  EXPECT_EQ(m_support->removeSnapshot("/dev/qz/dsk/dg1/vol1", true), 6);
+  EXPECT_EQ(runsOf(cmd("qzdg   destroy dg1")), 1u);
+  EXPECT_EQ(runsOf(cmd("qzdisk   rm qzarr0_1")), 0u);
+}
+
 }  // namespace
 }  // namespace qzvmfi_support_test
