@@ -4,6 +4,7 @@
 // made again.
 #include "engine.h"
 
+#include <ctype.h>
 #include <stdio.h>
 
 #include <algorithm>
@@ -70,16 +71,26 @@ void refusePair(const qzfi_pdk_4_4::CFiTraceLogPtr& log, const char* operation,
 
 namespace {
 
+// A name that an import without a deported object's name makes up for the
+// copy: "tpu_fi", six letters or digits, "_" and a number.
+bool isGeneratedName(const std::string& name) {
+  const std::string base = baseOfNewName(name);
+  return base != name && base.size() == 12 && base.compare(0, 6, "tpu_fi") == 0 &&
+         std::all_of(base.begin() + 6, base.end(), [](char c) { return isalnum(c) != 0; });
+}
+
 // A private region that an earlier attempt of this build wrote: an id that
 // is no primary's, and no group or a group that the attempt made under a
-// new name of the recorded group (left deported when the attempt failed).
+// new name of the recorded group, or a made-up one (left deported when the
+// attempt failed).
 bool leftByEarlierAttempt(const vol_pvt_info& onDisk, const std::string& carried,
                           const Names& recordedIds, const std::string& sourceDG) {
   if (carried.empty() || !isUniqueInVector(recordedIds, carried)) {
     return false;
   }
   return onDisk.vpi_dgid.empty() ||
-         (onDisk.vpi_dgname != sourceDG && baseOfNewName(onDisk.vpi_dgname) == sourceDG);
+         (onDisk.vpi_dgname != sourceDG &&
+          (baseOfNewName(onDisk.vpi_dgname) == sourceDG || isGeneratedName(onDisk.vpi_dgname)));
 }
 
 // Whether the update sequence number a ("major.minor", each a count) comes

@@ -221,22 +221,20 @@ class EngineTest : public PluginEnv {
   // The split disks carry dg1_1, imported and holding vol1, as this record
   // left it: a build's group (new disk ids and group id) or, intact, the
   // recorded group imported under the new name (its own ids).
-  void groupAlreadyThere(bool intact = false) {
-    const std::string dgid = intact ? "100.dg1" : "200.dg1_1";
-    on("qzdisk   list sdx", 0,
-       diskListing("sdx", "d01", "dg1_1", dgid, "auto", intact ? "1" : "21.B"));
-    on("qzdisk   list sdy", 0,
-       diskListing("sdy", "d02", "dg1_1", dgid, "auto", intact ? "1" : "22.B"));
-    on("qzdg   list dg1_1", 0);
-    on("qzdg   list ", 0, out({"NAME STATE ID", "dg1_1 enabled " + dgid}));
-    const Lines members = out({"DEVICE TYPE DISK GROUP STATUS", "sdx auto d01 dg1_1 online",
-                               "sdy auto d02 dg1_1 online"});
-    on("qzdisk   -g dg1_1  list ", 0, members);
-    on("qzprint   -g dg1_1  -v ", 0, out({"TY NAME ASSOC", "v vol1 fsgen"}));
+  void groupAlreadyThere(bool intact = false, const std::string& dg = "dg1_1") {
+    const std::string dgid = intact ? "100.dg1" : "200." + dg;
+    on("qzdisk   list sdx", 0, diskListing("sdx", "d01", dg, dgid, "auto", intact ? "1" : "21.B"));
+    on("qzdisk   list sdy", 0, diskListing("sdy", "d02", dg, dgid, "auto", intact ? "1" : "22.B"));
+    on("qzdg   list " + dg, 0);
+    on("qzdg   list ", 0, out({"NAME STATE ID", dg + " enabled " + dgid}));
+    const Lines members = out({"DEVICE TYPE DISK GROUP STATUS", "sdx auto d01 " + dg + " online",
+                               "sdy auto d02 " + dg + " online"});
+    on("qzdisk   -g " + dg + "  list ", 0, members);
+    on("qzprint   -g " + dg + "  -v ", 0, out({"TY NAME ASSOC", "v vol1 fsgen"}));
     // What the evidence reads of the group: its disks and their disk-media
     // names, and its volumes.
-    on("qzdisk   -g dg1_1 list ", 0, members);
-    on("qzprint   -g dg1_1", 0, out({"TY NAME ASSOC KSTATE", "v  vol1 fsgen ENABLED"}));
+    on("qzdisk   -g " + dg + " list ", 0, members);
+    on("qzprint   -g " + dg, 0, out({"TY NAME ASSOC KSTATE", "v  vol1 fsgen ENABLED"}));
   }
 
   // The split disks carry "prod", a group of another name imported here, on
@@ -687,6 +685,23 @@ TEST_F(EngineTest, BuildAltTreeOnAGroupAlreadyThereOnlyStartsTheVolume) {
   EXPECT_FALSE(ranPrefix("qzdg   init"));
   ASSERT_NE(nullptr, m_ids.back());
   EXPECT_STREQ("/dev/qz/dsk/dg1_1/vol1", m_ids.back()->name);
+}
+
+// An import without a deported object's name builds under a made-up name
+// ("tpu_fi", six letters or digits, "_" and a number): run again, it takes
+// that copy as its own.
+TEST_F(EngineTest, BuildAltTreeTakesAGroupAlreadyThereUnderAMadeUpName) {
+  splitDisksSeen();
+  groupAlreadyThere(false, "tpu_fiAbC123_4242");
+  volumeStarts("tpu_fiAbC123_4242", "vol1");
+  on("qzdisk   -s  -g tpu_fiAbC123_4242 list ", 0, out({"dgid: 200.tpu_fiAbC123_4242"}));
+  CQzVMData data(nullptr, false);
+  recordSource(data);
+  EXPECT_EQ(0, build(data, "/dev/qz/dsk/dg1/vol1"));
+  EXPECT_TRUE(ran("qzvol   -g tpu_fiAbC123_4242 start vol1"));
+  EXPECT_FALSE(ranPrefix("qzdisk   -f  init"));
+  ASSERT_NE(nullptr, m_ids.back());
+  EXPECT_STREQ("/dev/qz/dsk/tpu_fiAbC123_4242/vol1", m_ids.back()->name);
 }
 
 TEST_F(EngineTest, BuildAltTreeOnAGroupAlreadyThereThatWillNotStartCleansUp) {

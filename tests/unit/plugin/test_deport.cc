@@ -849,11 +849,14 @@ TEST_F(DeportTest, OnlineWith2StopsWhatTheNodeListsWhateverTheDisposition) {
   EXPECT_TRUE(enteredScope("offlineResource"));
 }
 
-// Stopping the volume of an alternate node that names the source's own group
-// is refused by the name alone, before any tool runs.
+// Stopping the volume of a copy's node (it records the copy's disks) that
+// names the source's own group is refused by the name alone, before any
+// tool runs.
 TEST_F(DeportTest, OnlineWith2OnTheSourcesGroupIsRefused) {
   withoutDisks();
   TestNode source(m_path);
+  ASSERT_EQ(0, restoreState(&source.domain, diskRecords() + "fiid_uigid 1234 5678"));
+  CFiExecSeam::clearCommands();
   volumeExists(m_dg, "vol1");
   answer("qzvol   -g " + m_dg + " stop vol1", 0, {});
   EXPECT_EQ(3, qzvmfi_fi_pgn_online(node(), &source.domain, 2, QFI_DISP_DELETE));
