@@ -26,8 +26,21 @@ CNode::~CNode() {
   if (m_plugin.call().deInitNode != nullptr) {
     m_plugin.call().deInitNode(&m_domain);
   }
+  releaseReplacedAccess();
   qzfi_free_objid(m_access.objid);
   qzfi_free_objid(m_domain.objid);
+}
+
+qfi_domain* CNode::domain() {
+  releaseReplacedAccess();
+  return &m_domain;
+}
+
+void CNode::releaseReplacedAccess() {
+  if (m_heldAccess != m_access.objid) {
+    qzfi_free_objid(m_heldAccess);
+    m_heldAccess = m_access.objid;
+  }
 }
 
 std::string CNode::accessObject() const {

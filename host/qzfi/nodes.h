@@ -34,7 +34,10 @@ class CNode {
   CNode(const CNode&) = delete;
   CNode& operator=(const CNode&) = delete;
 
-  qfi_domain* domain() { return &m_domain; }
+  // The node handed to the plug-in. An id that the plug-in stored in the
+  // access record is this host's: when a later call replaced it (a node
+  // kept across operations deported again), the earlier one is freed here.
+  qfi_domain* domain();
   qzfi_objid* objid() { return m_domain.objid; }
   const std::string& object() const { return m_object; }
   // The object id the plug-in stored in the node's access record
@@ -53,6 +56,9 @@ class CNode {
   std::string m_object;
   qfi_access m_access{};
   qfi_domain m_domain{};
+  // The id found in the access record when the node was last handed over.
+  qzfi_objid* m_heldAccess = nullptr;
+  void releaseReplacedAccess();
 };
 
 // A null-terminated array of object ids made from paths, as the framework

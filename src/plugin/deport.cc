@@ -55,9 +55,8 @@ int CQzVMPlugin::deportTree(qfi_domain* node, qfi_domain* altNode, qfi_accessnod
       return noObjectToDeport(3);
     }
     // A node kept across operations is deported again (its copy moved on,
-    // then moved again): the id of the earlier deport is replaced, and goes
-    // back to the framework's allocator rather than being lost.
-    qzfi_free_objid(node->access->objid);
+    // then moved again): the id of the earlier deport is replaced. It is the
+    // framework's, which may still hold it, and the framework frees it.
     node->access->objid = qzfi_get_objid(path.c_str(), static_cast<int>(path.size() + 1), 3);
     if (node->access->objid == nullptr) {
       QZ_TRACE(m_traceLog, 1, "CQzVMPlugin::deportTree - Bad allocation for objid.");
