@@ -155,7 +155,8 @@ int CFlows::importCopy() {
     record.earlierCopies.push_back(record.alternate);
   }
   record.hasAlternate = true;
-  record.alternate = {copy, m_options.secondary, copyState};
+  // The host that imported the copy holds it: move and release run there.
+  record.alternate = {copy, m_options.secondary, copyState, thisHost()};
   record.state = nodeState;
   record.step = RecordStep::imported;
   saveRecord(record, how + copy + " on " + joined(m_options.secondary) + "; " + owner, false);

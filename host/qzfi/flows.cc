@@ -277,12 +277,79 @@ CSnapshotRecord CFlows::loadRecord(const std::vector<RecordStep>& allowed) {
     throw Failure{kExitRecord, refusal(record, allowed, m_options.command) + " (record " +
                                    m_options.record + "); nothing was changed"};
   }
+  checkHost(record);
   CSnapshotRecord::checkWritable(file, false);
   return record;
 }
 
+void CFlows::checkHost(CSnapshotRecord& record) {
+  m_host = thisHost();
+  HostIdentity* expected = nullptr;
+  std::string role;
+  switch (m_options.command) {
+    case Command::deport:
+    case Command::access:
+      expected = &record.sourceHost;
+      role = "the source's host (where prepare ran)";
+      break;
+    case Command::move:
+    case Command::release:
+      expected = &record.alternate.host;
+      role = "the host that holds the copy (where import ran)";
+      break;
+    default:
+      return;
+  }
+  // A record written before hosts were recorded: this command names its host.
+  if (!expected->known()) {
+    *expected = m_host;
+    return;
+  }
+  if (sameHost(*expected, m_host)) {
+    return;
+  }
+  const std::string& was = m_options.thisHostWas;
+  const std::string recordName = " (record " + m_options.record + ")";
+  const std::string nothing = "; nothing was changed" + recordName;
+  if (!was.empty()) {
+    if (was != expected->name && was != expected->machineId) {
+      throw Failure{kExitRecord, "--this-host-was " + was +
+                                     " names neither the host name nor the machine id of " + role +
+                                     ", " + hostText(*expected) + "; this is host " +
+                                     hostText(m_host) + nothing};
+    }
+    m_takenOn = "this host " + hostText(m_host) + " taken on as " + hostText(*expected) +
+                " (--this-host-was " + was + ")";
+    *expected = m_host;
+    return;
+  }
+  const std::string command = m_options.commandName;
+  const std::string takeOn = "--this-host-was " + expected->name;
+  if (expected->name == m_host.name && expected->machineId != m_host.machineId) {
+    throw Failure{kExitRecord,
+                  command + " runs on " + role + ", " + hostText(*expected) +
+                      "; this host has the same name but the machine id " + m_host.machineId +
+                      ": if it is that host installed anew, take it on with " + takeOn +
+                      "; else run " + command + " on " + expected->name + nothing};
+  }
+  if (expected->machineId == m_host.machineId) {
+    throw Failure{kExitRecord, command + " runs on " + role + ", " + hostText(*expected) +
+                                   "; this host has its machine id but the name " + m_host.name +
+                                   ": if it was renamed, take it on with " + takeOn + nothing};
+  }
+  throw Failure{kExitRecord, command + " runs on " + role + ", " + hostText(*expected) +
+                                 ", not on this host " + hostText(m_host) + ": run it on " +
+                                 expected->name +
+                                 "; if this host is that one with a new identity (installed "
+                                 "anew or renamed), take it on with " +
+                                 takeOn + nothing};
+}
+
 void CFlows::saveRecord(CSnapshotRecord& record, const std::string& event, bool exclusive) {
-  record.note(m_options.commandName, event);
+  if (!m_host.known()) {
+    m_host = thisHost();
+  }
+  record.note(m_options.commandName, m_takenOn.empty() ? event : m_takenOn + "; " + event, m_host);
   // The real file is replaced, never a symbolic link to it.
   record.save(m_recordLock.held() ? m_recordLock.file() : realRecordFile(m_options.record),
               exclusive, &m_recordLock);

@@ -98,6 +98,11 @@ class CFlows {
   // through an agent, the command's nodes are then kept
   // with the states written (dropped once the copy is released).
   void saveRecord(CSnapshotRecord& record, const std::string& event, bool exclusive);
+  // The host check of the door: deport and access run on the source's host,
+  // move and release on the host that holds the copy. Exit code 3 on
+  // another host, both named; a record without the host has it filled with
+  // this one, and --this-host-was takes this host on as the one recorded.
+  void checkHost(CSnapshotRecord& record);
 
   // source_flows.cc
   int claim();
@@ -127,6 +132,8 @@ class CFlows {
   // nodes and plug-in are gone.
   CRecordLock m_recordLock;
   CAgentState* m_agent;
+  HostIdentity m_host;    // this host, read when the record is loaded
+  std::string m_takenOn;  // what --this-host-was changed in the record, for its event
   std::unique_ptr<CPluginLibrary> m_ownPlugin;  // run alone: the plug-in of this command
   CPluginLibrary* m_plugin = nullptr;
   // The command's nodes; they go before the plug-in they belong to.

@@ -172,6 +172,10 @@ void parseCommand(Options& options, ArgumentReader& args) {
       options.group = checkedObjectName("disk group", args.value(option));
     } else if (option == "--volume" && options.command == Command::format) {
       options.volume = checkedObjectName("volume", args.value(option));
+    } else if (option == "--this-host-was" &&
+               (options.command == Command::deport || options.command == Command::access ||
+                options.command == Command::move || options.command == Command::release)) {
+      options.thisHostWas = checkedName("host", args.value(option));
     } else if (option == "--socket" && options.command == Command::serve) {
       options.socket = args.value(option);
     } else if (option == "--persistent" &&
@@ -333,12 +337,25 @@ Options:
                       QZFI_AGENT_SOCKET set, every command goes to its agent
 These options go before or after the command.
 
+Hosts:
+  The record names the host of each step by its machine id (/etc/machine-id)
+  and host name. deport and access run on the source's host (where prepare
+  ran), move and release on the host that holds the copy (where import ran);
+  import runs wherever the copy's disks are. On another host the command is
+  refused (exit 3) and nothing is run.
+  --this-host-was HOST
+                      deport, access, move, release: this host is the one
+                      the record names as HOST (its host name or machine
+                      id), with a new identity (reinstalled or renamed); the
+                      record then names this host instead
+
 Exit codes:
   0  done; claim: the plug-in claims the path
   1  claim: the plug-in does not claim the path
   2  the command line is wrong
   3  the record cannot be used for this command (missing, unreadable, from
-     another step, or not matching the command line); nothing was changed
+     another step, not matching the command line, or of another host);
+     nothing was changed
   4  the plug-in cannot be found or loaded, or lacks an entry point
   5  the plug-in did not start (its init failed)
   6  a plug-in operation failed; its messages are printed

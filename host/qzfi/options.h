@@ -57,6 +57,10 @@ struct Options {
   std::vector<std::string> disks;      // format, online, unformat
   bool persistent = false;             // online, unformat: the disks stay visible to this host
   std::string socket;                  // serve: --socket PATH
+  // deport, access, move, release: --this-host-was HOST: this host is the
+  // one the record names as HOST (its name or machine id), with a new
+  // identity (reinstalled or renamed).
+  std::string thisHostWas;
 };
 
 // A command line qzfi refuses; what() says why, for the user.

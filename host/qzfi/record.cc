@@ -220,11 +220,29 @@ void checkNotTheSource(const CSnapshotRecord& record, const std::string& copy,
   }
 }
 
+Json hostJson(const HostIdentity& host) {
+  return {{"name", host.name}, {"machine_id", host.machineId}};
+}
+
+// The host in field name of json; unknown when there is none.
+HostIdentity hostOf(const Json& json, const char* name) {
+  HostIdentity host;
+  if (json.contains(name)) {
+    const Json& value = member(json, name);
+    host.name = text(value, "name");
+    host.machineId = text(value, "machine_id");
+  }
+  return host;
+}
+
 Json copyJson(const AlternateCopy& copy) {
   Json json;
   json["object"] = copy.object;
   json["secondary"] = copy.secondary;
   json["provider_state"] = providerStateJson(copy.state);
+  if (copy.host.known()) {
+    json["host"] = hostJson(copy.host);
+  }
   return json;
 }
 
@@ -233,6 +251,7 @@ AlternateCopy copyOf(const Json& json) {
   copy.object = text(json, "object");
   copy.secondary = texts(json, "secondary");
   copy.state = providerStateOf(member(json, "provider_state"));
+  copy.host = hostOf(json, "host");
   return copy;
 }
 
@@ -334,6 +353,9 @@ Json CSnapshotRecord::toJson() const {
     json["deported_object"] = deportedObject;
   }
   json["source_access"] = sourceAccess ? "on" : "off";
+  if (sourceHost.known()) {
+    json["source_host"] = hostJson(sourceHost);
+  }
   if (hasAlternate) {
     json["alternate"] = copyJson(alternate);
   }
@@ -346,7 +368,11 @@ Json CSnapshotRecord::toJson() const {
   }
   Json history = Json::array();
   for (const RecordEvent& event : events) {
-    history.push_back({{"command", event.command}, {"time", event.time}, {"detail", event.detail}});
+    Json item = {{"command", event.command}, {"time", event.time}, {"detail", event.detail}};
+    if (event.host.known()) {
+      item["host"] = hostJson(event.host);
+    }
+    history.push_back(item);
   }
   json["events"] = history;
   return json;
@@ -384,6 +410,7 @@ CSnapshotRecord CSnapshotRecord::fromJson(const Json& json) {
     throw RecordError("the field \"source_access\" is neither \"on\" nor \"off\"");
   }
   record.sourceAccess = access == "on";
+  record.sourceHost = hostOf(json, "source_host");
   if (json.contains("alternate")) {
     record.hasAlternate = true;
     record.alternate = copyOf(member(json, "alternate"));
@@ -404,8 +431,8 @@ CSnapshotRecord CSnapshotRecord::fromJson(const Json& json) {
     throw RecordError("the field \"events\" is not a list");
   }
   for (const Json& event : history) {
-    record.events.push_back(
-        {text(event, "command"), text(event, "time"), optionalText(event, "detail")});
+    record.events.push_back({text(event, "command"), text(event, "time"),
+                             optionalText(event, "detail"), hostOf(event, "host")});
   }
   if (record.hasAlternate) {
     checkNotTheSource(record, record.alternate.object, "alternate.object");
@@ -679,8 +706,35 @@ void CRecordLock::removeTemporaries() {
   }
 }
 
-void CSnapshotRecord::note(const std::string& command, const std::string& detail) {
-  events.push_back({command, utcNow(), detail});
+void CSnapshotRecord::note(const std::string& command, const std::string& detail,
+                           const HostIdentity& host) {
+  events.push_back({command, utcNow(), detail, host});
+}
+
+bool sameHost(const HostIdentity& a, const HostIdentity& b) {
+  return a.machineId == b.machineId && a.name == b.name;
+}
+
+std::string hostText(const HostIdentity& host) {
+  return (host.name.empty() ? std::string("(no host name)") : host.name) + " (machine id " +
+         (host.machineId.empty() ? std::string("unknown") : host.machineId) + ")";
+}
+
+HostIdentity thisHost() {
+  HostIdentity host;
+  std::ifstream file("/etc/machine-id");
+  std::string id;
+  if (file && std::getline(file, id)) {
+    while (!id.empty() && (id.back() == '\r' || id.back() == ' ' || id.back() == '\t')) {
+      id.pop_back();
+    }
+    host.machineId = id;
+  }
+  char name[HOST_NAME_MAX + 1] = {};
+  if (gethostname(name, sizeof name - 1) == 0) {
+    host.name = name;
+  }
+  return host;
 }
 
 std::string folderOf(const std::string& file) {

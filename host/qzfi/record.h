@@ -23,11 +23,30 @@ enum class RecordStep { prepared, deported, imported, moved, released };
 
 const char* stepName(RecordStep step);
 
+// A host as the record knows it: its machine id (/etc/machine-id), which
+// stays when the host is renamed and changes when it is installed anew, and
+// its host name beside it for people. Unknown (both empty) in a record
+// written before hosts were recorded.
+struct HostIdentity {
+  std::string name;
+  std::string machineId;
+  bool known() const { return !name.empty() || !machineId.empty(); }
+};
+
+// Whether a and b are one host: the same machine id and the same name.
+bool sameHost(const HostIdentity& a, const HostIdentity& b);
+// "A (machine id 0123...)", for messages.
+std::string hostText(const HostIdentity& host);
+// The host this program runs on: the machine id read from /etc/machine-id
+// (empty when it cannot be read) and the host name.
+HostIdentity thisHost();
+
 // The copy on the alternate host.
 struct AlternateCopy {
   std::string object;                  // the new volume's device path
   std::vector<std::string> secondary;  // the split disks it was built on
   ProviderState state;                 // the alternate node's provider state
+  HostIdentity host;                   // where it was imported: the host that holds it
 };
 
 // One command that changed the record.
@@ -35,6 +54,7 @@ struct RecordEvent {
   std::string command;
   std::string time;  // UTC, ISO 8601
   std::string detail;
+  HostIdentity host;  // where the command ran
 };
 
 // The record cannot be read or written; what() says why.
@@ -57,6 +77,7 @@ class CSnapshotRecord {
   std::vector<std::string> subObjects;  // the node's sub-objects (its disks), in order
   ProviderState state;                  // the source node's provider state
   std::string deportedObject;           // what deportTree named in the access record
+  HostIdentity sourceHost;              // where prepare ran: the source's host
   bool sourceAccess = true;             // false after "access off"
   bool hasAlternate = false;
   AlternateCopy alternate;
@@ -76,8 +97,9 @@ class CSnapshotRecord {
   // exists and is writable (and, when exclusive, the file does not exist).
   static void checkWritable(const std::string& file, bool exclusive);
 
-  // Appends an event of command at the current time.
-  void note(const std::string& command, const std::string& detail);
+  // Appends an event of command at the current time, run on host.
+  void note(const std::string& command, const std::string& detail,
+            const HostIdentity& host = HostIdentity());
 
   nlohmann::ordered_json toJson() const;
   // Throws RecordError (without the file's name) when a field is missing or

@@ -77,6 +77,8 @@ int CFlows::prepare() {
   record.ownerUid = device.st_uid;
   record.ownerGid = device.st_gid;
   record.subObjects = subObjects;
+  // The source's host: deport and access run here.
+  record.sourceHost = thisHost();
   record.state = saveNode(node, "provider state");
   saveRecord(record,
              "claimed and initialised; owner " + std::to_string(device.st_uid) + ":" +

@@ -169,3 +169,30 @@ TEST(Options, ExitCodesHaveNames) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(Options, ThisHostWasIsTakenByTheCommandsThatRunOnARecordedHost) {
+  for (const char* command : {"deport", "move", "release"}) {
+    EXPECT_EQ(parse({command, "--record", "r.json", "--this-host-was", "A"}).thisHostWas, "A")
+        << command;
+  }
+  EXPECT_EQ(parse({"access", "off", "--record", "r.json", "--this-host-was",
+                   "0123456789abcdef0123456789abcdef"})
+                .thisHostWas,
+            "0123456789abcdef0123456789abcdef");
+  EXPECT_EQ(parse({"release", "--record", "r.json"}).thisHostWas, "");
+  EXPECT_EQ(
+      refusal({"import", "--record", "r.json", "--secondary", "/dev/sdb", "--this-host-was", "A"}),
+      "import: unknown option or argument '--this-host-was'");
+  EXPECT_EQ(
+      refusal({"prepare", "/dev/qz/dsk/dg1/vol1", "--record", "r.json", "--this-host-was", "A"}),
+      "prepare: unknown option or argument '--this-host-was'");
+  EXPECT_THAT(refusal({"release", "--record", "r.json", "--this-host-was", "a;b"}),
+              HasSubstr("host 'a;b' is not a device or object name"));
+  EXPECT_EQ(refusal({"release", "--record", "r.json", "--this-host-was"}),
+            "release: --this-host-was needs a value");
+  EXPECT_THAT(qzfi_host::helpText(), HasSubstr("--this-host-was HOST"));
+}
+
+}  // namespace

@@ -43,8 +43,8 @@ CSnapshotRecord sample() {
   record.deportedObject = "/dev/qz/dsk/dg1/vol1";
   record.sourceAccess = false;
   record.hasAlternate = true;
-  record.alternate = {"/dev/qz/dsk/dg1_1/vol1", {"/dev/sdf", "/dev/sdg"}, {"fiid_v vol1"}};
-  record.earlierCopies.push_back({"/dev/qz/dsk/dg1_0/vol1", {"/dev/sdh", "/dev/sdi"}, {"old"}});
+  record.alternate = {"/dev/qz/dsk/dg1_1/vol1", {"/dev/sdf", "/dev/sdg"}, {"fiid_v vol1"}, {}};
+  record.earlierCopies.push_back({"/dev/qz/dsk/dg1_0/vol1", {"/dev/sdh", "/dev/sdi"}, {"old"}, {}});
   record.note("prepare", "claimed");
   return record;
 }
@@ -118,6 +118,54 @@ TEST(Record, EveryFieldComesBackFromItsJson) {
   EXPECT_EQ(read.events[0].command, "prepare");
   EXPECT_EQ(read.events[0].detail, "claimed");
   EXPECT_EQ(read.events[0].time.size(), 20u);  // 2024-01-02T03:04:05Z
+}
+
+TEST(Record, HostsComeBackFromTheJson) {
+  CSnapshotRecord record = sample();
+  record.sourceHost = {"A", "0123456789abcdef0123456789abcdef"};
+  record.alternate.host = {"B", "fedcba9876543210fedcba9876543210"};
+  record.note("import", "built", record.alternate.host);
+  const Json json = record.toJson();
+  EXPECT_EQ(json["source_host"],
+            Json({{"name", "A"}, {"machine_id", "0123456789abcdef0123456789abcdef"}}));
+  EXPECT_EQ(json["alternate"]["host"]["name"], "B");
+  EXPECT_FALSE(json["earlier_copies"][0].contains("host"));
+  EXPECT_FALSE(json["events"][0].contains("host"));
+  EXPECT_EQ(json["events"][1]["host"]["machine_id"], "fedcba9876543210fedcba9876543210");
+  const CSnapshotRecord read = CSnapshotRecord::fromJson(json);
+  EXPECT_TRUE(qzfi_host::sameHost(read.sourceHost, record.sourceHost));
+  EXPECT_TRUE(qzfi_host::sameHost(read.alternate.host, record.alternate.host));
+  EXPECT_FALSE(read.earlierCopies[0].host.known());
+  EXPECT_FALSE(read.events[0].host.known());
+  EXPECT_EQ(read.events[1].host.name, "B");
+  EXPECT_EQ(qzfi_host::hostText(read.sourceHost),
+            "A (machine id 0123456789abcdef0123456789abcdef)");
+}
+
+TEST(Record, ARecordWithoutHostsIsReadAsItIs) {
+  const Json json = sample().toJson();
+  EXPECT_FALSE(json.contains("source_host"));
+  EXPECT_FALSE(json["alternate"].contains("host"));
+  const CSnapshotRecord read = CSnapshotRecord::fromJson(json);
+  EXPECT_FALSE(read.sourceHost.known());
+  EXPECT_FALSE(read.alternate.host.known());
+  Json wrong = json;
+  wrong["source_host"] = "A";
+  EXPECT_EQ(refusalOf(wrong), "the field \"source_host\" is not an object");
+  wrong["source_host"] = Json({{"name", "A"}});
+  EXPECT_EQ(refusalOf(wrong), "the field \"machine_id\" is missing");
+}
+
+TEST(Record, ThisHostIsNamedByItsMachineIdAndName) {
+  const qzfi_host::HostIdentity here = qzfi_host::thisHost();
+  std::ifstream file("/etc/machine-id");
+  std::string id;
+  std::getline(file, id);
+  EXPECT_EQ(here.machineId, id);
+  EXPECT_FALSE(here.name.empty());
+  EXPECT_TRUE(qzfi_host::sameHost(here, qzfi_host::thisHost()));
+  EXPECT_FALSE(qzfi_host::sameHost(here, {here.name, "other"}));
+  EXPECT_FALSE(qzfi_host::sameHost(here, {"other", here.machineId}));
 }
 
 TEST(Record, TheJsonNamesItsFormatAndVersionFirst) {
