@@ -268,6 +268,26 @@ TEST_F(ResourcesTest, UnformatClearsDisksWhoseGroupIsGoneAlready) {
       3, "CQzVMPlugin::unformat - disk '" + second.node + "' is in no disk group any more."));
 }
 
+// An unformat killed after its group's destroy leaves each disk it had not
+// cleared with a private region and no group, the first one too: run again,
+// it finds the first disk no QzVM disk and clears every such disk.
+TEST_F(ResourcesTest, UnformatRunAgainClearsThePrivateRegionsAStoppedOneLeft) {
+  for (const TestDisk& disk : m_plain) {
+    dmpNode(disk);
+    answer("qzdisk   list " + disk.node, 0,
+           out({"Device:    " + disk.node, "type:      auto", "disk:      id=17.3.A",
+                "group:     -", "info:      format=cdsdisk"}));
+    answer("qzdisk   rm " + disk.node, 0, {});
+    CFiExecSeam::answer("/usr/lib/qzvm/bin/qzdiskunsetup   -C " + disk.node, 0, {});
+  }
+  TestTextArray disks({"/dev/sde", "/dev/sdf"});
+  EXPECT_EQ(0, qzvmfi_fi_pgn_unformat(disks.get(), disks.count(), kPersistent));
+  EXPECT_EQ(1u, runsHolding("qzdiskunsetup   -C " + m_plain[0].node));
+  EXPECT_EQ(1u, runsHolding("qzdiskunsetup   -C " + m_plain[1].node));
+  EXPECT_EQ(1u, runsHolding("qzdisk   rm " + m_plain[1].node));
+  EXPECT_EQ(0u, runsHolding("qzdg   destroy"));
+}
+
 TEST_F(ResourcesTest, UnformatOfPersistentDisksNeitherWaitsNorRefreshes) {
   disksArePlain();
   TestTextArray disks({"/dev/sde", "/dev/sdf"});
