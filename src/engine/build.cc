@@ -59,6 +59,11 @@ int CQzVMEngine::buildAltTree(qzfi_objid** objid, const std::string& newDG, cons
   if (leftover == kRefused) {
     return kRefused;
   }
+  // A group that could not be read, or not deported, is still on the split
+  // disks: the build does not go on over it.
+  if (leftover != 0 && leftover != kNothingLeft) {
+    return 6;
+  }
   if (checked != 0 && leftover != 0) {
     QZ_TRACE(m_traceLog, 1, "checkForVolFromQzVMDiskIfRecreatedAndGetDG failed");
     return 6;

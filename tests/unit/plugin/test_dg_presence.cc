@@ -12,8 +12,10 @@ using qzvmfi_test::Lines;
 using qzvmfi_test::OperationsTest;
 using qzvmfi_test::out;
 using qzvmfi_test::Pushed;
+using qzvmfi_test::TestDisk;
 using qzvmfi_test::TestNode;
 using qzvmfi_test::TestNodeList;
+using qzvmfi_test::TestObjids;
 
 const int kListingLost = 20;
 
@@ -58,6 +60,9 @@ class DGPresenceTest : public OperationsTest {
 
   std::unique_ptr<TestNode> m_node;
   std::unique_ptr<TestNode> m_copy;
+  const std::vector<TestDisk> m_copies = {{"qzarr" + m_number + "_3", "sde", ""},
+                                          {"qzarr" + m_number + "_4", "sdf", ""},
+                                          {"qzarr" + m_number + "_5", "sdg", ""}};
 };
 
 // ===== disableAccess =====
@@ -144,6 +149,43 @@ TEST_F(DGPresenceTest, DeportAndDestroyRunsTheDeportWhenTheListingFails) {
   EXPECT_EQ(
       run({"qzdg   list " + m_dg, "qzdisk   -g " + m_dg + "  list ", "qzdg   deport " + m_dg}),
       commands());
+}
+
+// ===== the engine's clean-up of a stopped build =====
+
+// The split disks carry a group that a build of this record made (each disk
+// initialised anew under its primary's disk-media name). Its listing, and
+// the listing of all groups, fail: the group may stand, and may be the
+// copy. The build does not go on over it as if it had been cleaned away:
+// it fails, with no disk or group changed.
+TEST_F(DGPresenceTest, ABuildOverAGroupItCannotListFailsWithNothingChanged) {
+  ASSERT_EQ(0, restoreState(node(), "fiid_v vol1\nfiid_altvol " + m_path + "\nfiid_dgid 17.9.A\n" +
+                                        diskRecords() + "fiid_uigid 1234 5678"));
+  const std::string left = m_dg + "_7";
+  answer("qzdisk   scandisks  device=sde,sdf,sdg", 0, {});
+  for (size_t i = 0; i < m_copies.size(); ++i) {
+    TestDisk built = m_copies[i];
+    built.dm = m_disks[i].dm;
+    dmpNode(built);
+    subpaths(built);
+    Lines listing = diskListing(built, left, "17.2.C");
+    listing[2] = "disk:      name=" + built.dm + " id=17.2.C" + std::to_string(i) + "\n";
+    answer("qzdisk   list " + built.node, 0, listing);
+  }
+  answer("qzdg   list ", kListingLost, out({"QZVM qzdg ERROR Q-5-1-99 lost"}));
+  listingFails(left);
+  TestObjids primary({"/dev/sdb", "/dev/sdc", "/dev/sdd"});
+  TestObjids secondary({"/dev/sde", "/dev/sdf", "/dev/sdg"});
+  qzfi_objid* made = nullptr;
+  EXPECT_EQ(6, qzvmfi_fi_pgn_import_tree(node(), primary.get(), secondary.get(), 3, &made));
+  EXPECT_FALSE(pushed().empty());
+  EXPECT_EQ(nullptr, made);
+  qzfi_free_objid(made);
+  for (const char* change :
+       {"qzdg   deport", "qzdg   destroy", "qzdg   init", "adddisk", "qzdisk   init", "qzdisksetup",
+        "qzdiskunsetup", "qzdisk   rm", "qzmake", "import"}) {
+    EXPECT_EQ(0u, runsHolding(change)) << change;
+  }
 }
 
 }  // namespace
