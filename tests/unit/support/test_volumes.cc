@@ -240,6 +240,21 @@ TEST_F(SupportOpsTest, SsodOnlineVolumeImportsStartsAndVerifies) {
   EXPECT_EQ(m_support->ssodOnlineVolume("dg1", "vol1", {"qzarr0_1", "qzarr0_2"}), 0);
 }
 
+// The group's listing fails otherwise than "not found": the group is taken
+// for present and not imported, and the start that follows runs for real;
+// its failure is the operation's.
+TEST_F(SupportOpsTest, SsodOnlineVolumeStartsTheVolumeWhenTheGroupListingFails) {
+  answer(cmd("qzinfo   -g dg1 vol1"), 0, out({"vol1 fsgen Startable"}));
+  answer(cmd("qzdg   list dg1"), 20,
+         out({"QZVM qzdg ERROR Q-5-1-99 lost the configuration daemon"}));
+  answer(cmd("qzvol   -g dg1 start vol1"), 20);
+  EXPECT_EQ(m_support->ssodOnlineVolume("dg1", "vol1", {"qzarr0_1", "qzarr0_2"}), 6);
+  EXPECT_EQ(runsOf(cmd("qzvol   -g dg1 start vol1")), 1u);
+  EXPECT_EQ(runsOf(cmd("qzdg   -C  -n dg1 import dg1")), 0u);
+  EXPECT_TRUE(
+      wasTraced(1, "CQzVMSupport::ssodOnlineVolume - unable to start volumes under dg 'dg1'."));
+}
+
 TEST_F(SupportOpsTest, CreateNewVolumeOnOSDisks) {
   answer(cmd("qzdisk   rm sdb1"), 0);
   answer("/sbin/parted -s /dev/sdb mklabel  sun ", 0);
