@@ -3,9 +3,11 @@
 
 #include <errno.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -49,6 +51,15 @@ std::unique_ptr<CSocket> connectTo(const std::string& path) {
     throw AgentFailure{"the socket path '" + path + "' is empty or too long"};
   }
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  // The agent is root's or this user's: a socket of anyone else's could be
+  // a stand-in that reads the command and answers what it likes.
+  struct stat info {};
+  if (stat(path.c_str(), &info) == 0 && info.st_uid != 0 && info.st_uid != geteuid() &&
+      info.st_uid != getuid()) {
+    throw AgentFailure{"the socket " + path + " belongs to uid " + std::to_string(info.st_uid) +
+                       ", neither root nor this user (uid " + std::to_string(geteuid()) +
+                       "): not asked"};
+  }
   auto socket = std::make_unique<CSocket>(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (socket->fd() < 0) {
     throw AgentFailure{std::string("no socket: ") + strerror(errno)};
@@ -65,6 +76,21 @@ std::string workingFolder() {
     throw AgentFailure{std::string("the working folder is unknown: ") + strerror(errno)};
   }
   return folder.get();
+}
+
+// The exit code an 'X' frame holds: a decimal number from 0 to 255, and
+// nothing else.
+int exitCodeOf(const std::string& payload) {
+  if (payload.empty() || payload.size() > 3 ||
+      payload.find_first_not_of("0123456789") != std::string::npos) {
+    throw AgentFailure{"bad answer from the agent: an exit code of '" + payload.substr(0, 16) +
+                       "'"};
+  }
+  const int code = std::stoi(payload);
+  if (code > 255) {
+    throw AgentFailure{"bad answer from the agent: an exit code of " + payload};
+  }
+  return code;
 }
 
 // The agent's frames copied to out and err until its exit code.
@@ -89,9 +115,11 @@ int relayReplies(int fd, std::ostream& out, std::ostream& err) {
       to << payload;
       to.flush();
     } else if (kind == kFrameExit) {
-      return std::atoi(payload.c_str());
+      return exitCodeOf(payload);
     } else {
-      throw AgentFailure{std::string("the agent sent a frame of unknown kind '") + kind + "'"};
+      char code[8];
+      std::snprintf(code, sizeof code, "0x%02x", static_cast<unsigned char>(kind));
+      throw AgentFailure{std::string("bad answer from the agent: a frame of unknown kind ") + code};
     }
   }
 }

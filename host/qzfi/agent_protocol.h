@@ -26,6 +26,13 @@ constexpr size_t kFrameHeader = 5;
 constexpr size_t kMaxRequest = 64 * 1024;
 constexpr char kProtocolVersion[] = "qzfi-agent/1";
 
+// The exit code of a client whose command the agent did not run because it
+// was stopping (SIGTERM or SIGINT): nothing ran; the command may be sent
+// again once an agent serves.
+constexpr int kExitAgentStopping = 8;
+constexpr char kAgentStoppingText[] =
+    "the agent is stopping: the command did not run, nothing was changed";
+
 // The default socket of the host's agent.
 constexpr char kDefaultAgentSocket[] = "/run/qzfi/agent.sock";
 // The environment variable that names the agent's socket for clients.

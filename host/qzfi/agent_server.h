@@ -9,6 +9,16 @@
 // socket is 0600; a peer whose credentials are neither root's nor the
 // owner's is refused. A malformed or oversized request gets an error reply
 // and the agent goes on; a client that goes away does not stop its command.
+//
+// The socket is the agent's own: a lock file beside it (SOCKET.lock) is
+// held for the agent's life, taken before the plug-in starts, so that a
+// second agent on the same path is refused at once; at its end the agent
+// removes the socket only while it is still the one it bound.
+//
+// Requests are read from every connection at once; each has one deadline
+// from its connection (10 s, QZFI_AGENT_REQUEST_SECONDS), and commands run
+// one at a time. Clients whose requests are not run because the agent
+// stops are told that nothing ran (exit code 8).
 #ifndef QZFI_HOST_AGENT_SERVER_H
 #define QZFI_HOST_AGENT_SERVER_H
 
@@ -18,6 +28,7 @@
 #include <ostream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "agent_state.h"
 #include "options.h"
@@ -51,9 +62,21 @@ class CAgentServer {
   static bool peerAllowed(uid_t uid, uid_t owner);
 
  private:
+  struct Pending;
+
+  void takeLock();
   void startPlugin();
   void listenOnSocket();
-  void serveConnection(int fd);
+  // Serves until a signal asks the agent to end.
+  void serve();
+  void accept();
+  // Reads what pending's client sent; false once the connection is done with
+  // (refused, or its request run).
+  bool readRequest(Pending& pending);
+  void runPending(Pending& pending);
+  // Clients not served: told that the agent stops and nothing ran.
+  void turnAway(std::vector<Pending>& pending);
+  void removeSocket();
   // The request's command run for the client; its exit code.
   int runRequest(CAgentConnection& connection, const std::string& payload, uid_t uid);
 
@@ -65,7 +88,11 @@ class CAgentServer {
   int m_listen = -1;
   int m_signals = -1;
   int m_home = -1;  // the agent's own working folder, back after each command
+  int m_lock = -1;  // SOCKET.lock, held for the agent's life
   bool m_bound = false;
+  dev_t m_socketDevice = 0;  // the socket file this agent bound
+  ino_t m_socketInode = 0;
+  int m_requestSeconds = 10;
   std::unique_ptr<CAgentState> m_state;
 };
 

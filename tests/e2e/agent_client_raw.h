@@ -40,10 +40,8 @@ struct RawReply {
   int code = -1;  // the 'X' frame's exit code, -1 without one
 };
 
-// Connects to socket, sends bytes, ends its side and reads the agent's
-// frames until it closes the connection.
-inline RawReply exchange(const std::string& socket, const std::string& bytes) {
-  RawReply reply;
+// A connection to socket; -1 when there is none.
+inline int connectRaw(const std::string& socket) {
   const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -52,12 +50,16 @@ inline RawReply exchange(const std::string& socket, const std::string& bytes) {
     if (fd >= 0) {
       close(fd);
     }
-    return reply;
+    return -1;
   }
+  return fd;
+}
+
+// Reads the agent's frames on fd until it closes the connection, and closes
+// fd.
+inline RawReply readReply(int fd) {
+  RawReply reply;
   reply.connected = true;
-  send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-  // Nothing more comes: a short request ends now, not at the agent's wait.
-  shutdown(fd, SHUT_WR);
   std::string got;
   char buffer[4096];
   for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) {
@@ -83,6 +85,19 @@ inline RawReply exchange(const std::string& socket, const std::string& bytes) {
     at += 5 + length;
   }
   return reply;
+}
+
+// Connects to socket, sends bytes, ends its side and reads the agent's
+// frames until it closes the connection.
+inline RawReply exchange(const std::string& socket, const std::string& bytes) {
+  const int fd = connectRaw(socket);
+  if (fd < 0) {
+    return RawReply{};
+  }
+  send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  // Nothing more comes: a short request ends now, not at the agent's wait.
+  shutdown(fd, SHUT_WR);
+  return readReply(fd);
 }
 
 }  // namespace qzfi_e2e

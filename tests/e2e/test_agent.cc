@@ -2,12 +2,15 @@
 // the client): the copy as the one-shot form makes it, the nodes kept in
 // the agents between commands, the record carried across an agent's
 // restart, and the socket's safety: refused peers, malformed requests,
-// SIGTERM during a command, a client that goes away.
+// SIGTERM during a command, a client that goes away, a second agent on the
+// same socket, clients turned away at the stop, answers that are not an
+// agent's, and slow clients beside fast ones.
 #include <linux/capability.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
+#include <chrono>
 #include <thread>
 
 #include "agent_client_raw.h"
@@ -392,6 +395,199 @@ TEST_F(AgentTest, AClientThatGoesAwayMidCommandStopsNeitherTheCommandNorTheAgent
   EXPECT_THAT(a->log(), HasSubstr("exit 0 (the client had gone)"));
   EXPECT_EQ(0, a->stop());
   expectConsistent();
+}
+
+// A fake agent on socket: it takes one connection, reads the request and
+// answers bytes.
+class CFakeAgent {
+ public:
+  CFakeAgent(const std::string& socket, const std::string& bytes) {
+    m_fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, socket.c_str(), sizeof address.sun_path - 1);
+    unlink(socket.c_str());
+    if (bind(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        listen(m_fd, 4) != 0) {
+      return;
+    }
+    m_thread = std::thread([this, bytes] {
+      const int client = accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC);
+      if (client < 0) {
+        return;
+      }
+      char header[5];
+      if (recv(client, header, sizeof header, MSG_WAITALL) == sizeof header) {
+        send(client, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      }
+      close(client);
+    });
+  }
+  ~CFakeAgent() {
+    shutdown(m_fd, SHUT_RDWR);
+    if (m_thread.joinable()) {
+      m_thread.join();
+    }
+    close(m_fd);
+  }
+
+ private:
+  int m_fd = -1;
+  std::thread m_thread;
+};
+
+double secondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// A second agent on a socket that one serves on is refused at once, before
+// its plug-in starts: no tool runs, and the first agent serves on.
+TEST_F(AgentTest, ASecondAgentOnTheSameSocketIsRefusedBeforeItsPlugInStarts) {
+  auto first = startAgent("A");
+  const long runs = toolRuns();
+  CAgentProcess second(root(), "A", m_run);
+  EXPECT_THAT(second.error(),
+              HasSubstr("an agent serves on " + first->socket() + " already (pid " +
+                        std::to_string(first->pid()) + "): it holds " + first->socket() + ".lock"));
+  EXPECT_EQ(7, second.wait());
+  EXPECT_EQ(runs, toolRuns());
+  const QzfiRun version = agent(*first, {"version"});
+  EXPECT_EQ(0, version.status) << version;
+  EXPECT_EQ(0, first->stop());
+  // Once the first has ended, another takes the socket.
+  auto third = startAgent("A");
+  EXPECT_EQ(0, agent(*third, {"version"}).status);
+  EXPECT_EQ(0, third->stop());
+}
+
+// An agent removes its socket at its end only while it is the one it bound:
+// a socket put in its place stays.
+TEST_F(AgentTest, AnAgentLeavesASocketThatReplacedItsOwn) {
+  auto a = startAgent("A");
+  ASSERT_EQ(0, unlink(a->socket().c_str()));
+  const int other = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, a->socket().c_str(), sizeof address.sun_path - 1);
+  ASSERT_EQ(0, bind(other, reinterpret_cast<const sockaddr*>(&address), sizeof address));
+  EXPECT_EQ(0, a->stop());
+  struct stat kept {};
+  EXPECT_EQ(0, lstat(a->socket().c_str(), &kept));
+  EXPECT_TRUE(S_ISSOCK(kept.st_mode));
+  close(other);
+}
+
+// Clients whose commands the agent does not run because it stops are told
+// so, with exit code 8: nothing ran.
+TEST_F(AgentTest, ClientsQueuedAtTheStopAreToldNothingRan) {
+  auto a = startAgent("A");
+  const auto importing = importUnderWay(*a);
+  // Connected while the import runs: one with its whole request, one that
+  // has sent half of it.
+  const int queued = qzfi_e2e::connectRaw(a->socket());
+  ASSERT_GE(queued, 0);
+  const std::string whole = qzfi_e2e::request("/", {"version"});
+  ASSERT_EQ(static_cast<ssize_t>(whole.size()),
+            send(queued, whole.data(), whole.size(), MSG_NOSIGNAL));
+  const int half = qzfi_e2e::connectRaw(a->socket());
+  ASSERT_GE(half, 0);
+  ASSERT_EQ(3, send(half, whole.data(), 3, MSG_NOSIGNAL));
+  kill(a->pid(), SIGTERM);
+  EXPECT_EQ(0, importing->finish()) << importing->text();
+  expectWithinBlastRadius(m_importMark, m_import);
+  for (const int fd : {queued, half}) {
+    const RawReply reply = qzfi_e2e::readReply(fd);
+    EXPECT_EQ(8, reply.code);
+    EXPECT_EQ("qzfi: the agent is stopping: the command did not run, nothing was changed\n",
+              reply.err);
+    EXPECT_EQ("", reply.out);
+  }
+  EXPECT_EQ(0, a->wait()) << a->log();
+  EXPECT_THAT(a->log(), HasSubstr("2 client(s) turned away"));
+  // qzfi --agent says so with exit code 8.
+  CFakeAgent fake(m_run + "/fake.sock",
+                  qzfi_e2e::frame('E', "qzfi: the agent is stopping: the command did not run\n") +
+                      qzfi_e2e::frame('X', "8"));
+  const qzsim::CommandResult run =
+      qzsim::runCommand({QZFI_BINARY, "--agent", m_run + "/fake.sock", "version"});
+  EXPECT_EQ(8, run.status);
+  EXPECT_EQ("qzfi: the agent is stopping: the command did not run\n", run.err);
+}
+
+// The client takes an exit code only as a number from 0 to 255, and asks
+// no socket of a user other than root and itself.
+TEST_F(AgentTest, TheClientRefusesAnAnswerThatIsNotAnAgentsAndASocketOfAnotherUser) {
+  const std::string socket = m_run + "/fake.sock";
+  for (const std::string& code : {std::string(), std::string("abc"), std::string("300"),
+                                  std::string("-1"), std::string(" 0"), std::string("0x")}) {
+    CFakeAgent fake(socket, qzfi_e2e::frame('O', "out\n") + qzfi_e2e::frame('X', code));
+    const qzsim::CommandResult run = qzsim::runCommand({QZFI_BINARY, "--agent", socket, "version"});
+    EXPECT_EQ(7, run.status) << code;
+    EXPECT_EQ("out\n", run.out);
+    EXPECT_THAT(run.err, HasSubstr("qzfi: bad answer from the agent: an exit code of")) << code;
+  }
+  {
+    CFakeAgent fake(socket, qzfi_e2e::frame('\x01', "?"));
+    const qzsim::CommandResult run = qzsim::runCommand({QZFI_BINARY, "--agent", socket, "version"});
+    EXPECT_EQ(7, run.status);
+    EXPECT_EQ("qzfi: bad answer from the agent: a frame of unknown kind 0x01\n", run.err);
+  }
+  {
+    CFakeAgent fake(socket, qzfi_e2e::frame('X', "0"));
+    EXPECT_EQ(0, qzsim::runCommand({QZFI_BINARY, "--agent", socket, "version"}).status);
+  }
+  CFakeAgent fake(socket, qzfi_e2e::frame('X', "0"));
+  ASSERT_EQ(0, chown(socket.c_str(), 65534, 65534));
+  const qzsim::CommandResult run = qzsim::runCommand({QZFI_BINARY, "--agent", socket, "version"});
+  EXPECT_EQ(7, run.status);
+  EXPECT_EQ("qzfi: the socket " + socket +
+                " belongs to uid 65534, neither root nor this user (uid 0): not asked\n",
+            run.err);
+  // The fake agent gets no connection: its thread ends with its socket.
+}
+
+// A client that sends its request a byte at a time delays no other client
+// and no stop, and the whole request has one deadline from its connection.
+TEST_F(AgentTest, ASlowClientDelaysNeitherAnotherClientNorTheStop) {
+  CAgentProcess a(root(), "A", m_run, {"QZFI_AGENT_REQUEST_SECONDS=2"});
+  ASSERT_EQ("", a.error());
+  const std::string whole = qzfi_e2e::request("/", {"version"});
+  // A byte every 0.4 s: never a pause as long as the deadline.
+  const int slow = qzfi_e2e::connectRaw(a.socket());
+  ASSERT_GE(slow, 0);
+  const auto connected = std::chrono::steady_clock::now();
+  std::thread trickle([&] {
+    for (size_t i = 0; i < whole.size() - 1; ++i) {
+      if (send(slow, whole.data() + i, 1, MSG_NOSIGNAL) != 1) {
+        return;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    }
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  auto start = std::chrono::steady_clock::now();
+  const RawReply fast = qzfi_e2e::exchange(a.socket(), whole);
+  EXPECT_LT(secondsSince(start), 0.5);
+  EXPECT_EQ(0, fast.code);
+  EXPECT_THAT(fast.out, HasSubstr("qzfi "));
+  const RawReply late = qzfi_e2e::readReply(dup(slow));
+  const double waited = secondsSince(connected);
+  EXPECT_GE(waited, 1.9);
+  EXPECT_LT(waited, 3.0);
+  EXPECT_EQ(7, late.code);
+  EXPECT_EQ("qzfi: the agent refused the request: no whole request came within 2 seconds\n",
+            late.err);
+  trickle.join();
+  close(slow);
+  // SIGTERM while a slow client is half-way: the agent ends at once.
+  const int half = qzfi_e2e::connectRaw(a.socket());
+  ASSERT_GE(half, 0);
+  ASSERT_EQ(1, send(half, whole.data(), 1, MSG_NOSIGNAL));
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  start = std::chrono::steady_clock::now();
+  EXPECT_EQ(0, a.stop()) << a.log();
+  EXPECT_LT(secondsSince(start), 1.0);
+  EXPECT_EQ(8, qzfi_e2e::readReply(half).code);
 }
 
 }  // namespace
