@@ -4,6 +4,8 @@
 
 #include <set>
 
+#include <qzfi/execpipe.h>
+
 #include "flows.h"
 
 namespace qzfi_host {
@@ -59,7 +61,138 @@ std::string disksTakenAway(const std::vector<std::string>& before) {
          "run import again";
 }
 
+// A name that may go on a tool's command line as it is.
+bool plainName(const std::string& name) {
+  if (name.empty() || name.front() == '-') {
+    return false;
+  }
+  for (char c : name) {
+    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                    c == '.' || c == '_' || c == '-' || c == '/' || c == ':' || c == '+';
+    if (!ok) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Runs a read-only tool command line through the framework's pipe; its
+// status, -1 when it cannot be started.
+int runTool(const std::string& command, std::vector<std::string>& lines) {
+  qzfi_pdk_4_4::CFiExecPipePosix pipe(1);
+  lines.clear();
+  try {
+    return pipe.Exec(command, lines, std::string(), 600, std::string(), std::string(),
+                     std::string());
+  } catch (const qzfi_pdk_4_4::EFiExecPipe&) {
+    return -1;
+  }
+}
+
+// The first blank-separated word of line.
+std::string firstWord(const std::string& line) {
+  const size_t start = line.find_first_not_of(" \t");
+  if (start == std::string::npos) {
+    return std::string();
+  }
+  const size_t end = line.find_first_of(" \t\n", start);
+  return line.substr(start, end == std::string::npos ? std::string::npos : end - start);
+}
+
+// The group a "qzdisk list DISK" listing names on the disk ("group:
+// name=G id=..."); empty for "group: -".
+std::string groupOnDisk(const std::vector<std::string>& lines) {
+  for (const std::string& line : lines) {
+    if (line.compare(0, 6, "group:") != 0) {
+      continue;
+    }
+    const size_t name = line.find("name=");
+    return name == std::string::npos ? std::string() : firstWord(line.substr(name + 5));
+  }
+  return std::string();
+}
+
+// The group of a copy's device path /dev/qz/dsk/G/V: G.
+std::string groupOfCopy(const std::string& object) {
+  const size_t last = object.rfind('/');
+  if (last == std::string::npos || last == 0) {
+    return std::string();
+  }
+  const size_t before = object.rfind('/', last - 1);
+  return object.substr(before + 1, last - before - 1);
+}
+
 }  // namespace
+
+void CFlows::proveCopyHere(const CSnapshotRecord& record) {
+  if (m_hostProven) {
+    return;
+  }
+  const std::string group = groupOfCopy(record.alternate.object);
+  bool imported = false;
+  std::vector<std::string> bare, grouped, missing;
+  std::string unreadable;
+  StepOutcome outcome = runStep("copyOnThisHost", [&] {
+    std::vector<std::string> lines;
+    const int listed = runTool("/usr/sbin/qzdg list", lines);
+    if (listed != 0) {
+      unreadable = "qzdg list failed (status " + std::to_string(listed) + ")";
+      return listed;
+    }
+    for (size_t i = 1; i < lines.size(); ++i) {
+      imported = imported || firstWord(lines[i]) == group;
+    }
+    if (imported) {
+      return 0;
+    }
+    for (const std::string& disk : record.alternate.secondary) {
+      if (!plainName(disk) || runTool("/usr/sbin/qzdisk list " + disk, lines) != 0) {
+        missing.push_back(disk);
+        continue;
+      }
+      const std::string on = groupOnDisk(lines);
+      if (on.empty()) {
+        bare.push_back(disk);
+      } else {
+        grouped.push_back(disk + " (group " + on + ")");
+      }
+    }
+    return 0;
+  });
+  if (!unreadable.empty()) {
+    finishStep(std::move(outcome), false,
+               "what this host holds of the copy " + group + " could not be read: " + unreadable +
+                   "; nothing was changed");
+  }
+  if (imported) {
+    finishStep(std::move(outcome), true,
+               "the copy's group " + group + " is imported on this host " + m_host.name);
+    return;
+  }
+  if (missing.empty() && grouped.empty()) {
+    finishStep(std::move(outcome), true,
+               "the copy's group " + group + " is gone: its disks " + joined(bare, ", ") +
+                   " are on this host and carry no group");
+    return;
+  }
+  std::string found;
+  if (!missing.empty()) {
+    found += "; its disks " + joined(missing, ", ") + " are not here";
+  }
+  if (!grouped.empty()) {
+    found += std::string(missing.empty() ? "; its disks " : "; and ") + joined(grouped, ", ") +
+             " carry another group here";
+  }
+  const std::string importer = m_recordedHost.known() ? hostText(m_recordedHost)
+                                                      : std::string("the record does not name it");
+  const std::string why = "the copy " + group + " is not imported on this host " +
+                          hostText(m_host) + found + ": release it on the host that imported it (" +
+                          importer + "); nothing was changed (record " + m_options.record + ")";
+  outcome.ok = false;
+  outcome.detail = why;
+  m_report.step(std::move(outcome));
+  throw Failure{kExitRecord, why};
+}
 
 void CFlows::checkSecondaryDisks(const CSnapshotRecord& record) const {
   const std::vector<std::string>& given = m_options.secondary;
@@ -205,6 +338,7 @@ int CFlows::release() {
   const auto disposition = static_cast<qfi_disposition>(m_options.disposition);
   m_report.begin("release " + copy + " (record " + m_options.record + ", disposition " +
                  std::to_string(m_options.disposition) + ")");
+  proveCopyHere(record);
   startPlugin();
   CNode& node = recordNode(NodeRole::source, record.object, record.state, "provider state");
   CNode& alternate =

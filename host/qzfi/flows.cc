@@ -306,6 +306,7 @@ void CFlows::checkHost(CSnapshotRecord& record) {
     return;
   }
   if (sameHost(*expected, m_host)) {
+    m_hostProven = true;
     return;
   }
   const std::string& was = m_options.thisHostWas;
@@ -318,6 +319,7 @@ void CFlows::checkHost(CSnapshotRecord& record) {
                                      ", " + hostText(*expected) + "; this is host " +
                                      hostText(m_host) + nothing};
     }
+    m_recordedHost = *expected;
     m_takenOn = "this host " + hostText(m_host) + " taken on as " + hostText(*expected) +
                 " (--this-host-was " + was + ")";
     *expected = m_host;

@@ -115,6 +115,12 @@ class CFlows {
   int move();
   int release();
   void checkSecondaryDisks(const CSnapshotRecord& record) const;
+  // release, where the record does not show that this host holds the copy
+  // (a record without hosts, or a host taken on): the volume manager here
+  // must, before the plug-in starts. Its copy group imported here, or its
+  // split disks here and carrying no group (the group is gone); exit code 3
+  // otherwise, naming what was found.
+  void proveCopyHere(const CSnapshotRecord& record);
   std::string ownerOfDevices(const CSnapshotRecord& record, const std::string& block);
 
   // resource_flows.cc
@@ -132,8 +138,10 @@ class CFlows {
   // nodes and plug-in are gone.
   CRecordLock m_recordLock;
   CAgentState* m_agent;
-  HostIdentity m_host;    // this host, read when the record is loaded
-  std::string m_takenOn;  // what --this-host-was changed in the record, for its event
+  HostIdentity m_host;          // this host, read when the record is loaded
+  std::string m_takenOn;        // what --this-host-was changed in the record, for its event
+  bool m_hostProven = false;    // the record named this host as the command's
+  HostIdentity m_recordedHost;  // the host the record named, when taken on
   std::unique_ptr<CPluginLibrary> m_ownPlugin;  // run alone: the plug-in of this command
   CPluginLibrary* m_plugin = nullptr;
   // The command's nodes; they go before the plug-in they belong to.

@@ -342,7 +342,9 @@ Hosts:
   and host name. deport and access run on the source's host (where prepare
   ran), move and release on the host that holds the copy (where import ran);
   import runs wherever the copy's disks are. On another host the command is
-  refused (exit 3) and nothing is run.
+  refused (exit 3) and nothing is run. Where the record names no host for
+  the copy (an earlier qzfi's record, a host taken on), release first reads
+  with qzdg list and qzdisk list that the copy is here or gone.
   --this-host-was HOST
                       deport, access, move, release: this host is the one
                       the record names as HOST (its host name or machine

@@ -5,6 +5,8 @@
 // unchanged. A host with a new identity is taken on only when asked.
 #include <unistd.h>
 
+#include <fstream>
+
 #include "qzfi_e2e.h"
 
 namespace {
@@ -49,6 +51,17 @@ class HostsTest : public QzfiTest {
     EXPECT_EQ(toolRuns(), runs) << run;
     EXPECT_EQ(recordBytes(), before);
     return run;
+  }
+
+  // The record as an earlier qzfi wrote it: no hosts in it.
+  void forgetHosts() {
+    Json rec = readRecord();
+    rec.erase("source_host");
+    rec["alternate"].erase("host");
+    for (Json& event : rec["events"]) {
+      event.erase("host");
+    }
+    std::ofstream(record()) << rec.dump(2) << "\n";
   }
 
   // prepare, split to B, deport, import on B; the copy's device path.
@@ -223,6 +236,65 @@ TEST_F(HostsTest, AReinstalledHostIsTakenOnOnlyWhenAsked) {
   // From now on the host is the source's as it is.
   ASSERT_EQ(qzfi("A", {"access", "off", "--record", record()}).status, 0);
   ASSERT_EQ(qzfi("A", {"access", "on", "--record", record()}).status, 0);
+}
+
+// A record without hosts cannot tell where the copy is: release proves it
+// with what the volume manager of its host shows, before the plug-in runs.
+TEST_F(HostsTest, WithoutHostsInTheRecordReleaseFindsTheCopyOrRefuses) {
+  makeSource();
+  const std::string copy = importedOnB();
+  const auto [group, volume] = groupAndVolume(copy);
+  forgetHosts();
+  const std::string old = recordBytes();
+  const std::vector<SimDisk> copies = m_copies;
+  const Json secondary = readRecord()["alternate"]["secondary"];
+
+  // On A the split disks' names are those of the source's disks.
+  const QzfiRun onA = qzfi("A", {"release", "--record", record()});
+  EXPECT_EQ(onA.status, 3) << onA;
+  EXPECT_THAT(onA.err,
+              HasSubstr("the copy " + group + " is not imported on this host A (machine id " +
+                        machineId("A") + ")"));
+  EXPECT_THAT(onA.err, HasSubstr("(group dg1)"));
+  EXPECT_THAT(onA.err, HasSubstr("release it on the host that imported it"));
+  EXPECT_THAT(onA.out, Not(HasSubstr("  init ")));
+  EXPECT_EQ(recordBytes(), old);
+  // On C they are not there at all.
+  const QzfiRun onC = qzfi("C", {"release", "--record", record()});
+  EXPECT_EQ(onC.status, 3) << onC;
+  EXPECT_THAT(onC.err, HasSubstr("its disks " + secondary[0].get<std::string>()));
+  EXPECT_THAT(onC.err, HasSubstr("are not here"));
+  EXPECT_EQ(recordBytes(), old);
+  EXPECT_THAT(groups("B"), ElementsAre(group));
+  EXPECT_THAT(groups("A"), ElementsAre("dg1"));
+
+  // On B the group is imported: released, and B named as the copy's host.
+  const QzfiRun onB = qzfi("B", {"release", "--record", record()});
+  ASSERT_EQ(onB.status, 0) << onB;
+  EXPECT_THAT(onB.out, HasSubstr("is imported on this host B"));
+  EXPECT_TRUE(groups("B").empty());
+  const Json rec = readRecord();
+  EXPECT_EQ(rec["step"], "released");
+  EXPECT_EQ(rec["alternate"]["host"]["name"], "B");
+  expectConsistent();
+}
+
+// The group destroyed by hand on the host that imported it: its disks are
+// there with no group, which proves it gone.
+TEST_F(HostsTest, AGroupGoneFromItsDisksIsReleasedWhereTheDisksAre) {
+  makeSource();
+  const std::string copy = importedOnB();
+  const auto [group, volume] = groupAndVolume(copy);
+  // B installed anew, its copy's group destroyed by hand.
+  admin({"host", "reinstall", "B"});
+  tool("B", "qzvol -g " + group + " stopall");
+  tool("B", "qzdg destroy " + group);
+  ASSERT_TRUE(groups("B").empty());
+  const QzfiRun taken = qzfi("B", {"release", "--record", record(), "--this-host-was", "B"});
+  ASSERT_EQ(taken.status, 0) << taken;
+  EXPECT_THAT(taken.out, HasSubstr("is gone: its disks"));
+  EXPECT_EQ(readRecord()["step"], "released");
+  EXPECT_EQ(readRecord()["alternate"]["host"]["machine_id"], machineId("B"));
 }
 
 }  // namespace
