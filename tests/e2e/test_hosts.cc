@@ -3,10 +3,12 @@
 // host, move and release on the host that imported the copy, and a command
 // on another host is refused at the door with nothing run and the record
 // unchanged. A host with a new identity is taken on only when asked.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
 
+#include "agent_process.h"
 #include "qzfi_e2e.h"
 
 namespace {
@@ -295,6 +297,28 @@ TEST_F(HostsTest, AGroupGoneFromItsDisksIsReleasedWhereTheDisksAre) {
   EXPECT_THAT(taken.out, HasSubstr("is gone: its disks"));
   EXPECT_EQ(readRecord()["step"], "released");
   EXPECT_EQ(readRecord()["alternate"]["host"]["machine_id"], machineId("B"));
+}
+
+// The host's agent checks the host as qzfi alone does: it runs on its host.
+TEST_F(HostsTest, TheAgentOfTheWrongHostRefusesToo) {
+  makeSource();
+  const std::string copy = importedOnB();
+  const auto [group, volume] = groupAndVolume(copy);
+  const std::string run = root() + "/run";
+  ASSERT_EQ(0, mkdir(run.c_str(), 0700));
+  qzfi_e2e::CAgentProcess onA(root(), "A", run);
+  ASSERT_EQ("", onA.error());
+  const std::string before = recordBytes();
+  const QzfiRun refused = checked("", {"release"}, [&] {
+    return qzfi_e2e::viaAgent(onA, {"release", "--record", record()});
+  });
+  EXPECT_EQ(refused.status, 3) << refused;
+  EXPECT_THAT(refused.err, HasSubstr("B (machine id " + machineId("B") + ")"));
+  EXPECT_THAT(refused.err, HasSubstr("A (machine id " + machineId("A") + ")"));
+  EXPECT_EQ(recordBytes(), before);
+  EXPECT_THAT(groups("B"), ElementsAre(group));
+  ASSERT_EQ(qzfi("B", {"release", "--record", record()}).status, 0);
+  EXPECT_TRUE(groups("B").empty());
 }
 
 }  // namespace

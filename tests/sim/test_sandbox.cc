@@ -161,6 +161,20 @@ TEST_F(SandboxTest, EachHostHasItsOwnNameAndMachineId) {
   EXPECT_NE(admin({"host", "reinstall", "Q"}).status, 0);
 }
 
+// A host of a simulation made before hosts had machine ids gets one the
+// first time it runs something, and keeps it.
+TEST_F(SandboxTest, AHostWithoutAMachineIdGetsOneOnce) {
+  const std::string file = root + "/hosts/A/machine-id";
+  ASSERT_EQ(unlink(file.c_str()), 0);
+  CommandResult first = inHost("A", "cat /etc/machine-id");
+  ASSERT_EQ(first.status, 0) << first.err;
+  EXPECT_EQ(first.out.size(), 33u) << first.out;
+  std::string kept;
+  ASSERT_TRUE(readFile(file, &kept));
+  EXPECT_EQ(kept, first.out);
+  EXPECT_EQ(inHost("A", "cat /etc/machine-id").out, first.out);
+}
+
 TEST_F(SandboxTest, UnknownHostIsAClearError) {
   CommandResult r = inHost("Q", "true");
   EXPECT_NE(r.status, 0);
