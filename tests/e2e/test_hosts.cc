@@ -321,4 +321,40 @@ TEST_F(HostsTest, TheAgentOfTheWrongHostRefusesToo) {
   EXPECT_TRUE(groups("B").empty());
 }
 
+// A renamed host keeps its machine id: refused until taken on by its old
+// name, as a reinstalled one.
+TEST_F(HostsTest, ARenamedHostIsTakenOnOnlyWhenAsked) {
+  makeSource();
+  ASSERT_EQ(qzfi("A", {"prepare", "/dev/qz/dsk/dg1/vol1", "--record", record()}).status, 0);
+  splitTo("B");
+  // qzfi on A, under the host name A2.
+  auto renamed = [&](const Lines& args) {
+    return checked("A", args, [&] {
+      std::string line = "hostname A2 && exec " + std::string(QZFI_BINARY);
+      for (const std::string& arg : args) {
+        line += " '" + arg + "'";
+      }
+      const qzsim::CommandResult result = sandboxed("A", {"unshare", "--uts", "sh", "-c", line});
+      return QzfiRun{result.status, result.out, result.err};
+    });
+  };
+  const std::string prepared = recordBytes();
+  const QzfiRun refused = renamed({"deport", "--record", record()});
+  EXPECT_EQ(refused.status, 3) << refused;
+  EXPECT_THAT(refused.err, HasSubstr("A (machine id " + machineId("A") + ")"));
+  EXPECT_THAT(refused.err, HasSubstr("this host has its machine id but the name A2"));
+  EXPECT_THAT(refused.err, HasSubstr("--this-host-was A"));
+  EXPECT_EQ(recordBytes(), prepared);
+  const QzfiRun taken = renamed({"deport", "--record", record(), "--this-host-was", "A"});
+  ASSERT_EQ(taken.status, 0) << taken;
+  EXPECT_EQ(readRecord()["source_host"], Json({{"name", "A2"}, {"machine_id", machineId("A")}}));
+  // Under its old name again, it is refused the other way round.
+  const std::string deported = recordBytes();
+  const QzfiRun back = qzfi("A", {"access", "off", "--record", record()});
+  EXPECT_EQ(back.status, 3) << back;
+  EXPECT_THAT(back.err, HasSubstr("A2 (machine id " + machineId("A") + ")"));
+  EXPECT_THAT(back.err, HasSubstr("this host has its machine id but the name A:"));
+  EXPECT_EQ(recordBytes(), deported);
+}
+
 }  // namespace
