@@ -549,6 +549,19 @@ int CAgentServer::runRequest(CAgentConnection& connection, const std::string& pa
   close(folder);
   std::vector<std::string> args = {"qzfi"};
   args.insert(args.end(), request.args.begin(), request.args.end());
+  // The record whose nodes this host has no more use for once the command
+  // has run: the source's after deport, the copy's after move (release
+  // drops its own).
+  std::string done;
+  try {
+    const Options options = parseOptions(args);
+    if ((options.commandName == "deport" || options.commandName == "move") &&
+        !options.record.empty()) {
+      done = realRecordFile(options.record);
+    }
+  } catch (const std::exception&) {
+    // The command itself says what is wrong with its line.
+  }
   int code = kExitFailed;
   {
     CFrameBuffer outBuffer(connection, kFrameOut);
@@ -564,11 +577,16 @@ int CAgentServer::runRequest(CAgentConnection& connection, const std::string& pa
     err.flush();
   }
   connection.send(kFrameExit, std::to_string(code));
+  if (!done.empty()) {
+    m_state->forget(done);
+  }
+  m_state->forgetGone();
   if (fchdir(m_home) != 0) {
     m_err << "qzfi serve: " << systemError("cannot return to the agent's folder") << std::endl;
   }
   m_err << "qzfi serve: uid " << uid << ": " << commandText(request.args) << ": exit " << code
-        << (connection.open() ? "" : " (the client had gone)") << std::endl;
+        << (connection.open() ? "" : " (the client had gone)") << "; " << m_state->nodes()
+        << " node(s) kept" << std::endl;
   return code;
 }
 

@@ -1,6 +1,9 @@
 // The agent's plug-in and kept nodes.
 #include "agent_state.h"
 
+#include <errno.h>
+#include <sys/stat.h>
+
 namespace qzfi_host {
 
 CAgentState::CAgentState(std::unique_ptr<CPluginLibrary> plugin) : m_plugin(std::move(plugin)) {}
@@ -34,6 +37,20 @@ void CAgentState::keep(const std::string& record, NodeRole role, std::unique_ptr
 void CAgentState::forget(const std::string& record) {
   m_nodes.erase({record, NodeRole::source});
   m_nodes.erase({record, NodeRole::copy});
+}
+
+size_t CAgentState::forgetGone() {
+  size_t gone = 0;
+  for (auto kept = m_nodes.begin(); kept != m_nodes.end();) {
+    struct stat file {};
+    if (lstat(kept->first.first.c_str(), &file) != 0 && errno == ENOENT) {
+      kept = m_nodes.erase(kept);
+      ++gone;
+    } else {
+      ++kept;
+    }
+  }
+  return gone;
 }
 
 }  // namespace qzfi_host

@@ -4,6 +4,12 @@
 // takes a record's node back only while the record still holds that state;
 // otherwise (another host or the one-shot form moved the record on) the node
 // is restored from the record as a new process would.
+//
+// Nodes are kept only while this host has more to do with them: the agent
+// forgets a record's nodes once its host's part is done (after deport on the
+// source's host, after move on the host that moved the copy on, after
+// release) and once the record's file is gone, so that an agent that serves
+// for months holds the nodes of the backups under way, not of every backup.
 #ifndef QZFI_HOST_AGENT_STATE_H
 #define QZFI_HOST_AGENT_STATE_H
 
@@ -44,6 +50,8 @@ class CAgentState {
             const ProviderState& state);
   // The record's nodes dropped: the backup is over.
   void forget(const std::string& record);
+  // The nodes of every record whose file is gone dropped; how many.
+  size_t forgetGone();
   // The nodes kept now.
   size_t nodes() const { return m_nodes.size(); }
 

@@ -259,7 +259,7 @@ int CQzVMSupport::getDGSize(const std::string& dg, unsigned long long& size) {
 }
 
 int CQzVMSupport::getDisksForDG(const char* dg, std::vector<std::string>& disks) {
-  SDGInfo& info = m_dgInfo[dg];
+  SDGInfo& info = cacheEntry(m_dgInfo, dg);
   info.name = dg;
   if (fromCache(info.disks, disks, "getDisksForDG")) {
     return 0;

@@ -29,13 +29,13 @@ int CQzVMSupport::qzvmScanDisks(const std::vector<std::string>& devices) {
   trace(3, "Debug: qzvmscandisks -- initializing devices in map");
   CQzVMCommandLine command = tool("qzdisk  ", " scandisks ");
   for (size_t i = 0; i < devices.size(); ++i) {
-    m_scannedDevices[devices[i]] = devices[i];
+    cacheEntry(m_scannedDevices, devices[i]) = devices[i];
     command.add(i == 0 ? " device=" : ",", devices[i]);
   }
   std::vector<std::string> output;
   int status = run(command, output);
   for (const std::string& device : devices) {
-    m_scannedDevices[device] = device;
+    cacheEntry(m_scannedDevices, device) = device;
   }
   return status;
 }
@@ -158,7 +158,7 @@ int CQzVMSupport::pathsOfNode(const std::string& node, std::vector<std::string>&
     return 1;
   }
   // The cache keeps the preferred (first) path of the node.
-  SDisksInfo& cached = m_dmpPathInfo[node];
+  SDisksInfo& cached = cacheEntry(m_dmpPathInfo, node);
   cached.name = node;
   cached.osName = taken.front();
   osDisks.insert(osDisks.end(), taken.begin(), taken.end());

@@ -35,7 +35,7 @@ int CQzVMSupport::getVolPrivInfoPerAltDisk(const std::string& disk,
 }
 
 int CQzVMSupport::getVolPrivInfoPerDisk(const std::string& disk, std::vector<std::string>& lines) {
-  SDisksInfo& cached = m_disksInfo[disk];
+  SDisksInfo& cached = cacheEntry(m_disksInfo, disk);
   cached.name = disk;
   if (fromCache(cached.listing, lines, "getVolPrivInfoPerDisk")) {
     return 0;
@@ -218,7 +218,7 @@ int CQzVMSupport::initDisks(const std::vector<std::string>& disks,
 }
 
 int CQzVMSupport::getDGConfigInVector(const std::string& dg, std::vector<std::string>& lines) {
-  SDGInfo& cached = m_dgInfo[dg];
+  SDGInfo& cached = cacheEntry(m_dgInfo, dg);
   cached.name = dg;
   if (fromCache(cached.config, lines, "getDGConfiginVector")) {
     return 0;

@@ -19,6 +19,17 @@ CQzVMSupport::CQzVMSupport() {
 
 CQzVMSupport::~CQzVMSupport() = default;
 
+void CQzVMSupport::clearCaches() {
+  m_dgInfo.clear();
+  m_disksInfo.clear();
+  m_dmpPathInfo.clear();
+  m_scannedDevices.clear();
+}
+
+size_t CQzVMSupport::cachedEntries() const {
+  return m_dgInfo.size() + m_disksInfo.size() + m_dmpPathInfo.size() + m_scannedDevices.size();
+}
+
 void CQzVMSupport::registerTraceLog(const qzfi_pdk_4_4::CFiTraceLogPtr& log) {
   CFiTraceable::registerTraceLog(log);
   m_cliTool.registerTraceLog(log);

@@ -83,6 +83,18 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
 
   const SQzVMCliPath& cliPath() const { return m_cliPath; }
 
+  // --- the caches of tool listings (group configurations and disks, disks'
+  // private regions, multipath nodes' paths, scanned devices) ---
+  // The most entries one cache keeps: a long-lived process (the host's
+  // agent) meets new group and disk names with every backup, and a cache
+  // that reaches this starts afresh before it takes a new name. Far above
+  // what one command on a thousand-disk host uses.
+  static constexpr size_t kMaxCachedEntries = 4096;
+  // Every cache dropped: what is asked next is read from the tools again.
+  void clearCaches();
+  // The entries of all the caches together.
+  size_t cachedEntries() const;
+
   // --- installation probes and device names (install.cc) ---
   bool isInstalled();
   bool isCommandAvailable(const std::string& directory, const std::string& tool);
@@ -294,6 +306,16 @@ class CQzVMSupport : public virtual qzfi_pdk_4_4::CFiTraceable {
   // trace of operation; false when nothing is cached.
   bool fromCache(const std::vector<std::string>& cached, std::vector<std::string>& lines,
                  const char* operation);
+
+  // The entry of key in cache, made when missing; a full cache is emptied
+  // first. A reference taken here is used before the next one is taken.
+  template <class Map>
+  typename Map::mapped_type& cacheEntry(Map& cache, const std::string& key) {
+    if (cache.size() >= kMaxCachedEntries && cache.find(key) == cache.end()) {
+      cache.clear();
+    }
+    return cache[key];
+  }
 
   std::map<std::string, SDGInfo> m_dgInfo;
   std::map<std::string, SDisksInfo> m_disksInfo;

@@ -1,7 +1,10 @@
 // A soak of the hosts' agents: backup cycles (prepare and deport on A, the
 // array's split to B, import and release on B) with both agents running the
-// whole time. Every copy's data must be the source's; each agent's resident
-// memory must not grow between the warm-up and the end; the installation
+// whole time, each cycle with a record of its own that stays behind, as a
+// backup server's catalogue keeps them. Every copy's data must be the
+// source's; each agent forgets a record's nodes when its host's part is done
+// (A after deport, B after release); each agent's resident memory must not
+// grow between the warm-up and the end; the installation
 // probe and the delayed initialisation run once in each agent's life. The
 // sanitizer build runs fewer cycles, and checks the agents' leaks at exit.
 #include <sys/stat.h>
@@ -44,6 +47,16 @@ class AgentSoakTest : public QzfiTest {
     return count;
   }
 
+  static std::string lastLine(const std::string& text) {
+    const size_t end = text.find_last_not_of('\n');
+    if (end == std::string::npos) {
+      return "";
+    }
+    const size_t start = text.rfind('\n', end);
+    const size_t from = start == std::string::npos ? 0 : start + 1;
+    return text.substr(from, end + 1 - from);
+  }
+
   // A command sent to an agent, then the blast-radius check of the runs
   // the agent made for it.
   QzfiRun agent(const CAgentProcess& to, const qzfi_e2e::Lines& args) {
@@ -52,26 +65,33 @@ class AgentSoakTest : public QzfiTest {
 
   // One backup cycle; false (with a failure) when a step did not work.
   bool cycle(const CAgentProcess& a, const CAgentProcess& b, int n) {
-    const QzfiRun prepared = agent(a, {"prepare", "/dev/qz/dsk/dg1/vol1", "--record", record()});
+    const std::string cycleRecord = root() + "/cycle-" + std::to_string(n) + ".json";
+    const QzfiRun prepared = agent(a, {"prepare", "/dev/qz/dsk/dg1/vol1", "--record", cycleRecord});
     EXPECT_EQ(0, prepared.status) << "cycle " << n << ": " << prepared;
+    // The split reads the disks from the fixture's record: a link to this
+    // cycle's.
+    std::filesystem::remove(record());
+    std::filesystem::create_symlink(cycleRecord, record());
     const std::string secondary = splitTo("B");
-    const QzfiRun deported = agent(a, {"deport", "--record", record()});
+    const QzfiRun deported = agent(a, {"deport", "--record", cycleRecord});
     EXPECT_EQ(0, deported.status) << "cycle " << n << ": " << deported;
     const QzfiRun imported =
-        agent(b, {"--quiet", "import", "--record", record(), "--secondary", secondary});
+        agent(b, {"--quiet", "import", "--record", cycleRecord, "--secondary", secondary});
     EXPECT_EQ(0, imported.status) << "cycle " << n << ": " << imported;
     if (imported.status != 0) {
       return false;
     }
     const auto [group, volume] = groupAndVolume(qzfi_e2e::linesOf(imported.out).at(0));
     EXPECT_EQ(m_sourceSum, checksum("B", group, volume)) << "cycle " << n;
-    const QzfiRun released = agent(b, {"release", "--record", record()});
+    const QzfiRun released = agent(b, {"release", "--record", cycleRecord});
     EXPECT_EQ(0, released.status) << "cycle " << n << ": " << released;
     // The array takes the copy's LUNs back, and the next cycle starts anew.
     for (const SimDisk& copy : m_copies) {
       admin({"disk", "remove", copy.lun});
     }
-    std::filesystem::remove(record());
+    // Each agent is done with the record: it keeps none of its nodes.
+    EXPECT_THAT(lastLine(a.log()), ::testing::EndsWith(": exit 0; 0 node(s) kept")) << n;
+    EXPECT_THAT(lastLine(b.log()), ::testing::EndsWith(": exit 0; 0 node(s) kept")) << n;
     return prepared.status == 0 && deported.status == 0 && released.status == 0;
   }
 };

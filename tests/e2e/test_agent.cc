@@ -213,6 +213,12 @@ TEST_F(AgentTest, ABackupThroughAgentsOnAAndBMakesTheCopyAndKeepsTheNodes) {
   EXPECT_EQ(0, a->stop()) << a->log();
   EXPECT_EQ(0, b->stop()) << b->log();
   EXPECT_THAT(a->log(), HasSubstr("deport --record " + record() + ": exit 0"));
+  // Each agent forgot the record's nodes when its host's part was done:
+  // A after deport, B after release.
+  EXPECT_THAT(a->log(), HasSubstr("prepare " + kSource + " --record " + record() +
+                                  ": exit 0; 1 node(s) kept"));
+  EXPECT_THAT(a->log(), HasSubstr("deport --record " + record() + ": exit 0; 0 node(s) kept"));
+  EXPECT_THAT(b->log(), HasSubstr("release --record " + record() + ": exit 0; 0 node(s) kept"));
   expectConsistent();
 }
 
@@ -588,6 +594,19 @@ TEST_F(AgentTest, ASlowClientDelaysNeitherAnotherClientNorTheStop) {
   EXPECT_EQ(0, a.stop()) << a.log();
   EXPECT_LT(secondsSince(start), 1.0);
   EXPECT_EQ(8, qzfi_e2e::readReply(half).code);
+}
+
+// An agent forgets the nodes of a record whose file is gone: a backup given
+// up half-way holds no memory for the agent's life.
+TEST_F(AgentTest, TheNodesOfARecordWhoseFileIsGoneAreForgotten) {
+  makeSource();
+  auto a = startAgent("A");
+  ASSERT_EQ(0, agent(*a, {"prepare", kSource, "--record", record()}).status);
+  EXPECT_THAT(a->log(), HasSubstr(": exit 0; 1 node(s) kept"));
+  ASSERT_EQ(0, unlink(record().c_str()));
+  ASSERT_EQ(0, agent(*a, {"version"}).status);
+  EXPECT_THAT(a->log(), HasSubstr("version: exit 0; 0 node(s) kept"));
+  EXPECT_EQ(0, a->stop()) << a->log();
 }
 
 }  // namespace
