@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 
+#include "fsutil.h"
 #include "sim.h"
 #include "text.h"
 #include "tools.h"
@@ -215,6 +216,35 @@ void checkDisks(Db& db, Problems& p) {
   for (const auto& r : db.query("SELECT name FROM hosts")) checkName("", "host", r[0].s, p);
 }
 
+// The device nodes of every host whose nodes are of the current generation
+// (a host behind it brings them up to date at its next run) are what a
+// full sync would make: the nodes that runs brought up to date disk by disk
+// are checked against the whole model.
+void checkNodes(Db& db, const std::string& root, Problems& p) {
+  const int64_t gen = db.queryInt("SELECT value FROM seq WHERE name='gen'", {}, 0);
+  for (const auto& r : db.query("SELECT name FROM hosts WHERE synced_gen=?", {gen})) {
+    Sim s(db, root, r[0].s);
+    std::set<std::string> wanted, present;
+    for (const auto& w : s.wantedNodes(false)) wanted.insert(w.path);
+    const std::string dir = hostDir(root, s.host.name) + "/";
+    for (const char* flat : {"dev_qz/dmp", "dev_qz/rdmp", "dev_os"})
+      for (const auto& n : listDir(dir + flat)) present.insert(std::string(flat) + "/" + n);
+    for (const char* groups : {"dev_qz/dsk", "dev_qz/rdsk"})
+      for (const auto& g : listDir(dir + groups)) {
+        const std::string folder = std::string(groups) + "/" + g;
+        present.insert(folder + "/");
+        for (const auto& n : listDir(dir + folder)) present.insert(folder + "/" + n);
+      }
+    for (const auto& w : wanted) {
+      present.erase(w.substr(0, w.rfind('/') + 1));  // its group's folder
+      if (!present.erase(w))
+        p.push_back("host " + s.host.name + ": device node " + w + " is missing");
+    }
+    for (const auto& n : present)
+      p.push_back("host " + s.host.name + ": " + n + " is not a device node of the host");
+  }
+}
+
 }  // namespace
 
 int checkMain() {
@@ -232,6 +262,7 @@ int checkMain() {
   checkLinks(db, p);
   checkDisks(db, p);
   checkGroups(db, root, p);
+  checkNodes(db, root, p);
   int64_t runs = db.queryInt("SELECT count(*) FROM runs", {}, 0);
   int64_t groups = db.queryInt("SELECT count(*) FROM imports", {}, 0);
   db.commit();

@@ -35,6 +35,8 @@ CREATE TABLE IF NOT EXISTS imports(
   shared INTEGER DEFAULT 0, PRIMARY KEY(host, dgid));
 CREATE TABLE IF NOT EXISTS members(
   host TEXT, dgid TEXT, dm TEXT, disk INTEGER, PRIMARY KEY(host, dgid, dm));
+CREATE INDEX IF NOT EXISTS paths_by_disk ON paths(host, disk);
+CREATE INDEX IF NOT EXISTS members_by_disk ON members(host, disk);
 CREATE TABLE IF NOT EXISTS nodes(
   host TEXT, key TEXT, path TEXT, uid INTEGER, gid INTEGER, mode INTEGER,
   PRIMARY KEY(host, key));

@@ -441,6 +441,7 @@ bool Sim::deleteOsPath(const std::string& osname) {
       db.queryInt("SELECT disk FROM paths WHERE host=? AND osname=?", {host.name, osname}, 0);
   if (!disk)
     return false;
+  touchDisk(disk);
   std::string name = daName(loadDisk(db, disk));
   db.exec("DELETE FROM paths WHERE host=? AND osname=?", {host.name, osname});
   if (!hasPath(disk)) {
@@ -452,13 +453,7 @@ bool Sim::deleteOsPath(const std::string& osname) {
 
 namespace {
 
-// A device node the host should have: its key in the nodes table (stable
-// across renames and re-imports), its path below the host folder and the
-// mode it starts with.
-struct WantedNode {
-  std::string key, path;
-  mode_t mode;
-};
+using WantedNode = Sim::WantedNode;
 
 struct NodeRow {
   std::string path;
@@ -544,9 +539,8 @@ void keepOwners(Db& db, const std::string& host, NodeFolders* folders,
 
 // Makes a missing node with the owner and mode it had last, or its own
 // mode. Never through a link: a name taken meanwhile leaves it unmade.
-void makeNode(Db& db, const std::string& host, NodeFolders* folders, const WantedNode& w,
-              const std::map<std::string, NodeRow>& rows) {
-  const int folder = folders->open(folderPart(w.path), true);
+void makeNodeIn(Db& db, const std::string& host, int folder, const WantedNode& w,
+                const std::map<std::string, NodeRow>& rows) {
   int fd = openat(folder, namePart(w.path).c_str(),
                   O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, w.mode);
   if (fd < 0)
@@ -567,6 +561,11 @@ void makeNode(Db& db, const std::string& host, NodeFolders* folders, const Wante
   db.exec("INSERT OR REPLACE INTO nodes(host, key, path, uid, gid, mode) VALUES(?,?,?,?,?,?)",
           {host, w.key, w.path, static_cast<int64_t>(st.st_uid), static_cast<int64_t>(st.st_gid),
            static_cast<int64_t>(st.st_mode & 07777)});
+}
+
+void makeNode(Db& db, const std::string& host, NodeFolders* folders, const WantedNode& w,
+              const std::map<std::string, NodeRow>& rows) {
+  makeNodeIn(db, host, folders->open(folderPart(w.path), true), w, rows);
 }
 
 bool validNames(std::initializer_list<std::string> names) {
@@ -601,67 +600,147 @@ void Sim::sync(bool changed) {
   // whose files are of an older one syncs at its next run.
   int64_t gen =
       changed ? db.nextSeq("gen") : db.queryInt("SELECT value FROM seq WHERE name='gen'", {}, 0);
+  // A run that named everything it changed, on a host whose nodes were up
+  // to date before it, brings up to date only what it named.
+  const bool scoped = changed && (!touchedDisks_.empty() || !touchedGroups_.empty()) &&
+                      gen == host.syncedGen + 1 &&
+                      db.queryInt("SELECT count(*) FROM hosts WHERE name=? AND synced_gen=?",
+                                  {host.name, host.syncedGen}, 0) > 0;
   if (!changed && gen == host.syncedGen)
     return;
-  syncHostFiles();
+  if (scoped)
+    syncTouched();
+  else
+    syncHostFiles();
+  touchedDisks_.clear();
+  touchedGroups_.clear();
   db.exec("UPDATE hosts SET synced_gen=? WHERE name=?", {gen, host.name});
   host.syncedGen = gen;
 }
 
-void Sim::syncHostFiles() {
+namespace {
+
+// The volume and volume-set nodes of a group imported as dgname.
+void groupVolNodes(const std::string& dgid, const std::string& dgname, const GroupConfig& cfg,
+                   std::vector<WantedNode>* out) {
+  std::vector<std::string> objs;
+  for (const auto& v : cfg.vols) objs.push_back(v.name);
+  for (const auto& v : cfg.vsets) objs.push_back(v.name);
+  for (const auto& obj : objs) {
+    if (!validNames({dgname, obj}))
+      continue;
+    for (const char* kind : {"dsk", "rdsk"})
+      out->push_back({std::string(kind) + ":" + dgid + ":" + obj,
+                      std::string("dev_qz/") + kind + "/" + dgname + "/" + obj, 0600});
+  }
+}
+
+const char* kDmpDiskCols = "id, enclosure, encl_index, pformat, privslice, pubslice";
+
+Disk dmpDiskFromRow(const Row& r) {
+  Disk d;  // what the node names need
+  d.id = r[0].i;
+  d.enclosure = r[1].s;
+  d.enclIndex = r[2].i;
+  d.pformat = r[3].s;
+  d.privslice = r[4].i;
+  d.pubslice = r[5].i;
+  return d;
+}
+
+void osNode(const std::string& osname, std::vector<WantedNode>* out) {
+  if (validNames({osname}))
+    out->push_back({"os:" + osname, "dev_os/" + osname, 0660});
+}
+
+}  // namespace
+
+void Sim::dmpNodes(const Disk& d, std::vector<WantedNode>* out) {
+  std::string da = daName(d);
+  std::vector<std::string> names = {da};
+  for (int64_t slice : {d.pubslice, d.privslice})
+    if (d.initialized() && slice != 9999 && names.back() != da + "s" + std::to_string(slice))
+      names.push_back(da + "s" + std::to_string(slice));
+  for (const auto& n : names) {
+    if (!validNames({n}))
+      continue;
+    for (const char* kind : {"dmp", "rdmp"})
+      out->push_back({std::string(kind) + ":" + n, std::string("dev_qz/") + kind + "/" + n, 0660});
+  }
+}
+
+std::vector<WantedNode> Sim::wantedNodes(bool disableLost) {
   std::vector<WantedNode> wanted;
   for (const auto& imp : imports()) {
     Group g;
     if (!loadImported(imp.first, &g))
       continue;
-    // A group whose disks all lost their paths has lost every configuration
-    // copy: it is disabled, and stays so until it is deported.
-    bool reachable = false;
-    for (const auto& dd : g.dmDisk)
-      for (const auto& p : paths(dd.second)) reachable = reachable || p.enabled;
-    if (!g.disabled && !reachable)
-      setDisabled(g.dgid);
-    std::vector<std::string> objs;
-    for (const auto& v : g.cfg.vols) objs.push_back(v.name);
-    for (const auto& v : g.cfg.vsets) objs.push_back(v.name);
-    for (const auto& obj : objs) {
-      if (!validNames({imp.second, obj}))
-        continue;
-      for (const char* kind : {"dsk", "rdsk"})
-        wanted.push_back({std::string(kind) + ":" + imp.first + ":" + obj,
-                          std::string("dev_qz/") + kind + "/" + imp.second + "/" + obj, 0600});
-    }
+    if (disableLost)
+      disableIfUnreachable(g);
+    groupVolNodes(imp.first, imp.second, g.cfg, &wanted);
   }
-  std::set<std::string> osnames;
-  for (const auto& r : db.query("SELECT osname FROM paths WHERE host=?", {host.name})) {
-    osnames.insert(r[0].s);
-    if (validNames({r[0].s}))
-      wanted.push_back({"os:" + r[0].s, "dev_os/" + r[0].s, 0660});
-  }
+  for (const auto& r : db.query("SELECT osname FROM paths WHERE host=?", {host.name}))
+    osNode(r[0].s, &wanted);
+  for (const auto& r : db.query(std::string("SELECT ") + kDmpDiskCols +
+                                    " FROM disks WHERE id IN (SELECT disk FROM hostdisks "
+                                    "WHERE host=? AND discovered=1)",
+                                {host.name}))
+    dmpNodes(dmpDiskFromRow(r), &wanted);
+  return wanted;
+}
+
+std::vector<WantedNode> Sim::diskNodes(int64_t disk) {
+  std::vector<WantedNode> out;
   for (const auto& r :
-       db.query("SELECT id, enclosure, encl_index, pformat, privslice, pubslice FROM disks "
-                "WHERE id IN (SELECT disk FROM hostdisks WHERE host=? AND discovered=1)",
-                {host.name})) {
-    Disk d;  // what the node names need
-    d.id = r[0].i;
-    d.enclosure = r[1].s;
-    d.enclIndex = r[2].i;
-    d.pformat = r[3].s;
-    d.privslice = r[4].i;
-    d.pubslice = r[5].i;
-    std::string da = daName(d);
-    std::vector<std::string> names = {da};
-    for (int64_t slice : {d.pubslice, d.privslice})
-      if (d.initialized() && slice != 9999 && names.back() != da + "s" + std::to_string(slice))
-        names.push_back(da + "s" + std::to_string(slice));
-    for (const auto& n : names) {
-      if (!validNames({n}))
-        continue;
-      for (const char* kind : {"dmp", "rdmp"})
-        wanted.push_back(
-            {std::string(kind) + ":" + n, std::string("dev_qz/") + kind + "/" + n, 0660});
-    }
-  }
+       db.query("SELECT osname FROM paths WHERE host=? AND disk=?", {host.name, disk}))
+    osNode(r[0].s, &out);
+  if (db.queryInt("SELECT discovered FROM hostdisks WHERE host=? AND disk=?", {host.name, disk},
+                  0) == 0)
+    return out;
+  for (const auto& r :
+       db.query(std::string("SELECT ") + kDmpDiskCols + " FROM disks WHERE id=?", {disk}))
+    dmpNodes(dmpDiskFromRow(r), &out);
+  return out;
+}
+
+std::vector<WantedNode> Sim::groupNodes(const std::string& dgid) {
+  std::vector<WantedNode> out;
+  std::string name =
+      db.queryText("SELECT dgname FROM imports WHERE host=? AND dgid=?", {host.name, dgid}, "");
+  Group g;
+  if (!name.empty() && loadImported(dgid, &g))
+    groupVolNodes(dgid, name, g.cfg, &out);
+  return out;
+}
+
+void Sim::touchDisk(int64_t disk) {
+  if (!touchedDisks_.count(disk))
+    touchedDisks_[disk] = diskNodes(disk);
+}
+
+void Sim::touchGroup(const std::string& dgid) {
+  if (!touchedGroups_.count(dgid))
+    touchedGroups_[dgid] = groupNodes(dgid);
+}
+
+// A group whose disks all lost their paths has lost every configuration
+// copy: it is disabled, and stays so until it is deported.
+void Sim::disableIfUnreachable(const Group& g) {
+  if (g.disabled)
+    return;
+  if (db.queryInt("SELECT EXISTS (SELECT 1 FROM members m JOIN hostdisks h ON h.host=m.host AND "
+                  "h.disk=m.disk AND h.inview=1 JOIN paths p ON p.host=m.host AND "
+                  "p.disk=m.disk AND p.enabled=1 WHERE m.host=? AND m.dgid=?)",
+                  {host.name, g.dgid}, 0) == 0)
+    setDisabled(g.dgid);
+}
+
+void Sim::syncHostFiles() {
+  std::vector<WantedNode> wanted = wantedNodes(true);
+  std::set<std::string> osnames;
+  for (const auto& w : wanted)
+    if (startsWith(w.path, "dev_os/"))
+      osnames.insert(w.path.substr(7));
 
   std::map<std::string, NodeRow> rows;
   for (const auto& r :
@@ -680,17 +759,103 @@ void Sim::syncHostFiles() {
     if (!present.count(w.path))
       makeNode(db, host.name, &folders, w, rows);
   }
-  syncSandboxDisks(osnames);
+  syncSandboxDisks(osnames, nullptr);
+}
+
+void Sim::syncTouched() {
+  std::map<std::string, WantedNode> wanted, seen;  // by path: after the change; either
+  std::set<std::string> groupFolders;              // "dev_qz/dsk/NAME" before the change
+  std::set<std::string> dgids;  // groups whose reachability a touched disk may change
+  for (const auto& t : touchedDisks_) {
+    for (const auto& w : t.second) seen[w.path] = w;
+    for (const auto& w : diskNodes(t.first)) wanted[w.path] = seen[w.path] = w;
+    for (const auto& r :
+         db.query("SELECT dgid FROM members WHERE host=? AND disk=?", {host.name, t.first}))
+      dgids.insert(r[0].s);
+  }
+  for (const auto& t : touchedGroups_) {
+    for (const auto& w : t.second) {
+      seen[w.path] = w;
+      groupFolders.insert(folderPart(w.path));
+    }
+    for (const auto& w : groupNodes(t.first)) wanted[w.path] = seen[w.path] = w;
+    dgids.insert(t.first);
+  }
+  for (const auto& dgid : dgids) {
+    Group g;
+    if (loadImported(dgid, &g))
+      disableIfUnreachable(g);
+  }
+  const std::string dir = hostDir(root, host.name);
+  Fd hostFolder(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!hostFolder.ok())
+    return;
+  std::map<std::string, Fd> folders;
+  auto folderOf = [&](const std::string& rel, bool create) {
+    auto it = folders.find(rel);
+    if (it == folders.end() || (create && !it->second.ok()))
+      it = folders.insert_or_assign(rel, openFolderAt(hostFolder.get(), rel, create)).first;
+    return it->second.get();
+  };
+  std::set<std::string> osnames, osSeen;
+  for (const auto& entry : seen) {
+    const WantedNode& w = entry.second;
+    const bool want = wanted.count(entry.first) > 0;
+    if (startsWith(w.path, "dev_os/")) {
+      osSeen.insert(w.path.substr(7));
+      if (want)
+        osnames.insert(w.path.substr(7));
+    }
+    const int folder = folderOf(folderPart(w.path), want);
+    if (folder < 0)
+      continue;
+    std::map<std::string, NodeRow> rows;
+    for (const auto& r : db.query("SELECT path, uid, gid, mode FROM nodes WHERE host=? AND key=?",
+                                  {host.name, w.key}))
+      rows[w.key] = {r[0].s, r[1].i, r[2].i, r[3].i};
+    struct stat st;
+    if (fstatat(folder, namePart(w.path).c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+      const bool plain = S_ISREG(st.st_mode);
+      auto row = rows.find(w.key);
+      if (plain && row != rows.end() && row->second.path == w.path &&
+          (row->second.uid != st.st_uid || row->second.gid != st.st_gid ||
+           row->second.mode != (st.st_mode & 07777))) {
+        row->second = {w.path, st.st_uid, st.st_gid, st.st_mode & 07777};
+        db.exec("UPDATE nodes SET uid=?, gid=?, mode=? WHERE host=? AND key=?",
+                {row->second.uid, row->second.gid, row->second.mode, host.name, w.key});
+      }
+      if (want && plain)
+        continue;
+      removeAt(folder, namePart(w.path));
+    }
+    if (want)
+      makeNodeIn(db, host.name, folder, w, rows);
+  }
+  // The folder of a group no longer imported under that name.
+  for (const auto& rel : groupFolders) {
+    const std::string name = namePart(rel);
+    if (db.queryInt("SELECT count(*) FROM imports WHERE host=? AND dgname=?", {host.name, name},
+                    0) > 0)
+      continue;
+    for (const char* kind : {"dev_qz/dsk", "dev_qz/rdsk"}) {
+      const int folder = folderOf(kind, false);
+      if (folder >= 0)
+        removeAt(folder, name);
+    }
+  }
+  syncSandboxDisks(osnames, &osSeen);
 }
 
 // Inside a sandbox that shows this host, /dev/sdX are links into the host's
 // OS disk nodes. Never anywhere else: the machine's /dev is not ours.
-void Sim::syncSandboxDisks(const std::set<std::string>& osnames) {
+void Sim::syncSandboxDisks(const std::set<std::string>& osnames,
+                           const std::set<std::string>* only) {
   if (!sameFile(kSandboxOsDir, devOsDir(root, host.name)))
     return;
   const std::string link = std::string(kSandboxOsDir).substr(5) + "/";  // ".qzsim-os/"
   char buf[PATH_MAX];
-  for (const std::string& name : listDir("/dev")) {
+  for (const std::string& name :
+       only ? std::vector<std::string>(only->begin(), only->end()) : listDir("/dev")) {
     if (!isOsDiskName(name))
       continue;
     std::string path = "/dev/" + name;

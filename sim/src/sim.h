@@ -162,8 +162,35 @@ class Sim {
   // and disables groups that lost every disk.
   void syncHostFiles();
 
+  // A run whose every change concerns the disks and groups it names here,
+  // each named before it is changed, brings up to date only their device
+  // nodes (when the host's nodes were up to date before it): a delete, a
+  // scan or an import on a host of a thousand disks costs what it changes.
+  void touchDisk(int64_t disk);
+  void touchGroup(const std::string& dgid);
+
+  // A device node the host should have: its key in the nodes table (stable
+  // across renames and re-imports), its path below the host folder and the
+  // mode it starts with.
+  struct WantedNode {
+    std::string key, path;
+    unsigned mode;
+  };
+  // The nodes the model gives the host (a full sync's list); disableLost:
+  // disables the groups that lost every disk on the way.
+  std::vector<WantedNode> wantedNodes(bool disableLost);
+
  private:
-  void syncSandboxDisks(const std::set<std::string>& osnames);
+  // Links /dev/sdX for osnames; only: the names to look at (all of /dev
+  // when null).
+  void syncSandboxDisks(const std::set<std::string>& osnames, const std::set<std::string>* only);
+  void syncTouched();
+  void dmpNodes(const Disk& d, std::vector<WantedNode>* out);
+  void disableIfUnreachable(const Group& g);
+  std::vector<WantedNode> diskNodes(int64_t disk);
+  std::vector<WantedNode> groupNodes(const std::string& dgid);
+  std::map<int64_t, std::vector<WantedNode>> touchedDisks_;  // nodes before the change
+  std::map<std::string, std::vector<WantedNode>> touchedGroups_;
   std::map<std::string, GroupConfig> parsedConfigs_;  // by configuration text
 };
 

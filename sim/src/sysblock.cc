@@ -5,6 +5,11 @@
 // gone for the next open. Everything is read from the simulation database
 // at each request, so paths attached later show at once.
 //
+// Requests are served by several threads, each with its own connection to
+// the database: a lookup or a listing never waits behind a delete of
+// another path (which waits for the database's write lock and then brings
+// up to date the device nodes of that path's disk only).
+//
 // Usage (run by the sandbox): qzsim-sysblock ROOT HOST MOUNTPOINT READYFD
 // It mounts, writes "ok\n" (or why it could not) to READYFD and serves until
 // it is killed.
@@ -21,6 +26,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -39,11 +45,20 @@ enum Kind { kPathDir = 0, kDeviceDir = 1, kDeleteFile = 2 };
 
 struct Server {
   std::string root, host;
-  Db* db = nullptr;
+  std::mutex mutex;  // guards index and names
   std::map<std::string, uint64_t> index;
   std::vector<std::string> names;
 
+  // This thread's connection to the database.
+  Db& db() {
+    thread_local std::unique_ptr<Db> conn;
+    if (!conn)
+      conn = std::make_unique<Db>(qzsim::dbPath(root));
+    return *conn;
+  }
+
   fuse_ino_t ino(const std::string& name, Kind kind) {
+    std::lock_guard<std::mutex> lock(mutex);
     auto it = index.find(name);
     if (it == index.end()) {
       it = index.emplace(name, names.size()).first;
@@ -52,35 +67,49 @@ struct Server {
     return 2 + it->second * 3 + kind;
   }
   // The path an inode belongs to; false for the root or an unknown inode.
-  bool decode(fuse_ino_t ino, std::string* name, Kind* kind) const {
+  bool decode(fuse_ino_t ino, std::string* name, Kind* kind) {
+    std::lock_guard<std::mutex> lock(mutex);
     if (ino < 2 || (ino - 2) / 3 >= names.size())
       return false;
     *name = names[(ino - 2) / 3];
     *kind = static_cast<Kind>((ino - 2) % 3);
     return true;
   }
+  // A database that cannot be read shows no path.
   bool present(const std::string& name) {
-    return db->queryInt("SELECT count(*) FROM paths WHERE host=? AND osname=?", {host, name}, 0) >
-           0;
+    try {
+      return db().queryInt("SELECT count(*) FROM paths WHERE host=? AND osname=?", {host, name},
+                           0) > 0;
+    } catch (...) {
+      return false;
+    }
   }
   std::vector<std::string> osnames() {
     std::vector<std::string> out;
-    for (const auto& r : db->query("SELECT osname FROM paths WHERE host=? ORDER BY osname", {host}))
-      out.push_back(r[0].s);
+    try {
+      for (const auto& r :
+           db().query("SELECT osname FROM paths WHERE host=? ORDER BY osname", {host}))
+        out.push_back(r[0].s);
+    } catch (...) {
+      out.clear();
+    }
     return out;
   }
   // Takes the path away, as a write of "1" to its delete file does.
   bool remove(const std::string& name) {
+    Db* conn = nullptr;
     try {
-      db->begin();
-      qzsim::Sim s(*db, root, host);
+      conn = &db();
+      conn->begin();
+      qzsim::Sim s(*conn, root, host);
       s.deleteOsPath(name);
       s.sync(true);
-      db->commit();
+      conn->commit();
       return true;
     } catch (...) {
       try {
-        db->rollback();
+        if (conn)
+          conn->rollback();
       } catch (...) {
       }
       return false;
@@ -243,10 +272,8 @@ int main(int argc, char** argv) {
   Server srv;
   srv.root = argv[1];
   srv.host = argv[2];
-  std::unique_ptr<Db> db;
   try {
-    db = std::make_unique<Db>(qzsim::dbPath(srv.root));
-    qzsim::Sim::loadHost(*db, srv.host);
+    qzsim::Sim::loadHost(srv.db(), srv.host);
   } catch (const qzsim::ToolError& e) {
     report(ready, e.text + "\n");
     return 1;
@@ -254,7 +281,6 @@ int main(int argc, char** argv) {
     report(ready, std::string(e.what()) + "\n");
     return 1;
   }
-  srv.db = db.get();
 
   fuse_lowlevel_ops ops;
   memset(&ops, 0, sizeof ops);
@@ -281,7 +307,11 @@ int main(int argc, char** argv) {
   }
   report(ready, "ok\n");
   // Serves until killed; the sandbox that mounted it also unmounts it.
-  int rc = fuse_session_loop(se);
+  fuse_loop_config loop;
+  memset(&loop, 0, sizeof loop);
+  loop.clone_fd = 0;
+  loop.max_idle_threads = 4;
+  int rc = fuse_session_loop_mt(se, &loop);
   fuse_session_destroy(se);
   return rc == 0 ? 0 : 1;
 }

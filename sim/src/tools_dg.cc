@@ -252,6 +252,7 @@ void importGroup(Sim& s, const ImportArgs& ia) {
   g.shared = ia.shared;
   if (importedHere)
     giveNewIdentity(s, g);
+  s.touchGroup(g.dgid);
   s.addImport(g);
 }
 
@@ -282,6 +283,7 @@ std::string otherSharer(Sim& s, const Sim::Group& g) {
 
 void deportGroup(Sim& s, const std::string& name) {
   Sim::Group g = s.requireGroup(name);
+  s.touchGroup(g.dgid);
   checkNotBusy(s, g, "deport");
   // A disabled group has lost its disks: nothing is written to them.
   if (!g.disabled) {

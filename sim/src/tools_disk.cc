@@ -216,6 +216,7 @@ void scan(Sim& s, const std::vector<std::string>& devices, bool newOnly) {
       s.db.exec("UPDATE hostdisks SET late=late-1 WHERE host=? AND disk=?", {s.host.name, id});
       continue;
     }
+    s.touchDisk(id);
     s.setView(id, true, true);
   }
   if (hide)
@@ -244,6 +245,7 @@ void removeFromView(Sim& s, const std::string& name) {
   std::string dg = s.groupOfDisk(id);
   if (!dg.empty())
     fail(kDiskInUse, "Disk " + name + " is in use by disk group " + dg);
+  s.touchDisk(id);
   s.setView(id, true, false);
 }
 
@@ -253,6 +255,7 @@ void clearImport(Sim& s, const std::string& name) {
   if (!dg.empty())
     fail(kDiskInUse, "Disk " + name + " is in use by imported disk group " + dg);
   s.requirePath(id, name);
+  s.touchDisk(id);
   Disk d = Sim::loadDisk(s.db, id);
   d.hostlock.clear();
   Sim::saveDisk(s.db, d);

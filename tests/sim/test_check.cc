@@ -110,3 +110,26 @@ TEST_F(CheckTest, SubdiskOnDiskMediaOutsideTheGroup) {
 }
 
 }  // namespace qzsim
+
+namespace qzsim {
+
+// A host's device nodes, brought up to date disk by disk, are checked
+// against what the whole model gives the host.
+TEST_F(CheckTest, DeviceNodesThatDifferFromTheModel) {
+  const std::string qz = root + "/hosts/A/dev_qz";
+  ASSERT_EQ(unlink((qz + "/dsk/dg1/vol1").c_str()), 0);
+  ASSERT_TRUE(writeFile(qz + "/dmp/stray", ""));
+  ASSERT_TRUE(makeDirs(qz + "/rdsk/gone"));
+  auto p = problems();
+  EXPECT_TRUE(has(p, "PROBLEM host A: device node dev_qz/dsk/dg1/vol1 is missing"))
+      << join(p, "\n");
+  EXPECT_TRUE(has(p, "PROBLEM host A: dev_qz/dmp/stray is not a device node of the host"))
+      << join(p, "\n");
+  EXPECT_TRUE(has(p, "PROBLEM host A: dev_qz/rdsk/gone/ is not a device node of the host"))
+      << join(p, "\n");
+  EXPECT_EQ(p.size(), 3u) << join(p, "\n");
+  ok("A", "qzvol -g dg1 stop vol1");  // a full sync makes the model's nodes again
+  EXPECT_TRUE(startsWith(adminOk({"check"}), "OK ")) << adminOk({"check"});
+}
+
+}  // namespace qzsim

@@ -1,8 +1,15 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <chrono>
 
 #include <cerrno>
 #include <cstdio>
 
+#include "db.h"
+#include "sim.h"
 #include "sim_test.h"
 
 namespace qzsim {
@@ -86,6 +93,102 @@ TEST_F(SysBlockTest, LibraryProcessSeesPathsComeAndGo) {
       0);
   ok("A", "qzdisk rm qzarr0_0");  // listed in state error until removed
   EXPECT_EQ(lines(ok("A", "qzdisk list")).size(), 2u);
+}
+
+// A delete brings up to date the nodes of its disk only, and as a full
+// sync would: on a host without multipathing the disk takes the name of the
+// path it keeps, and a group whose disks lost every path is disabled.
+TEST_F(SysBlockTest, DeleteBringsUpToDateTheNodesOfItsDisk) {
+  adminOk({"host", "add", "N", "--no-dmp"});
+  // "lunN NODE N=sdX,sdY": the OS names the host gives its disks.
+  auto names = [](const std::string& line) {
+    return splitChar(line.substr(line.find("N=") + 2), ',');
+  };
+  const std::vector<std::string> two = names(addDisks(1, "N", 2)[0]);
+  const std::string one = names(addDisks(1, "N", 1)[0])[0];
+  ASSERT_EQ(two.size(), 2u);
+  makeGroup("N", "dg1", {one});
+  ok("N", "qzassist -g dg1 make vol1 10m");
+  const std::string dmp = root + "/hosts/N/dev_qz/dmp/";
+  ASSERT_EQ(access((dmp + two[0]).c_str(), F_OK), 0);
+  CommandResult r = admin({"host", "N", "--", "sh", "-c",
+                           "echo 1 > /sys/block/" + two[0] +
+                               "/device/delete && ls /dev/qz/dmp | "
+                               "tr '\\n' ' ' && test ! -e /dev/" +
+                               two[0] + " && test -e /dev/" + two[1] + " && echo linked"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, join({two[1], one, one + "s3", "linked\n"}, " ")) << r.err;
+  EXPECT_EQ(access((dmp + two[1]).c_str(), F_OK), 0);
+  EXPECT_EQ(access((dmp + two[0]).c_str(), F_OK), -1);
+  EXPECT_TRUE(startsWith(adminOk({"check"}), "OK ")) << adminOk({"check"});
+  r = admin({"host", "N", "--", "sh", "-c", "echo 1 > /sys/block/" + one + "/device/delete"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(splitBlanks(lines(ok("N", "qzdg list"))[1])[1], "disabled,cds");
+  EXPECT_EQ(access((root + "/hosts/N/dev_qz/dsk/dg1/vol1").c_str(), F_OK), 0);
+  EXPECT_TRUE(startsWith(adminOk({"check"}), "OK ")) << adminOk({"check"});
+}
+
+// Scans, imports, deports and removals name the disks and groups they
+// change; what they leave is what a full sync would make.
+TEST_F(SysBlockTest, ScanImportAndDeportKeepTheNodesWhole) {
+  auto check = [&](const std::string& step) {
+    std::string out = adminOk({"check"});
+    EXPECT_TRUE(startsWith(out, "OK ")) << step << ": " << out;
+  };
+  makeGroup("A", "dg1", {"qzarr0_0", "qzarr0_1"});
+  ok("A", "qzassist -g dg1 make vol1 10m");
+  check("made");
+  ok("A", "qzdg deport dg1");
+  check("deport");
+  EXPECT_EQ(access((root + "/hosts/A/dev_qz/dsk/dg1").c_str(), F_OK), -1);
+  ok("A", "qzdg -n dg2 import dg1");
+  check("import");
+  EXPECT_EQ(access((root + "/hosts/A/dev_qz/rdsk/dg2/vol1").c_str(), F_OK), 0);
+  addDisks(2, "A", 1);
+  ok("A", "qzdisk scandisks device=qzarr0_2");
+  check("scan of one");
+  ok("A", "qzdisk scandisks");
+  check("scan");
+  ok("A", "qzdisk rm qzarr0_3");
+  check("rm");
+  ok("A", "qzdisk clearimport qzarr0_2");
+  check("clearimport");
+}
+
+// A delete waits for the database's write lock; meanwhile the other paths
+// are looked up and listed at once.
+TEST_F(SysBlockTest, ReadersDoNotWaitBehindADelete) {
+  EXPECT_EQ(
+      inChild([&](std::string* err) {
+        if (!enterNamespace(err) || !actAsHost(root, "A", err))
+          return 10;
+        Db db(dbPath(root));
+        db.begin();  // as a tool run of another host would
+        pid_t writer = fork();
+        if (writer == 0) {
+          int fd = open("/sys/block/sdb/device/delete", O_WRONLY | O_CLOEXEC);
+          _exit(fd >= 0 && write(fd, "1", 1) == 1 && close(fd) == 0 ? 0 : 1);
+        }
+        usleep(200 * 1000);  // the delete is waiting for the lock
+        auto start = std::chrono::steady_clock::now();
+        struct stat st;
+        if (stat("/sys/block/sdc/device/delete", &st) != 0)
+          return 11;
+        if (listDir("/sys/block") != std::vector<std::string>{"sdb", "sdc", "sdd"})
+          return 12;
+        if (std::chrono::steady_clock::now() - start > std::chrono::seconds(2))
+          return 13;
+        db.commit();
+        int status = 0;
+        if (waitpid(writer, &status, 0) != writer || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
+          return 14;
+        if (access("/sys/block/sdb", F_OK) == 0 || access("/dev/sdb", F_OK) == 0)
+          return 15;
+        leaveHost();
+        return 0;
+      }),
+      0);
+  EXPECT_TRUE(startsWith(adminOk({"check"}), "OK ")) << adminOk({"check"});
 }
 
 }  // namespace qzsim
