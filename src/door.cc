@@ -221,6 +221,14 @@ SRefusal checkObjectPath(const char* where, const char* path) {
 }
 
 SRefusal checkDiskList(const char* where, const Names& disks) {
+  if (disks.size() > kMaxGroupDisks) {
+    return SRefusal{where, std::to_string(disks.size()) + " disks",
+                    "a group holds at most " + std::to_string(kMaxGroupDisks) +
+                        " disks: the command that clears the import locks of every disk "
+                        "(qzdisk clearimport) must fit the " +
+                        std::to_string(kMaxArgumentBytes) + " bytes of one argument",
+                    false};
+  }
   std::set<std::string> seen;
   for (std::string disk : disks) {
     CFiQzVMUtil::removeDevPrefix(disk);

@@ -10,6 +10,7 @@
 
 #include <qzfi/pdk.h>
 
+#include "clitool.h"
 #include "node.h"
 
 class CQzVMSupport;
@@ -26,11 +27,25 @@ struct SRefusal {
   explicit operator bool() const { return !why.empty(); }
 };
 
+// The most disks a group may hold. The import clears the import locks of
+// every copy in one command, "DIR/qzdisk  clearimport" followed by a blank
+// and a name of at most 31 characters per disk, run as the one argument of
+// "sh -c"; Linux takes at most 131,072 bytes (MAX_ARG_STRLEN, 32 pages)
+// for one argument, its closing NUL included, and the tools' folder is a
+// path of at most 4,095 characters. So (131,071 - 4,116) / 32 = 3,967
+// disks always fit, whatever their names and the folder.
+inline constexpr size_t kMaxArgumentBytes = 131072;
+inline constexpr size_t kMaxToolsFolderLength = 4095;
+inline constexpr size_t kMaxGroupDisks =
+    (kMaxArgumentBytes - 1 -
+     (kMaxToolsFolderLength + sizeof("qzdisk  ") - 1 + sizeof(" clearimport ") - 1)) /
+    (1 + kQzVMMaxNameLength);
+
 // A path given as an operation's object; a null path is the operation's own
 // concern and passes.
 SRefusal checkObjectPath(const char* where, const char* path);
 // Disks as the framework names them (device paths, or names without the
-// device folder): each a name, none named twice.
+// device folder): each a name, none named twice, at most kMaxGroupDisks.
 SRefusal checkDiskList(const char* where, const std::vector<std::string>& disks);
 // Two lists whose disks pair one to one, at the same place.
 SRefusal checkSameLength(const char* where, const std::vector<std::string>& primary,

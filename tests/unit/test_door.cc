@@ -3,6 +3,10 @@
 #include "door.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "plugin_env.h"
 #include "report.h"
@@ -96,6 +100,62 @@ TEST_F(DoorTest, DiskListsHoldNamesEachOnce) {
   EXPECT_EQ("sd;b", hostile.value);
   EXPECT_TRUE(qzvmfi_door::checkDiskList("the disks", {"/dev/../etc/passwd"}));
   EXPECT_TRUE(qzvmfi_door::checkDiskList("the disks", {""}));
+}
+
+// A group's disks, cleared of their import locks in one command: the
+// longest such command (the longest tools' folder, the longest names) at
+// the most disks still starts; one disk more is refused before anything
+// runs.
+TEST_F(DoorTest, DiskListsHoldAtMostTheDisksOfOneCommand) {
+  EXPECT_EQ(3967u, qzvmfi_door::kMaxGroupDisks);
+  auto names = [](size_t count) {
+    Lines disks;
+    for (size_t i = 0; i < count; ++i) {
+      const std::string number = std::to_string(i);
+      disks.push_back("/dev/" + std::string(31 - number.size(), 'd') + number);
+    }
+    return disks;
+  };
+  const Lines most = names(qzvmfi_door::kMaxGroupDisks);
+  EXPECT_FALSE(qzvmfi_door::checkDiskList("the secondary disk list", most));
+  const SRefusal past =
+      qzvmfi_door::checkDiskList("the secondary disk list", names(qzvmfi_door::kMaxGroupDisks + 1));
+  ASSERT_TRUE(past);
+  EXPECT_FALSE(past.name);
+  EXPECT_EQ("the secondary disk list", past.where);
+  EXPECT_EQ("3968 disks", past.value);
+  EXPECT_EQ(
+      "a group holds at most 3967 disks: the command that clears the import locks of every disk "
+      "(qzdisk clearimport) must fit the 131072 bytes of one argument",
+      past.why);
+
+  // The longest command at the limit, as the pipe runner starts it.
+  const std::string folder = "/" + std::string(qzvmfi_door::kMaxToolsFolderLength - 2, 'f') + "/";
+  ASSERT_EQ(qzvmfi_door::kMaxToolsFolderLength, folder.size());
+  CQzVMCommandLine line(folder, "qzdisk  ");
+  line.add(" clearimport ");
+  for (const std::string& disk : most) {
+    line.add(" ", disk.substr(5));
+  }
+  ASSERT_EQ(nullptr, line.refusal());
+  std::string text = line.text();
+  EXPECT_LE(text.size() + 1, qzvmfi_door::kMaxArgumentBytes);
+  // ":" in place of the tool, so that the shell only parses the line.
+  text.replace(0, line.toolPath().size(), std::string(line.toolPath().size(), ' '));
+  text[0] = ':';
+  auto runs = [](const std::string& command) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+      _exit(errno == E2BIG ? 7 : 8);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  };
+  EXPECT_EQ(0, runs(text));
+  // What the limit keeps out: the same line one disk longer does not start.
+  EXPECT_EQ(7, runs(text + " " + std::string(31, 'd')));
 }
 
 TEST_F(DoorTest, PairedListsHaveOneLength) {
