@@ -342,7 +342,6 @@ int CAgentServer::run() {
   // served.
   sd_notify(0, "READY=1");
   serve();
-  sd_notify(0, "STOPPING=1");
   removeSocket();
   m_state.reset();
   return kExitDone;
@@ -383,6 +382,7 @@ void CAgentServer::serve() {
         m_err << "qzfi serve: " << strsignal(static_cast<int>(signal.ssi_signo))
               << ": the plug-in is finalised and the agent ends" << std::endl;
       }
+      sd_notify(0, "STOPPING=1");
       ending = true;
       break;
     }

@@ -350,7 +350,12 @@ TEST_F(AgentTest, MalformedAndOversizedRequestsGetAnErrorReplyAndTheAgentGoesOn)
       tooLarge.err);
   const RawReply wrongKind = qzfi_e2e::exchange(a->socket(), qzfi_e2e::frame('Z', "x"));
   EXPECT_EQ(7, wrongKind.code);
-  EXPECT_THAT(wrongKind.err, HasSubstr("malformed request"));
+  EXPECT_EQ(
+      "qzfi: the agent refused the request: malformed request: a frame of kind 'Z' where a "
+      "request was due\n",
+      wrongKind.err);
+  const RawReply controlKind = qzfi_e2e::exchange(a->socket(), qzfi_e2e::frame('\x01', "x"));
+  EXPECT_THAT(controlKind.err, HasSubstr("a frame of kind 0x01 where a request was due"));
   const RawReply wrongVersion = qzfi_e2e::exchange(
       a->socket(), qzfi_e2e::frame('Q', std::string("qzfi-agent/9\0/\0version\0", 23)));
   EXPECT_EQ(7, wrongVersion.code);
@@ -607,6 +612,33 @@ TEST_F(AgentTest, TheNodesOfARecordWhoseFileIsGoneAreForgotten) {
   ASSERT_EQ(0, agent(*a, {"version"}).status);
   EXPECT_THAT(a->log(), HasSubstr("version: exit 0; 0 node(s) kept"));
   EXPECT_EQ(0, a->stop()) << a->log();
+}
+
+// Under systemd (Type=notify) the agent says it is ready once it serves,
+// and that it stops when SIGTERM comes.
+TEST_F(AgentTest, TheAgentTellsSystemdWhenItIsReadyAndWhenItStops) {
+  const std::string path = m_run + "/notify.sock";
+  const int notify = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  ASSERT_EQ(0, bind(notify, reinterpret_cast<const sockaddr*>(&address), sizeof address));
+  timeval limit{5, 0};
+  setsockopt(notify, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  auto receive = [&] {
+    char text[256];
+    const ssize_t n = recv(notify, text, sizeof text, 0);
+    return n > 0 ? std::string(text, static_cast<size_t>(n)) : std::string();
+  };
+  CAgentProcess a(root(), "A", m_run, {"NOTIFY_SOCKET=" + path});
+  ASSERT_EQ("", a.error());
+  EXPECT_EQ("READY=1", receive());
+  // Ready means served.
+  EXPECT_EQ(0, agent(a, {"version"}).status);
+  kill(a.pid(), SIGTERM);
+  EXPECT_EQ("STOPPING=1", receive());
+  EXPECT_EQ(0, a.wait()) << a.log();
+  close(notify);
 }
 
 }  // namespace
