@@ -73,7 +73,7 @@ ErrInfo errInfo(Err kind) {
 const char* kDiskCols =
     "id, lun, enclosure, encl_index, size, image, ptype, pformat, privslice, pubslice, "
     "privoffset, privlen, puboffset, publen, configlen, loglen, nconfig, nlog, diskid, dmname, "
-    "dgname, dgid, hostlock, seqno, config, udid, copy_of";
+    "dgname, dgid, hostlock, seqno, config<>'', udid, copy_of";
 
 Disk diskFromRow(const Row& r) {
   Disk d;
@@ -94,7 +94,7 @@ Disk diskFromRow(const Row& r) {
   d.dgid = r[21].s;
   d.hostlock = r[22].s;
   d.seqno = r[23].i;
-  d.config = r[24].s;
+  d.hasConfig = r[24].i != 0;
   d.udid = r[25].s;
   d.copyOf = r[26].i;
   return d;
@@ -169,21 +169,30 @@ Host Sim::loadHost(Db& db, const std::string& name) {
   return h;
 }
 
-Disk Sim::loadDisk(Db& db, int64_t id) {
+Disk Sim::loadDiskLight(Db& db, int64_t id) {
   auto rows = db.query(std::string("SELECT ") + kDiskCols + " FROM disks WHERE id=?", {id});
   if (rows.empty())
     fail(kNoDisk, "disk " + std::to_string(id) + " does not exist");
   return diskFromRow(rows[0]);
 }
 
+Disk Sim::loadDisk(Db& db, int64_t id) {
+  Disk d = loadDiskLight(db, id);
+  d.config = db.queryText("SELECT config FROM disks WHERE id=?", {id}, "");
+  d.configLoaded = true;
+  return d;
+}
+
 void Sim::saveDisk(Db& db, const Disk& d) {
   db.exec(
       "UPDATE disks SET ptype=?, pformat=?, privslice=?, pubslice=?, privoffset=?, privlen=?, "
       "puboffset=?, publen=?, configlen=?, loglen=?, nconfig=?, nlog=?, diskid=?, dmname=?, "
-      "dgname=?, dgid=?, hostlock=?, seqno=?, config=?, udid=? WHERE id=?",
+      "dgname=?, dgid=?, hostlock=?, seqno=?, udid=? WHERE id=?",
       {d.ptype,  d.pformat,   d.privslice, d.pubslice, d.privoffset, d.privlen, d.puboffset,
        d.publen, d.configlen, d.loglen,    d.nconfig,  d.nlog,       d.diskid,  d.dmname,
-       d.dgname, d.dgid,      d.hostlock,  d.seqno,    d.config,     d.udid,    d.id});
+       d.dgname, d.dgid,      d.hostlock,  d.seqno,    d.udid,       d.id});
+  if (d.configLoaded)
+    db.exec("UPDATE disks SET config=? WHERE id=?", {d.config, d.id});
 }
 
 std::vector<OsPath> Sim::paths(int64_t disk) {
@@ -244,7 +253,7 @@ int64_t Sim::findDisk(const std::string& rawName, bool requireView) {
     return byOs;
   for (const auto& r :
        db.query("SELECT disk FROM hostdisks WHERE host=? AND " + cond, {host.name})) {
-    Disk d = loadDisk(db, r[0].i);
+    Disk d = loadDiskLight(db, r[0].i);
     if (daName(d) == name)
       return d.id;
   }
@@ -350,11 +359,11 @@ DumpView Sim::dumpView(const Group& g) {
   DumpView v;
   v.daName = [this, &g](const std::string& dm) {
     auto it = g.dmDisk.find(dm);
-    return it == g.dmDisk.end() ? std::string() : daName(loadDisk(db, it->second));
+    return it == g.dmDisk.end() ? std::string() : daName(loadDiskLight(db, it->second));
   };
   v.path = [this, &g](const std::string& dm) {
     auto it = g.dmDisk.find(dm);
-    return it == g.dmDisk.end() ? std::string() : dmpPath(loadDisk(db, it->second));
+    return it == g.dmDisk.end() ? std::string() : dmpPath(loadDiskLight(db, it->second));
   };
   std::string dgid = g.dgid;
   v.enabled = [this, dgid](const std::string& obj) { return isStarted(dgid, obj); };
@@ -381,13 +390,14 @@ void Sim::saveGroup(Group& g) {
     auto it = g.dmDisk.find(dm.name);
     if (it == g.dmDisk.end())
       continue;
-    Disk d = loadDisk(db, it->second);
+    Disk d = loadDiskLight(db, it->second);
     d.dgid = g.dgid;
     d.dgname = g.cfg.dg.name;
     d.dmname = dm.name;
     d.hostlock = host.name;
     d.seqno = g.cfg.dg.seqno;
     d.config = text;
+    d.configLoaded = true;
     saveDisk(db, d);
   }
 }
@@ -442,7 +452,7 @@ bool Sim::deleteOsPath(const std::string& osname) {
   if (!disk)
     return false;
   touchDisk(disk);
-  std::string name = daName(loadDisk(db, disk));
+  std::string name = daName(loadDiskLight(db, disk));
   db.exec("DELETE FROM paths WHERE host=? AND osname=?", {host.name, osname});
   if (!hasPath(disk)) {
     db.exec("UPDATE hostdisks SET name=? WHERE host=? AND disk=?", {name, host.name, disk});

@@ -66,7 +66,12 @@ struct Disk {
           configlen = 0, loglen = 0, nconfig = 0, nlog = 0;
   std::string diskid, dmname, dgname, dgid, hostlock;
   int64_t seqno = 0;
+  // The group's configuration copy: read by loadDisk only (it holds the
+  // whole group, so a disk read for its names leaves it out); saveDisk
+  // writes it only when it was read or set.
   std::string config;
+  bool configLoaded = false;
+  bool hasConfig = false;  // the copy is not empty
   // The unique device id of the LUN the private region was written on: an
   // array copy carries its source's, which marks it as a clone.
   std::string udid;
@@ -99,6 +104,8 @@ class Sim {
 
   static Host loadHost(Db& db, const std::string& name);
   static Disk loadDisk(Db& db, int64_t id);
+  // The disk without its configuration copy.
+  static Disk loadDiskLight(Db& db, int64_t id);
   static void saveDisk(Db& db, const Disk& d);
 
   // Disks and paths as this host sees them.

@@ -41,7 +41,7 @@ void showGroup(Sim& s, const std::string& name) {
   o += keyLine("config", "seqno=0." + std::to_string(g.cfg.dg.seqno));
   for (const auto& dm : g.cfg.dms) {
     auto it = g.dmDisk.find(dm.name);
-    std::string da = it == g.dmDisk.end() ? "-" : s.daName(Sim::loadDisk(s.db, it->second));
+    std::string da = it == g.dmDisk.end() ? "-" : s.daName(Sim::loadDiskLight(s.db, it->second));
     o += "config disk " + da +
          " copy 1 state=" + (it == g.dmDisk.end() ? "failed" : "clean online") + "\n";
   }
@@ -106,7 +106,7 @@ void initGroup(Sim& s, const std::vector<std::string>& words, bool shared) {
     std::string dm, da;
     parseDiskArg(w, &dm, &da);
     int64_t id = s.requireViewDisk(da);
-    allCds = allCds && Sim::loadDisk(s.db, id).pformat == "cdsdisk";
+    allCds = allCds && Sim::loadDiskLight(s.db, id).pformat == "cdsdisk";
   }
   g.cfg.dg.cds = cds.empty() ? (allCds && s.host.cds) : cds == "on";
   g.dgid = s.newId();
@@ -176,15 +176,15 @@ const Disk* diskFor(const std::string& target, const DmRec& dm, const std::vecto
   return pick.empty() ? nullptr : pick[0];
 }
 
-Sim::Group groupOnDisks(const std::string& target, const std::string& dgid,
+Sim::Group groupOnDisks(Sim& s, const std::string& target, const std::string& dgid,
                         const std::vector<Disk>& carriers) {
   const Disk* newest = nullptr;
   for (const Disk& d : carriers)
-    if (!d.config.empty() && (!newest || d.seqno > newest->seqno))
+    if (d.hasConfig && (!newest || d.seqno > newest->seqno))
       newest = &d;
   Sim::Group g;
   std::string error;
-  if (!newest || !configFromDump(newest->config, &g.cfg, &error))
+  if (!newest || !configFromDump(Sim::loadDisk(s.db, newest->id).config, &g.cfg, &error))
     fail(kImportNoDisks,
          "Disk group " + target + ": import failed: No valid configuration copy found");
   g.dgid = dgid;
@@ -241,7 +241,7 @@ void importGroup(Sim& s, const ImportArgs& ia) {
                            ": import failed: Disk group is already imported and the other disks "
                            "that carry it are clones; import them as a new disk group with -C "
                            "-n NEWNAME");
-  Sim::Group g = groupOnDisks(ia.target, dgid, carriers);
+  Sim::Group g = groupOnDisks(s, ia.target, dgid, carriers);
   if (!importedHere)
     checkLocks(s, g, ia);
   std::string name = ia.newName.empty() ? g.cfg.dg.name : ia.newName;

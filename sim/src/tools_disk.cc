@@ -190,7 +190,7 @@ void list(Sim& s, const Opts& o, const std::vector<std::string>& names) {
     if (!dg.empty())
       s.requireGroup(dg);
   }
-  for (const auto& n : names) disks.push_back(Sim::loadDisk(s.db, s.requireViewDisk(n)));
+  for (const auto& n : names) disks.push_back(Sim::loadDiskLight(s.db, s.requireViewDisk(n)));
   for (const Disk& d : disks) o.has('s') ? printShort(s, d) : printDetail(s, d);
 }
 
@@ -202,7 +202,7 @@ void scan(Sim& s, const std::vector<std::string>& devices, bool newOnly) {
     int64_t id = r[0].i;
     bool discovered = r[1].i != 0;
     if (!wanted.empty()) {
-      bool match = wanted.count(s.daName(Sim::loadDisk(s.db, id))) > 0;
+      bool match = wanted.count(s.daName(Sim::loadDiskLight(s.db, id))) > 0;
       for (const auto& p : s.paths(id)) match = match || wanted.count(p.osname) > 0;
       if (!match)
         continue;
