@@ -27,8 +27,11 @@
 //   runs      tool runs per cycle.
 // Target: own_ms through agents at most 10 ms, and at most a quarter of the
 // one-shot figure (printed at the end). The scale runs (agents only) vary
-// the source group: one volume over 2, 8, 32 and 128 disks, and 8 disks with
-// 1, 8 and 32 volumes; own_per_disk_ms must stay flat as the group grows.
+// the source group: one volume over 2, 32, 128, 512 and 1,024 disks, and
+// 128 disks with 1, 32 and 256 volumes; cpu_per_disk_ms at 1,024 disks
+// within 1.5x of the 32-disk figure, own_per_disk_ms within 2x. They also
+// give agents_peak_rss_mb (both agents' peak resident memory) and
+// record_kb (the record's largest size after a command).
 #include <benchmark/benchmark.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -223,6 +226,16 @@ class CAgent {
 
   // The CPU time of the agent's process so far, in seconds.
   double cpu() const { return cpuSeconds(m_server); }
+  // The agent's peak resident memory so far, in bytes (VmHWM).
+  double peakResident() const {
+    std::ifstream status("/proc/" + std::to_string(m_server) + "/status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.compare(0, 6, "VmHWM:") == 0) {
+        return std::stod(line.substr(6)) * 1024;
+      }
+    }
+    return 0;
+  }
 
   std::string socket;
   bool serving = false;
@@ -261,6 +274,7 @@ struct Totals {
   double exec = 0;
   double tools = 0;
   double agentCpu = 0;
+  double recordBytes = 0;  // the record's largest size after a command
   long runs = 0;
   int cycles = 0;
   double own() const { return qzfi - exec; }
@@ -280,8 +294,10 @@ class Cycle {
     admin({"init"});
     admin({"host", "add", "A"});
     admin({"host", "add", "B"});
-    rememberFirstPaths(admin({"disk", "add", "--count", std::to_string(shape.disks), "--hosts", "A",
-                              "--paths", "2", "--size", "64m"}));
+    for (int left = shape.disks; left > 0; left -= 512) {  // at most 1,000 a call
+      rememberFirstPaths(admin({"disk", "add", "--count", std::to_string(std::min(left, 512)),
+                                "--hosts", "A", "--paths", "2", "--size", "64m"}));
+    }
     tool("qzdisk scandisks");
     std::string members;
     for (int i = 0; i < shape.disks; ++i) {
@@ -373,6 +389,10 @@ class Cycle {
 
   // Both agents' CPU time so far; 0 without agents.
   double agentCpu() const { return m_agentA ? m_agentA->cpu() + m_agentB->cpu() : 0; }
+  // Both agents' peak resident memory, in bytes; 0 without agents.
+  double agentPeakResident() const {
+    return m_agentA ? m_agentA->peakResident() + m_agentB->peakResident() : 0;
+  }
 
   const CAgent& agentOf(const std::string& host) const {
     return host == "A" ? *m_agentA : *m_agentB;
@@ -407,6 +427,10 @@ class Cycle {
       return Json::object();
     }
     Json json = Json::parse(result.out);
+    struct stat recordStat;
+    if (stat(record.c_str(), &recordStat) == 0) {
+      totals.recordBytes = std::max(totals.recordBytes, static_cast<double>(recordStat.st_size));
+    }
     totals.qzfi += seconds;
     totals.exec += json["tool_seconds"].get<double>();
     totals.runs += json["tool_runs"].get<long>();
@@ -556,7 +580,9 @@ void runCycles(benchmark::State& state, const Shape& shape, const std::string& n
   if (shape.mode != Mode::oneshot) {
     state.counters["agent_cpu_ms"] = perCycle(t.agentCpu);
     state.counters["cpu_per_disk_ms"] = perCycle(t.agentCpu) / shape.disks;
+    state.counters["agents_peak_rss_mb"] = cycle.agentPeakResident() / (1 << 20);
   }
+  state.counters["record_kb"] = t.recordBytes / 1024;
   results()[name] = t;
 }
 
@@ -582,11 +608,12 @@ void BM_Scale(benchmark::State& state) {
 BENCHMARK(BM_Scale)
     ->ArgNames({"disks", "volumes"})
     ->Args({2, 1})
-    ->Args({8, 1})
     ->Args({32, 1})
     ->Args({128, 1})
-    ->Args({8, 8})
-    ->Args({8, 32})
+    ->Args({512, 1})
+    ->Args({1024, 1})
+    ->Args({128, 32})
+    ->Args({128, 256})
     ->Unit(benchmark::kMillisecond)
     ->Iterations(1);
 
