@@ -136,7 +136,7 @@ exact="libqzfi-pdk1 \(= $QZ_VERSION\)"
 check_depends libqzfi-pdk1 "${runtime[@]}" '!libqzfi-pdk1'
 check_depends libqzfi-pdk-dev "$exact" libace-dev libicu-dev
 check_depends qzvmfi "$exact" "${runtime[@]}" '!qzsim' '!qzfi'
-check_depends qzfi "$exact" 'libace-[0-9.]+' '!qzsim'
+check_depends qzfi "$exact" 'libace-[0-9.]+' libsystemd0 '!qzsim'
 check_depends qzsim libsqlite3-0 'libfuse3-[0-9]+' '!libqzfi-pdk1'
 
 # Stripped: not even the debug information names the sources.
