@@ -67,6 +67,15 @@ std::unique_ptr<CSocket> connectTo(const std::string& path) {
   if (connect(socket->fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     throw AgentFailure{"no agent at " + path + ": " + strerror(errno)};
   }
+  // The process that answers is held to the same rule as the file.
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  if (getsockopt(socket->fd(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid != 0 &&
+      peer.uid != geteuid() && peer.uid != getuid()) {
+    throw AgentFailure{"the agent at " + path + " runs as uid " + std::to_string(peer.uid) +
+                       ", neither root nor this user (uid " + std::to_string(geteuid()) +
+                       "): not asked"};
+  }
   return socket;
 }
 

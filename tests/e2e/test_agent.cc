@@ -641,4 +641,49 @@ TEST_F(AgentTest, TheAgentTellsSystemdWhenItIsReadyAndWhenItStops) {
   close(notify);
 }
 
+// A socket file of root's whose listening process runs as another user is
+// not asked either: the client checks the peer that answers.
+TEST_F(AgentTest, TheClientRefusesAnAgentProcessOfAnotherUser) {
+  const std::string path = m_run + "/other.sock";
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  ASSERT_EQ(0, bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address));
+  int listening[2];
+  ASSERT_EQ(0, pipe(listening));
+  const pid_t child = fork();
+  if (child == 0) {
+    close(listening[0]);
+    // The credentials a client sees are the ones of listen()'s caller.
+    if (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0 ||
+        listen(listener, 4) != 0) {
+      _exit(90);
+    }
+    if (write(listening[1], "x", 1) != 1) {
+      _exit(91);
+    }
+    const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (client >= 0) {
+      const std::string answer = qzfi_e2e::frame('X', "0");
+      send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
+      close(client);
+    }
+    _exit(0);
+  }
+  close(listening[1]);
+  char c = 0;
+  ASSERT_EQ(1, read(listening[0], &c, 1));
+  close(listening[0]);
+  const qzsim::CommandResult run = qzsim::runCommand({QZFI_BINARY, "--agent", path, "version"});
+  EXPECT_EQ(7, run.status);
+  EXPECT_EQ("qzfi: the agent at " + path +
+                " runs as uid 65534, neither root nor this user (uid 0): not asked\n",
+            run.err);
+  // The child's accept took the client's connection and ends.
+  int status = 0;
+  waitpid(child, &status, 0);
+  close(listener);
+}
+
 }  // namespace
