@@ -9,6 +9,7 @@
 // sanitizer build runs fewer cycles, and checks the agents' leaks at exit.
 #include <sys/stat.h>
 
+#include <cstdlib>
 #include <fstream>
 
 #include "agent_process.h"
@@ -26,10 +27,15 @@ using qzfi_e2e::QzfiTest;
 using qzfi_e2e::SimDisk;
 using qzfi_e2e::viaAgent;
 
-constexpr int kCycles = QZ_SOAK_CYCLES;
+// QZ_SOAK_CYCLES in the environment runs another number (a long run for the
+// memory table); each 300th cycle's resident memory is printed.
+const int kCycles = std::getenv("QZ_SOAK_CYCLES") != nullptr &&
+                            std::atoi(std::getenv("QZ_SOAK_CYCLES")) > 0
+                        ? std::atoi(std::getenv("QZ_SOAK_CYCLES"))
+                        : QZ_SOAK_CYCLES;
 // The agents' memory is measured once the caches and allocator have settled,
 // and the soak's end may be at most this far above it.
-constexpr int kWarmCycle = kCycles >= 40 ? 20 : kCycles / 2;
+const int kWarmCycle = kCycles >= 40 ? 20 : kCycles / 2;
 constexpr long kGrowthKb = 2048;
 
 class AgentSoakTest : public QzfiTest {
@@ -110,6 +116,10 @@ TEST_F(AgentSoakTest, BackupCyclesThroughAgentsKeepTheDataRightAndTheMemoryFlat)
   long warmB = 0;
   for (int n = 1; n <= kCycles; ++n) {
     ASSERT_TRUE(cycle(a, b, n)) << a.log() << b.log();
+    if (n % 300 == 0) {
+      std::cout << "cycle " << n << ": resident memory A " << a.residentKb() << " kB, B "
+                << b.residentKb() << " kB" << std::endl;
+    }
     if (n == kWarmCycle) {
       warmA = a.residentKb();
       warmB = b.residentKb();
