@@ -364,6 +364,7 @@ void diskRemove(const Flags& f) {
     for (const char* table : {"paths", "presented", "hostdisks", "members"})
       db.exec(std::string("DELETE FROM ") + table + " WHERE disk=?", {id});
     db.exec("DELETE FROM disks WHERE id=?", {id});
+    db.exec("DELETE FROM diskconfigs WHERE disk=?", {id});
     db.exec("UPDATE disks SET copy_of=0 WHERE copy_of=?", {id});
     unlink(d.image.c_str());
     for (const auto& h : hosts) syncHost(db, root, h);

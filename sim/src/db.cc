@@ -21,7 +21,11 @@ CREATE TABLE IF NOT EXISTS disks(
   nconfig INTEGER DEFAULT 0, nlog INTEGER DEFAULT 0,
   diskid TEXT DEFAULT '', dmname TEXT DEFAULT '', dgname TEXT DEFAULT '',
   dgid TEXT DEFAULT '', hostlock TEXT DEFAULT '', seqno INTEGER DEFAULT 0,
-  config TEXT DEFAULT '', udid TEXT DEFAULT '', copy_of INTEGER DEFAULT 0);
+  udid TEXT DEFAULT '', copy_of INTEGER DEFAULT 0);
+-- A disk's copy of its group's configuration, when it has one: it holds the
+-- whole group, so it lives apart from the disk's other columns, which a run
+-- reads for every disk it looks at.
+CREATE TABLE IF NOT EXISTS diskconfigs(disk INTEGER PRIMARY KEY, config TEXT NOT NULL);
 CREATE TABLE IF NOT EXISTS paths(
   host TEXT, osname TEXT, disk INTEGER, enabled INTEGER DEFAULT 1, ord INTEGER,
   PRIMARY KEY(host, osname));

@@ -73,7 +73,8 @@ ErrInfo errInfo(Err kind) {
 const char* kDiskCols =
     "id, lun, enclosure, encl_index, size, image, ptype, pformat, privslice, pubslice, "
     "privoffset, privlen, puboffset, publen, configlen, loglen, nconfig, nlog, diskid, dmname, "
-    "dgname, dgid, hostlock, seqno, config<>'', udid, copy_of";
+    "dgname, dgid, hostlock, seqno, EXISTS (SELECT 1 FROM diskconfigs c WHERE c.disk=disks.id), "
+    "udid, copy_of";
 
 Disk diskFromRow(const Row& r) {
   Disk d;
@@ -178,7 +179,7 @@ Disk Sim::loadDiskLight(Db& db, int64_t id) {
 
 Disk Sim::loadDisk(Db& db, int64_t id) {
   Disk d = loadDiskLight(db, id);
-  d.config = db.queryText("SELECT config FROM disks WHERE id=?", {id}, "");
+  d.config = db.queryText("SELECT config FROM diskconfigs WHERE disk=?", {id}, "");
   d.configLoaded = true;
   return d;
 }
@@ -191,8 +192,10 @@ void Sim::saveDisk(Db& db, const Disk& d) {
       {d.ptype,  d.pformat,   d.privslice, d.pubslice, d.privoffset, d.privlen, d.puboffset,
        d.publen, d.configlen, d.loglen,    d.nconfig,  d.nlog,       d.diskid,  d.dmname,
        d.dgname, d.dgid,      d.hostlock,  d.seqno,    d.udid,       d.id});
-  if (d.configLoaded)
-    db.exec("UPDATE disks SET config=? WHERE id=?", {d.config, d.id});
+  if (d.configLoaded && d.config.empty())
+    db.exec("DELETE FROM diskconfigs WHERE disk=?", {d.id});
+  else if (d.configLoaded)
+    db.exec("INSERT OR REPLACE INTO diskconfigs(disk, config) VALUES(?,?)", {d.id, d.config});
 }
 
 std::vector<OsPath> Sim::paths(int64_t disk) {
