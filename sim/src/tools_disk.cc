@@ -299,6 +299,7 @@ std::string geometryProblem(const Disk& d) {
 }
 
 void initDisk(Sim& s, int64_t id, const std::map<std::string, std::string>& attrs, bool force) {
+  s.touchDisk(id);
   Disk d = Sim::loadDisk(s.db, id);
   std::string da = s.daName(d);
   std::string dg = s.groupOfDisk(id);
@@ -365,8 +366,10 @@ void toolQzdiskunsetup(Sim& s, const Args& a) {
   Disk d = Sim::loadDisk(s.db, id);
   if (!d.hostlock.empty() && d.hostlock != s.host.name && !o.has('C'))
     fail(kImportLocked, "Disk " + o.words[0] + " is locked by host " + d.hostlock + "; use -C");
+  s.touchDisk(id);
   Disk blank;
   blank.id = d.id;
+  blank.configLoaded = true;  // no configuration copy either
   Sim::saveDisk(s.db, blank);
 }
 
