@@ -25,7 +25,9 @@ CREATE TABLE IF NOT EXISTS disks(
 -- A disk's copy of its group's configuration, when it has one: it holds the
 -- whole group, so it lives apart from the disk's other columns, which a run
 -- reads for every disk it looks at.
-CREATE TABLE IF NOT EXISTS diskconfigs(disk INTEGER PRIMARY KEY, config TEXT NOT NULL);
+-- Disks that carry one configuration share its text.
+CREATE TABLE IF NOT EXISTS diskconfigs(disk INTEGER PRIMARY KEY, text INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS configtexts(id INTEGER PRIMARY KEY, config TEXT NOT NULL);
 CREATE TABLE IF NOT EXISTS paths(
   host TEXT, osname TEXT, disk INTEGER, enabled INTEGER DEFAULT 1, ord INTEGER,
   PRIMARY KEY(host, osname));

@@ -170,6 +170,13 @@ Host Sim::loadHost(Db& db, const std::string& name) {
   return h;
 }
 
+int64_t Sim::storeConfig(Db& db, const std::string& config) {
+  // Texts no disk carries any more go first.
+  db.exec("DELETE FROM configtexts WHERE id NOT IN (SELECT text FROM diskconfigs)");
+  db.exec("INSERT INTO configtexts(config) VALUES(?)", {config});
+  return db.lastInsertId();
+}
+
 Disk Sim::loadDiskLight(Db& db, int64_t id) {
   auto rows = db.query(std::string("SELECT ") + kDiskCols + " FROM disks WHERE id=?", {id});
   if (rows.empty())
@@ -179,7 +186,12 @@ Disk Sim::loadDiskLight(Db& db, int64_t id) {
 
 Disk Sim::loadDisk(Db& db, int64_t id) {
   Disk d = loadDiskLight(db, id);
-  d.config = db.queryText("SELECT config FROM diskconfigs WHERE disk=?", {id}, "");
+  for (const auto& r : db.query("SELECT t.id, t.config FROM diskconfigs c JOIN configtexts t ON "
+                                "t.id=c.text WHERE c.disk=?",
+                                {id})) {
+    d.configId = r[0].i;
+    d.config = r[1].s;
+  }
   d.configLoaded = true;
   return d;
 }
@@ -192,10 +204,12 @@ void Sim::saveDisk(Db& db, const Disk& d) {
       {d.ptype,  d.pformat,   d.privslice, d.pubslice, d.privoffset, d.privlen, d.puboffset,
        d.publen, d.configlen, d.loglen,    d.nconfig,  d.nlog,       d.diskid,  d.dmname,
        d.dgname, d.dgid,      d.hostlock,  d.seqno,    d.udid,       d.id});
-  if (d.configLoaded && d.config.empty())
+  if (d.configLoaded && d.config.empty()) {
     db.exec("DELETE FROM diskconfigs WHERE disk=?", {d.id});
-  else if (d.configLoaded)
-    db.exec("INSERT OR REPLACE INTO diskconfigs(disk, config) VALUES(?,?)", {d.id, d.config});
+  } else if (d.configLoaded) {
+    const int64_t text = d.configId ? d.configId : storeConfig(db, d.config);
+    db.exec("INSERT OR REPLACE INTO diskconfigs(disk, text) VALUES(?,?)", {d.id, text});
+  }
 }
 
 std::vector<OsPath> Sim::paths(int64_t disk) {
@@ -383,6 +397,7 @@ void Sim::saveGroup(Group& g) {
                                   {g.dgid, host.name}))
       hosts.push_back(r[0].s);
   parsedConfigs_[text] = g.cfg;
+  const int64_t textId = g.dmDisk.empty() ? 0 : storeConfig(db, text);
   for (const auto& h : hosts) {
     db.exec("UPDATE imports SET config=? WHERE host=? AND dgid=?", {text, h, g.dgid});
     for (const auto& dd : g.dmDisk)
@@ -400,6 +415,7 @@ void Sim::saveGroup(Group& g) {
     d.hostlock = host.name;
     d.seqno = g.cfg.dg.seqno;
     d.config = text;
+    d.configId = textId;
     d.configLoaded = true;
     saveDisk(db, d);
   }

@@ -71,6 +71,7 @@ struct Disk {
   // writes it only when it was read or set.
   std::string config;
   bool configLoaded = false;
+  int64_t configId = 0;    // the stored text config is, when it is one (0: store it)
   bool hasConfig = false;  // the copy is not empty
   // The unique device id of the LUN the private region was written on: an
   // array copy carries its source's, which marks it as a clone.
@@ -107,6 +108,8 @@ class Sim {
   // The disk without its configuration copy.
   static Disk loadDiskLight(Db& db, int64_t id);
   static void saveDisk(Db& db, const Disk& d);
+  // Stores a configuration text that disks will carry; its id.
+  static int64_t storeConfig(Db& db, const std::string& config);
 
   // Disks and paths as this host sees them.
   std::vector<OsPath> paths(int64_t disk);

@@ -312,6 +312,7 @@ void destroyGroup(Sim& s, const std::string& name) {
     d.dmname.clear();
     d.hostlock.clear();
     d.config.clear();
+    d.configId = 0;
     d.seqno = 0;
     Sim::saveDisk(s.db, d);
   }

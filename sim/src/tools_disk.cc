@@ -317,6 +317,7 @@ void initDisk(Sim& s, int64_t id, const std::map<std::string, std::string>& attr
   d.hostlock.clear();
   d.seqno = 0;
   d.config.clear();
+  d.configId = 0;
   Sim::saveDisk(s.db, d);
   s.setView(id, true, true);
 }
