@@ -121,14 +121,21 @@ class CQzVMEngine : public virtual qzfi_pdk_4_4::CFiTraceable {
   int importById(qzfi_objid** objid, const std::string& newDG, const std::string& volume,
                  CQzVMData* data, bool raw, const SplitDisks& disks);
   int takeNewGroupId(const qzfi_objid* objid, CQzVMData* data, const std::string& path);
-  // createdDG: the group made, once it stands (source.newDG, or the name
-  // chosen again when another backup took that one meanwhile).
+  // What a build that failed left, for its clean-up to go by.
+  struct BuildLeft {
+    // The group made, once it stands (source.newDG, or the name chosen again
+    // when another backup took that one meanwhile).
+    std::string createdDG;
+    // The split disks were shown to be the copies (or the restored disks
+    // the record's) before the first change to them.
+    bool disksShown = false;
+  };
   int buildGroup(SourceRecords& source, CQzVMData* data, const RebuildTexts& texts,
-                 std::string& createdDG);
+                 BuildLeft& left);
   int buildOnSplitDisks(qzfi_objid** objid, const std::string& newDG,
                         const std::vector<std::string>& splitDisks, const std::string& path,
                         CQzVMData* data, const std::vector<std::string>& primaryDisks,
-                        const std::vector<std::string>& primaryDMs, std::string& createdDG);
+                        const std::vector<std::string>& primaryDMs, BuildLeft& left);
   // Creates dg on the disks; with mayRename, under a name chosen again when
   // dg was taken meanwhile. 0 or 1; made: dg stands on the split disks,
   // made by this call before a later disk failed to join it.

@@ -78,17 +78,18 @@ int CQzVMEngine::buildAltTree(qzfi_objid** objid, const std::string& newDG, cons
       return 6;
     }
   } else {
-    std::string createdDG;
+    BuildLeft left;
     if (int status = buildOnSplitDisks(objid, newDG, disks.dmpNodes, path, data, primaryDisks,
-                                       primaryDMs, createdDG)) {
+                                       primaryDMs, left)) {
       QZ_TRACE(m_traceLog, 1, "buildQzVM failed");
-      // Refused before any disk was changed: the disks stay as they are, in
+      // Refused, or failed before the split disks were shown to be the
+      // copies: nothing was changed, and disks that may be another's stay in
       // view, for the right list.
-      if (status == kRefused) {
-        return kRefused;
+      if (status == kRefused || !left.disksShown) {
+        return status == kRefused ? kRefused : 6;
       }
       // Only a group this build made goes: the name may be another's.
-      cleanUp(createdDG, disks);
+      cleanUp(left.createdDG, disks);
       return 6;
     }
   }
@@ -136,15 +137,14 @@ int CQzVMEngine::deportUnfinishedGroup(const std::string& foundDG, const std::st
 int CQzVMEngine::buildQzVM(qzfi_objid** objid, const std::string& newDG, const Names& splitDisks,
                            const std::string& path, CQzVMData* data, const Names& primaryDisks,
                            const Names& primaryDMs) {
-  std::string createdDG;
-  return buildOnSplitDisks(objid, newDG, splitDisks, path, data, primaryDisks, primaryDMs,
-                           createdDG);
+  BuildLeft left;
+  return buildOnSplitDisks(objid, newDG, splitDisks, path, data, primaryDisks, primaryDMs, left);
 }
 
 int CQzVMEngine::buildOnSplitDisks(qzfi_objid** objid, const std::string& newDG,
                                    const Names& splitDisks, const std::string& path,
                                    CQzVMData* data, const Names& primaryDisks,
-                                   const Names& primaryDMs, std::string& createdDG) {
+                                   const Names& primaryDMs, BuildLeft& left) {
   QZ_ENGINE_ENTER("buildQzVM");
   if (data == nullptr) {
     QZ_TRACE(m_traceLog, 1, "CQzVMEngine::buildQzVM - no private data.");
@@ -157,7 +157,7 @@ int CQzVMEngine::buildOnSplitDisks(qzfi_objid** objid, const std::string& newDG,
   std::string volume;
   m_support.extractDGAndVol(path, dg, volume);
   SourceRecords source{primaryDisks, splitDisks, primaryDMs, newDG, true};
-  const int status = buildGroup(source, data, kBuildTexts, createdDG);
+  const int status = buildGroup(source, data, kBuildTexts, left);
   if (status != 0) {
     return status == kRefused ? kRefused : 6;
   }
@@ -172,7 +172,7 @@ int CQzVMEngine::buildOnSplitDisks(qzfi_objid** objid, const std::string& newDG,
 // Earlier steps are not undone when a later one fails: every entry first
 // looks for what an earlier call left behind.
 int CQzVMEngine::buildGroup(SourceRecords& source, CQzVMData* data, const RebuildTexts& texts,
-                            std::string& createdDG) {
+                            BuildLeft& left) {
   Names recordedDisks = source.primaryDisks;
   Names recordedDMs;
   std::vector<Names> listings;
@@ -210,6 +210,7 @@ int CQzVMEngine::buildGroup(SourceRecords& source, CQzVMData* data, const Rebuil
                          : !restoredDisksCarryRecord(newDG, source.splitDisks, splitListings)) {
     return kRefused;
   }
+  left.disksShown = true;
   if (m_support.initDisks(source.splitDisks, records, true) != 0) {
     QZ_TRACE(m_traceLog, 1, "%s", texts.init);
     pushError("MSG_ERROR_UNABLE_TO_INITIALIZE_SPLITTED_DISK_WITH_PRIMARY_DISK_QZVM_PRIVDATA", {},
@@ -226,13 +227,13 @@ int CQzVMEngine::buildGroup(SourceRecords& source, CQzVMData* data, const Rebuil
   if (createGroup(newDG, source.splitDisks, dms, m_support.isCDSDisk(records), source.splitCopies,
                   made) != 0) {
     if (made) {
-      createdDG = newDG;
+      left.createdDG = newDG;
     }
     QZ_TRACE(m_traceLog, 1, texts.create, newDG.c_str());
     pushError("MSG_ERROR_UNABLE_TO_CREATE_DISKGROUP", {}, kSource, __LINE__);
     return 6;
   }
-  createdDG = newDG;
+  left.createdDG = newDG;
   if (m_support.applyVolConfig(newDG, replayFile) != 0) {
     QZ_TRACE(m_traceLog, 1, texts.apply, newDG.c_str(), replayFile.c_str());
     pushError("MSG_ERROR_UNABLE_TO_APPLY_CONFIGURATION_TO_DISKGROUP", {}, kSource, __LINE__);

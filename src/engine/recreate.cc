@@ -75,8 +75,8 @@ int CQzVMEngine::recreateDG(const std::string& path, const Names& osDisks, CQzVM
   }
   // Same name, same disk-media names, same disks: only the group is new.
   SourceRecords same{dmpDisks, dmpDisks, Names(), dg, false};
-  std::string createdDG;
-  if (int status = buildGroup(same, data, kRecreateTexts, createdDG)) {
+  BuildLeft left;
+  if (int status = buildGroup(same, data, kRecreateTexts, left)) {
     return status == kRefused ? kRefused : 6;
   }
   if (activeVol(dg, volume, data) != 0) {

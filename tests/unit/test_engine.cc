@@ -1011,6 +1011,21 @@ TEST_F(EngineTest, NoprivDiskStopsTheBuildBeforeAnyDiskIsTouched) {
   EXPECT_FALSE(ranPrefix("qzdg"));
 }
 
+// A build that fails before the split disks are shown to be the copies of
+// the primaries takes none of them out of the view: they may be another's.
+TEST_F(EngineTest, BuildAltTreeFailingBeforeThePairingLeavesTheSplitDisksInView) {
+  splitDisksSeen();
+  makeDeleteFiles();
+  CQzVMData data(nullptr, false);
+  recordSource(data, "nopriv");
+  EXPECT_EQ(6, build(data));
+  EXPECT_TRUE(wasTraced(1, "buildQzVM failed"));
+  EXPECT_FALSE(wasTraced(2, "Cleaning the new dg created and dmp nodes."));
+  expectNoChange();
+  EXPECT_FALSE(std::filesystem::exists(deleteFile("sdx")));
+  EXPECT_FALSE(std::filesystem::exists(deleteFile("sdy")));
+}
+
 class BuildStepTest : public EngineTest {
  protected:
   int buildQzVM(CQzVMData& data) {
