@@ -178,11 +178,13 @@ class CQzVMEngine : public virtual qzfi_pdk_4_4::CFiTraceable {
   // (intact) or build made, whole or stopped half-way: kCopyProven, 3
   // (reported), or 6 when what it holds could not be read. The same for
   // provenRecreation.
-  // pathDG: the group of the source's path.
+  // pathDG: the group of the source's path; listings: the split disks'
+  // private regions when the caller has just read them.
   int provenCopyOnSplitDisks(const char* operation, const std::string& foundDG,
                              const std::string& pathDG, const SplitDisks& disks,
                              const std::vector<std::string>& primaryDisks, CQzVMData* data,
-                             bool intact);
+                             bool intact,
+                             const std::vector<std::vector<std::string>>* listings = nullptr);
   // The group dg on the restored disks was made by a re-creation of this record.
   int provenRecreation(const std::string& dg, const std::vector<std::string>& disks,
                        CQzVMData* data);

@@ -294,7 +294,8 @@ std::string CQzVMEngine::differenceFromRecord(const GroupSeen& seen, const Names
 // intact copy, or a region that a build of this record wrote.
 int CQzVMEngine::provenCopyOnSplitDisks(const char* operation, const std::string& foundDG,
                                         const std::string& pathDG, const SplitDisks& disks,
-                                        const Names& primaryDisks, CQzVMData* data, bool intact) {
+                                        const Names& primaryDisks, CQzVMData* data, bool intact,
+                                        const std::vector<Names>* listings) {
   const std::string sourceDG = recordedSourceDG(data, pathDG);
   if (foundDG == sourceDG) {
     return refused(operation, foundDG,
@@ -314,28 +315,32 @@ int CQzVMEngine::provenCopyOnSplitDisks(const char* operation, const std::string
   if (!differs.empty()) {
     return refused(operation, foundDG, differs);
   }
-  std::vector<Names> listings;
-  if (m_support.isDisksInQzVMDB(disks.dmpNodes, true, listings) != 0) {
-    return unreadable(operation, foundDG, "the private regions of its disks could not be read");
+  std::vector<Names> read;
+  if (listings == nullptr) {
+    if (m_support.isDisksInQzVMDB(disks.dmpNodes, true, read) != 0) {
+      return unreadable(operation, foundDG, "the private regions of its disks could not be read");
+    }
+    listings = &read;
   }
   Names recordedIds;
   for (const Names& listing : recorded) {
     recordedIds.push_back(CQzVMSupport::diskIdOf(listing));
   }
-  for (size_t i = 0; i < listings.size(); ++i) {
+  for (size_t i = 0; i < listings->size(); ++i) {
     vol_pvt_info onDisk;
-    m_support.parseVolPrivInfo(listings[i], onDisk);
+    m_support.parseVolPrivInfo((*listings)[i], onDisk);
     // A disk that a stopped build initialised but had not added yet carries
     // no group.
-    const bool ours = intact ? onDisk.vpi_dgid == data->getDGId()
-                             : (onDisk.vpi_dgid.empty() || onDisk.vpi_dgname == foundDG) &&
-                                   leftByEarlierAttempt(onDisk, CQzVMSupport::diskIdOf(listings[i]),
-                                                        recordedIds, sourceDG);
+    const bool ours = intact
+                          ? onDisk.vpi_dgid == data->getDGId()
+                          : (onDisk.vpi_dgid.empty() || onDisk.vpi_dgname == foundDG) &&
+                                leftByEarlierAttempt(onDisk, CQzVMSupport::diskIdOf((*listings)[i]),
+                                                     recordedIds, sourceDG);
     if (!ours) {
       return refused(operation, foundDG,
                      "the split disk " + disks.dmpNodes[i] + " carries the group [" +
                          onDisk.vpi_dgname + "] id [" + onDisk.vpi_dgid + "] and the disk id [" +
-                         CQzVMSupport::diskIdOf(listings[i]) + "], which no " +
+                         CQzVMSupport::diskIdOf((*listings)[i]) + "], which no " +
                          (intact ? "import" : "build") + " of this record made");
     }
   }

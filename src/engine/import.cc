@@ -106,8 +106,8 @@ int CQzVMEngine::importQzVM(qzfi_objid** objid, const std::string& newDG, const 
   if (found) {
     // A group of another backup, or the source itself, may hold a volume of
     // that name: only this record's copy is taken.
-    if (int proof =
-            provenCopyOnSplitDisks("importQzVM", foundDG, dg, disks, primaryDisks, data, true)) {
+    if (int proof = provenCopyOnSplitDisks("importQzVM", foundDG, dg, disks, primaryDisks, data,
+                                           true, &listings)) {
       return proof;
     }
     if (startExisting(foundDG, volume, data, objid, raw, "active vol failed.") != 0) {
