@@ -42,9 +42,10 @@ std::vector<std::string> presentDisks(const std::vector<std::string>& disks) {
 }
 
 // What a failed import did to the split disks that were there before it:
-// a failed import or build takes them out of the host's view (the volume
-// manager's and the operating system's), and only a rescan of the host's
-// disks brings them back. Empty when none went.
+// an import or build that fails once they were shown to be the copies takes
+// them out of the host's view (the volume manager's and the operating
+// system's), and only a rescan of the host's disks brings them back. Empty
+// when none went.
 std::string disksTakenAway(const std::vector<std::string>& before) {
   std::vector<std::string> gone;
   for (const std::string& disk : before) {
