@@ -569,6 +569,7 @@ int CAgentServer::runRequest(CAgentConnection& connection, const std::string& pa
     std::ostream out(&outBuffer);
     std::ostream err(&errBuffer);
     try {
+      m_state->setClientUid(uid);
       code = runCommandLine(args, out, err, m_state.get());
     } catch (const std::exception& error) {
       err << "qzfi: " << error.what() << "\n";

@@ -55,6 +55,10 @@ class CAgentState {
   // The nodes kept now.
   size_t nodes() const { return m_nodes.size(); }
 
+  // The user who asked for the command that runs now (its client's uid).
+  void setClientUid(long long uid) { m_clientUid = uid; }
+  long long clientUid() const { return m_clientUid; }
+
  private:
   struct Kept {
     std::unique_ptr<CNode> node;
@@ -64,6 +68,7 @@ class CAgentState {
 
   std::unique_ptr<CPluginLibrary> m_plugin;
   std::map<Key, Kept> m_nodes;
+  long long m_clientUid = -1;
 };
 
 }  // namespace qzfi_host

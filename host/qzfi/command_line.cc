@@ -3,8 +3,10 @@
 
 #include "agent_server.h"
 #include "flows.h"
+#include "journal.h"
 #include "options.h"
 #include "report.h"
+#include "status.h"
 
 #ifndef QZFI_VERSION
 #error "QZFI_VERSION (the project's version) must be defined by the build"
@@ -51,6 +53,15 @@ int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
       return kExitUsage;
     }
     return serveAgent(options, out, err);
+  }
+  if (options.command == Command::status) {
+    return runStatus(options, out, err);
+  }
+  if (options.command == Command::list) {
+    return runList(options, out, err);
+  }
+  if (options.command == Command::journal) {
+    return runJournal(options, out, err);
   }
   CReport report(options, out, err);
   if (agent != nullptr) {

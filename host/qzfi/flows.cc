@@ -83,6 +83,12 @@ CFlows::CFlows(const Options& options, CReport& report, CAgentState* agent)
 CFlows::~CFlows() = default;
 
 int CFlows::run() {
+  const int code = runCommand();
+  unmarkRecord();
+  return code;
+}
+
+int CFlows::runCommand() {
   try {
     m_watch.install();
     switch (m_options.command) {
@@ -111,6 +117,9 @@ int CFlows::run() {
       case Command::help:
       case Command::version:
       case Command::serve:
+      case Command::status:
+      case Command::list:
+      case Command::journal:
         break;
     }
     return m_report.finish(kExitUsage, "not a flow: " + m_options.commandName);
@@ -279,7 +288,43 @@ CSnapshotRecord CFlows::loadRecord(const std::vector<RecordStep>& allowed) {
   }
   checkHost(record);
   CSnapshotRecord::checkWritable(file, false);
+  markRecord(file, record);
   return record;
+}
+
+long long CFlows::requester() const {
+  return m_agent != nullptr ? m_agent->clientUid() : static_cast<long long>(getuid());
+}
+
+void CFlows::markRecord(const std::string& file, const CSnapshotRecord& record) {
+  std::optional<CommandMark> left = readCommandMark(file);
+  if (left && !left->finishedIn(record)) {
+    m_stoppedBefore = std::move(left);
+  }
+  CommandMark mark;
+  mark.command = m_options.commandName;
+  mark.arguments = m_options.arguments;
+  mark.pid = getpid();
+  mark.uid = requester();
+  mark.user = userName(mark.uid);
+  mark.host = m_host.known() ? m_host : thisHost();
+  mark.started = utcNow();
+  mark.stepAtStart = stepName(record.step);
+  mark.eventsAtStart = record.events.size();
+  writeCommandMark(file, mark);
+  m_markedRecord = file;
+}
+
+void CFlows::unmarkRecord() {
+  if (m_markedRecord.empty()) {
+    return;
+  }
+  try {
+    removeCommandMark(m_markedRecord);
+  } catch (const RecordError& error) {
+    m_report.progress(std::string("warning: ") + error.what());
+  }
+  m_markedRecord.clear();
 }
 
 void CFlows::checkHost(CSnapshotRecord& record) {

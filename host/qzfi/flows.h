@@ -17,10 +17,12 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "agent_state.h"
+#include "command_mark.h"
 #include "nodes.h"
 #include "options.h"
 #include "plugin_library.h"
@@ -41,6 +43,13 @@ class CFlows {
   // Runs the command of the options; its exit code.
   int run();
 
+  // The user who asked for the command: the agent's client, or this
+  // process's real user.
+  long long requester() const;
+  // The command found stopped half-way on the record when this one took
+  // it (its mark left behind), if one was.
+  const std::optional<CommandMark>& stoppedBefore() const { return m_stoppedBefore; }
+
  private:
   // A command that cannot go on: its exit code and why, for the user.
   struct Failure {
@@ -49,6 +58,7 @@ class CFlows {
   };
 
   // flows.cc
+  int runCommand();
   int info();
   // Loads the plug-in and starts it as the step "init"; through an agent,
   // the agent's plug-in, started already.
@@ -103,6 +113,11 @@ class CFlows {
   // another host, both named; a record without the host has it filled with
   // this one, and --this-host-was takes this host on as the one recorded.
   void checkHost(CSnapshotRecord& record);
+  // Marks the record as worked on by this command (see command_mark.h),
+  // taking note of a mark that a stopped command left.
+  void markRecord(const std::string& file, const CSnapshotRecord& record);
+  // The mark removed: the command ended, done or failed.
+  void unmarkRecord();
 
   // source_flows.cc
   int claim();
@@ -142,6 +157,8 @@ class CFlows {
   std::string m_takenOn;        // what --this-host-was changed in the record, for its event
   bool m_hostProven = false;    // the record named this host as the command's
   HostIdentity m_recordedHost;  // the host the record named, when taken on
+  std::string m_markedRecord;   // the record this command marked, while marked
+  std::optional<CommandMark> m_stoppedBefore;
   std::unique_ptr<CPluginLibrary> m_ownPlugin;  // run alone: the plug-in of this command
   CPluginLibrary* m_plugin = nullptr;
   // The command's nodes; they go before the plug-in they belong to.

@@ -17,7 +17,8 @@ const std::map<std::string, Command> kCommands = {
     {"prepare", Command::prepare}, {"deport", Command::deport},   {"import", Command::import},
     {"move", Command::move},       {"release", Command::release}, {"access", Command::access},
     {"format", Command::format},   {"online", Command::online},   {"unformat", Command::unformat},
-    {"serve", Command::serve},     {"version", Command::version}};
+    {"serve", Command::serve},     {"version", Command::version}, {"status", Command::status},
+    {"list", Command::list},       {"journal", Command::journal}};
 
 // Names that reach the plug-in, and through it the volume manager's command
 // lines: device paths, disk, group and volume names. Only the characters
@@ -176,6 +177,8 @@ void parseCommand(Options& options, ArgumentReader& args) {
                (options.command == Command::deport || options.command == Command::access ||
                 options.command == Command::move || options.command == Command::release)) {
       options.thisHostWas = checkedName("host", args.value(option));
+    } else if (option == "--since" && options.command == Command::journal) {
+      options.since = args.value(option);
     } else if (option == "--socket" && options.command == Command::serve) {
       options.socket = args.value(option);
     } else if (option == "--persistent" &&
@@ -208,6 +211,7 @@ void parseCommand(Options& options, ArgumentReader& args) {
     case Command::deport:
     case Command::move:
     case Command::release:
+    case Command::status:
       if (!plain.empty()) {
         args.unknown(plain.front());
       }
@@ -234,6 +238,17 @@ void parseCommand(Options& options, ArgumentReader& args) {
     case Command::unformat:
       options.disks = plain;
       checkDisks(options);
+      break;
+    case Command::list:
+      if (plain.size() > 1) {
+        args.unknown(plain[1]);
+      }
+      options.folder = plain.empty() ? std::string() : plain.front();
+      break;
+    case Command::journal:
+      if (!plain.empty()) {
+        args.unknown(plain.front());
+      }
       break;
   }
 }
@@ -280,6 +295,7 @@ Options parseOptions(const std::vector<std::string>& args) {
   }
   options.command = found->second;
   options.commandName = found->first;
+  options.arguments.assign(args.begin() + 1, args.end());
   ArgumentReader reader(options.commandName, {args.begin() + next + 1, args.end()});
   parseCommand(options, reader);
   return options;
@@ -323,6 +339,17 @@ Commands:
   serve [--socket PATH]       the host's agent: the plug-in loaded and started
                               once, commands taken from qzfi --agent over the
                               socket PATH (default /run/qzfi/agent.sock)
+  status --record FILE        where the backup stands: the last step done, a
+                              command running or stopped half-way, what this
+                              host holds of it, and the command that takes
+                              the flow on; reads only (no changing tool run)
+  list [FOLDER]               the records in FOLDER (default /var/lib/qzfi/records,
+                              or $QZFI_RECORD_DIR): object, step, copy, age,
+                              and whether a command stopped half-way
+  journal [--record FILE] [--since TIME]
+                              what changed: one line per changing command,
+                              from the journal /var/log/qzfi/journal.json
+                              (TIME: 2026-11-26, 2026-11-26T03:00, 2h, 3d)
   help, version
 
 Options:
@@ -362,6 +389,13 @@ Exit codes:
   5  the plug-in did not start (its init failed)
   6  a plug-in operation failed; its messages are printed
   7  the agent cannot be reached, or refused the request
+  8  the agent is stopping: the command did not run, nothing was changed
+status:
+  0  no command stopped half-way: the flow is at its last step done
+  3  the record cannot be read
+  9  a command on the record runs now
+  10 a command on the record stopped half-way: the command printed finishes it
+  11 needs attention: this host does not hold what the record says
 )";
 }
 
@@ -381,6 +415,12 @@ const char* exitCodeName(int code) {
       return "plug-in not started";
     case kExitAgent:
       return "agent unusable";
+    case kExitInProgress:
+      return "in progress";
+    case kExitStopped:
+      return "stopped";
+    case kExitAttention:
+      return "needs attention";
     default:
       return "failed";
   }

@@ -18,7 +18,12 @@ enum ExitCode {
   kExitPluginLoad = 4,   // the plug-in cannot be found or loaded, or lacks an entry point
   kExitPluginStart = 5,  // the plug-in did not start (its init failed)
   kExitFailed = 6,       // a plug-in operation failed
-  kExitAgent = 7         // the agent cannot be reached, or refused the request
+  kExitAgent = 7,        // the agent cannot be reached, or refused the request
+  // 8: the agent is stopping, the command did not run (agent_protocol.h)
+  // status: where the backup stands
+  kExitInProgress = 9,  // a command on the record runs now
+  kExitStopped = 10,    // a command on the record stopped half-way
+  kExitAttention = 11   // the host does not hold what the record says
 };
 
 enum class Command {
@@ -35,7 +40,10 @@ enum class Command {
   format,
   online,
   unformat,
-  serve
+  serve,
+  status,
+  list,
+  journal
 };
 
 struct Options {
@@ -57,6 +65,11 @@ struct Options {
   std::vector<std::string> disks;      // format, online, unformat
   bool persistent = false;             // online, unformat: the disks stay visible to this host
   std::string socket;                  // serve: --socket PATH
+  std::string folder;                  // list: the folder of the records
+  std::string since;                   // journal: --since TIME
+  // The command line as given, without the program: what the journal and a
+  // stopped command's mark repeat.
+  std::vector<std::string> arguments;
   // deport, access, move, release: --this-host-was HOST: this host is the
   // one the record names as HOST (its name or machine id), with a new
   // identity (reinstalled or renamed).

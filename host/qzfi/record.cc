@@ -255,15 +255,6 @@ AlternateCopy copyOf(const Json& json) {
   return copy;
 }
 
-std::string utcNow() {
-  const std::time_t now = std::time(nullptr);
-  std::tm utc{};
-  gmtime_r(&now, &utc);
-  char buffer[32];
-  std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  return buffer;
-}
-
 // Writes all of text to fd.
 bool writeAll(int fd, const std::string& text) {
   size_t written = 0;
@@ -295,6 +286,34 @@ void syncFolder(const std::string& folder) {
 }
 
 }  // namespace
+
+std::string utcNow() {
+  const std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  char buffer[32];
+  std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return buffer;
+}
+
+void replaceFile(const std::string& file, const std::string& record, const std::string& text) {
+  const std::string folder = folderOf(file);
+  const std::string base = record.substr(record.rfind('/') + 1);
+  std::string temporary = folder + "/." + base + ".XXXXXX";
+  const int fd = mkstemp(&temporary[0]);
+  if (fd < 0) {
+    throw RecordError(file + " cannot be written: " + systemError(errno));
+  }
+  const bool written = writeAll(fd, text) && fsync(fd) == 0;
+  const int writeError = errno;
+  close(fd);
+  if (!written || rename(temporary.c_str(), file.c_str()) != 0) {
+    const int error = written ? errno : writeError;
+    unlink(temporary.c_str());
+    throw RecordError(file + " cannot be written: " + systemError(error));
+  }
+  syncFolder(folder);
+}
 
 const char* stepName(RecordStep step) {
   switch (step) {

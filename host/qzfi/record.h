@@ -164,6 +164,15 @@ ProviderState providerStateOf(const nlohmann::ordered_json& json);
 // name, "/" for a file at the root.
 std::string folderOf(const std::string& file);
 
+// The current time, UTC, ISO 8601 ("2026-11-26T03:00:00Z").
+std::string utcNow();
+
+// Replaces file, beside the record named record, with text atomically: the
+// text goes to a temporary file of the record's (which the record's lock
+// removes when a killed command left it), synced and renamed over file.
+// Throws RecordError.
+void replaceFile(const std::string& file, const std::string& record, const std::string& text);
+
 }  // namespace qzfi_host
 
 #endif  // QZFI_HOST_RECORD_H
