@@ -8,6 +8,8 @@
 #include <map>
 #include <sstream>
 
+#include "journal.h"
+
 namespace qzfi_host {
 
 namespace {
@@ -248,6 +250,9 @@ void parseCommand(Options& options, ArgumentReader& args) {
     case Command::journal:
       if (!plain.empty()) {
         args.unknown(plain.front());
+      }
+      if (!options.since.empty()) {
+        parseSince(options.since, 0);  // refused here, like any bad option
       }
       break;
   }

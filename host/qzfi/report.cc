@@ -174,6 +174,7 @@ Json CReport::document(int code, const std::string& why) const {
 }
 
 int CReport::finish(int code, const std::string& why) {
+  m_why = why;
   if (m_options.json) {
     m_out << document(code, why).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
           << "\n";

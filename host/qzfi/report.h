@@ -53,6 +53,8 @@ class CReport {
   int finish(int code, const std::string& why = std::string());
 
   const std::vector<StepOutcome>& steps() const { return m_steps; }
+  // The why given to finish, for the journal.
+  const std::string& why() const { return m_why; }
   unsigned long toolRuns() const;
 
  private:
@@ -65,6 +67,7 @@ class CReport {
   std::ostream& m_err;
   std::chrono::steady_clock::time_point m_start;
   std::string m_title;
+  std::string m_why;
   std::vector<StepOutcome> m_steps;
   nlohmann::ordered_json m_results;
 };
