@@ -2,6 +2,7 @@
 #include "journal.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -88,7 +89,8 @@ Json toJson(const JournalEntry& entry, size_t limit) {
 // Appends line to file with one write, synced; the error, empty when done.
 // A line that follows a torn one (a power cut's) starts on its own line.
 std::string appendLine(const std::string& file, const std::string& line) {
-  const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW;
+  // Read too: the file's last byte tells whether a torn line ends it.
+  const int flags = O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW;
   int fd = open(file.c_str(), flags, 0640);
   if (fd < 0 && errno == ENOENT && mkdir(folderOf(file).c_str(), 0755) == 0) {
     fd = open(file.c_str(), flags, 0640);
@@ -96,6 +98,9 @@ std::string appendLine(const std::string& file, const std::string& line) {
   if (fd < 0) {
     return errorText(errno);
   }
+  // Held while the last byte is read and the line written: another
+  // process's write under way would look like a torn line.
+  (void)flock(fd, LOCK_EX);
   struct stat held {};
   char last = '\n';
   if (fstat(fd, &held) == 0 && held.st_size > 0) {

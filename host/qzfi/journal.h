@@ -2,9 +2,9 @@
 // to journal.json in the framework's log folder, and qzfi journal that
 // prints it readably. Each append opens the file anew (logrotate's create
 // rotation works under a long-lived agent) and writes the whole line with
-// one write(), then fdatasync: appends of several processes never mix, and
-// a crash leaves no torn line but, at worst, after a power cut, a torn last
-// one that readers skip.
+// one write() under the file's flock, then fdatasync: appends of several
+// processes never mix, and a crash leaves no torn line but, at worst, after
+// a power cut, a torn last one that readers skip.
 #ifndef QZFI_HOST_JOURNAL_H
 #define QZFI_HOST_JOURNAL_H
 
