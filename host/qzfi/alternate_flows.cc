@@ -4,9 +4,8 @@
 
 #include <set>
 
-#include <qzfi/execpipe.h>
-
 #include "flows.h"
+#include "host_tools.h"
 
 namespace qzfi_host {
 
@@ -60,67 +59,6 @@ std::string disksTakenAway(const std::vector<std::string>& before) {
          " out of this host's view when the import failed: a rescan of the host's disks brings "
          "them back (echo \"- - -\" > /sys/class/scsi_host/HOST/scan for each SCSI host), then "
          "run import again";
-}
-
-// A name that may go on a tool's command line as it is.
-bool plainName(const std::string& name) {
-  if (name.empty() || name.front() == '-') {
-    return false;
-  }
-  for (char c : name) {
-    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                    c == '.' || c == '_' || c == '-' || c == '/' || c == ':' || c == '+';
-    if (!ok) {
-      return false;
-    }
-  }
-  return true;
-}
-
-// Runs a read-only tool command line through the framework's pipe; its
-// status, -1 when it cannot be started.
-int runTool(const std::string& command, std::vector<std::string>& lines) {
-  qzfi_pdk_4_4::CFiExecPipePosix pipe(1);
-  lines.clear();
-  try {
-    return pipe.Exec(command, lines, std::string(), 600, std::string(), std::string(),
-                     std::string());
-  } catch (const qzfi_pdk_4_4::EFiExecPipe&) {
-    return -1;
-  }
-}
-
-// The first blank-separated word of line.
-std::string firstWord(const std::string& line) {
-  const size_t start = line.find_first_not_of(" \t");
-  if (start == std::string::npos) {
-    return std::string();
-  }
-  const size_t end = line.find_first_of(" \t\n", start);
-  return line.substr(start, end == std::string::npos ? std::string::npos : end - start);
-}
-
-// The group a "qzdisk list DISK" listing names on the disk ("group:
-// name=G id=..."); empty for "group: -".
-std::string groupOnDisk(const std::vector<std::string>& lines) {
-  for (const std::string& line : lines) {
-    if (line.compare(0, 6, "group:") != 0) {
-      continue;
-    }
-    const size_t name = line.find("name=");
-    return name == std::string::npos ? std::string() : firstWord(line.substr(name + 5));
-  }
-  return std::string();
-}
-
-// The group of a copy's device path /dev/qz/dsk/G/V: G.
-std::string groupOfCopy(const std::string& object) {
-  const size_t last = object.rfind('/');
-  if (last == std::string::npos || last == 0) {
-    return std::string();
-  }
-  const size_t before = object.rfind('/', last - 1);
-  return object.substr(before + 1, last - before - 1);
 }
 
 }  // namespace

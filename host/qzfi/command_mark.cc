@@ -85,6 +85,10 @@ bool CommandMark::finishedIn(const CSnapshotRecord& record) const {
 }
 
 std::string CommandMark::commandLine() const {
+  return qzfiLine(arguments);
+}
+
+std::string qzfiLine(const std::vector<std::string>& arguments) {
   std::string line = "qzfi";
   for (const std::string& argument : arguments) {
     line += " " + shellWord(argument);

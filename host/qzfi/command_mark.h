@@ -35,6 +35,9 @@ struct CommandMark {
   std::string commandLine() const;
 };
 
+// "qzfi ARGUMENTS...", each argument quoted for a shell where it needs to be.
+std::string qzfiLine(const std::vector<std::string>& arguments);
+
 // The name of the user uid, empty when it has none.
 std::string userName(long long uid);
 
