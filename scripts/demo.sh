@@ -13,6 +13,8 @@
 # Each flow shows that the copy holds the source's data at split time
 # (checksums) and that nothing is left behind (no stray groups, qzsim check);
 # a summary table ends it. The other flows run one qzfi process per command.
+# Each host's journal then holds one JSON line per changing command run there
+# (checked, and printed with qzfi journal).
 # shellcheck disable=SC2317 # the flows are called through run_flow
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -48,6 +50,10 @@ declare -A agent_pid=()
 qzfi_on() {
   local host=$1 before after status=0
   shift
+  case $1 in  # the changing commands: each has its line in the host's journal
+    prepare | deport | import | move | release | access | format | online | unformat)
+      echo "$host" >>"$work/journaled" ;;
+  esac
   before=$("$qzsim" log --total)
   if [ -n "${agent_pid[$host]:-}" ]; then
     echo "[$host] qzfi --agent $work/run/$host.sock $*"
@@ -93,6 +99,21 @@ agent_stop() {  # agent_stop HOST
   unset "agent_pid[$host]"
   echo "[$host] the agent ended with exit code $status after $(grep -c ': exit ' "$work/agent-$host.log") commands"
   check "the agent on $host ended cleanly" [ "$status" -eq 0 ]
+}
+# Of the host's journal: how many lines are JSON objects, and how many lines
+# it has ("VALID ALL"). python3 comes with clang (setup.sh).
+# shellcheck disable=SC2016 # $QZFI_LOG_DIR is the sandbox's, expanded there
+journal_counts() {  # journal_counts HOST
+  "$qzsim" host "$1" -- sh -c 'cat "$QZFI_LOG_DIR/journal.json"' | python3 -c '
+import json, sys
+lines = sys.stdin.read().splitlines()
+valid = 0
+for line in lines:
+    try:
+        valid += isinstance(json.loads(line), dict)
+    except ValueError:
+        pass
+print(valid, len(lines))'
 }
 # The device path that qzfi import, format or online printed on a line of its own.
 device_of() { grep -x '/dev/[^ ]*' "$1" | tail -n 1; }
@@ -277,6 +298,16 @@ run_flow "resources on plain disks (A)" flow_resources
 step "The simulator's state after every flow"
 "$qzsim" check
 echo "tool runs of the whole job: $("$qzsim" log --total)"
+
+step "The journal of each host: one JSON line per changing command run there"
+for host in A B C; do
+  expected=$(grep -cx "$host" "$work/journaled" || true)
+  counts=$(journal_counts "$host")
+  check "$host's journal: $expected changing commands, $expected valid JSON lines (valid, all: $counts)" \
+    [ "$counts" = "$expected $expected" ] || failed=1
+  echo "[$host] qzfi journal"
+  "$qzsim" host "$host" -- "$qzfi" journal
+done
 
 step "Summary"
 printf '%-42s %-7s %9s %8s\n' flow result "tool runs" seconds
