@@ -417,16 +417,7 @@ int CStatus::code() const {
 }
 
 std::string CStatus::state() const {
-  switch (code()) {
-    case kExitInProgress:
-      return "in progress";
-    case kExitStopped:
-      return "stopped";
-    case kExitAttention:
-      return "needs attention";
-    default:
-      return "done";
-  }
+  return exitCodeName(code());
 }
 
 NextCommand CStatus::next() const {

@@ -4,11 +4,14 @@
 // the plug-in as it changes) and what the hosts hold after it. Then, for
 // every k, the simulation is brought back, qzfi is killed with SIGKILL right
 // after its k-th tool run has made its change (the simulator's kill fault),
-// and the same command is run again. The re-run must finish the flow; the
-// source volume keeps its data; qzsim check stays clean; and the hosts hold
-// what the flow run once holds: nothing that the re-run neither reused nor
-// removed. Each test prints its row of the table; the whole program prints
-// the table of every flow at the end.
+// and the same command is run again. For a flow on a record, qzfi status
+// is asked first, on the host where the command was killed: it must name
+// that command, and the re-run is the command line it printed, run as
+// printed. The re-run must finish the flow; the source volume keeps its
+// data; qzsim check stays clean; and the hosts hold what the flow run once
+// holds: nothing that the re-run neither reused nor removed. Each test
+// prints its row of the table; the whole program prints the table of every
+// flow at the end.
 #include <csignal>
 #include <cstdio>
 #include <algorithm>
@@ -42,7 +45,15 @@ struct Row {
   unsigned long sourceKept = 0;
   unsigned long checkClean = 0;
   unsigned long nothingLeft = 0;
+  bool onRecord = false;             // status applies: the flow works on a record
+  unsigned long statusNamed = 0;     // status named the killed command
+  unsigned long statusFinished = 0;  // the command status printed, run as printed, finished it
 };
+
+// A count of the status columns, "-" for a flow without a record.
+std::string statusCount(const Row& row, unsigned long count) {
+  return row.onRecord ? std::to_string(count) : std::string("-");
+}
 
 std::vector<Row>& rows() {
   static std::vector<Row> table;
@@ -50,11 +61,13 @@ std::vector<Row>& rows() {
 }
 
 void printTable(const std::vector<Row>& table) {
-  std::printf("%-22s %5s %6s %10s %12s %12s %13s\n", "flow", "runs", "kills", "converged",
-              "source kept", "check clean", "nothing left");
+  std::printf("%-22s %5s %6s %10s %12s %12s %13s %13s %20s\n", "flow", "runs", "kills", "converged",
+              "source kept", "check clean", "nothing left", "status named", "status cmd finished");
   for (const Row& row : table) {
-    std::printf("%-22s %5lu %6lu %10lu %12lu %12lu %13lu\n", row.flow.c_str(), row.runs, row.kills,
-                row.converged, row.sourceKept, row.checkClean, row.nothingLeft);
+    std::printf("%-22s %5lu %6lu %10lu %12lu %12lu %13lu %13s %20s\n", row.flow.c_str(), row.runs,
+                row.kills, row.converged, row.sourceKept, row.checkClean, row.nothingLeft,
+                statusCount(row, row.statusNamed).c_str(),
+                statusCount(row, row.statusFinished).c_str());
   }
   std::fflush(stdout);
 }
@@ -196,6 +209,7 @@ class CrashSweepTest : public QzfiTest {
     ASSERT_EQ(once.status, 0) << flow.name << ": " << once;
     Row row;
     row.flow = flow.name;
+    row.onRecord = std::find(flow.args.begin(), flow.args.end(), "--record") != flow.args.end();
     row.runs = toolRuns(flow.host) - start;
     ASSERT_EQ(flow.missing(), "") << flow.name;
     const Lines expected = footprint();
@@ -211,6 +225,43 @@ class CrashSweepTest : public QzfiTest {
     EXPECT_EQ(row.sourceKept, row.kills) << flow.name;
     EXPECT_EQ(row.checkClean, row.kills) << flow.name;
     EXPECT_EQ(row.nothingLeft, row.kills) << flow.name;
+    if (row.onRecord) {
+      EXPECT_EQ(row.statusNamed, row.kills) << flow.name;
+      EXPECT_EQ(row.statusFinished, row.kills) << flow.name;
+    }
+  }
+
+  // The command that qzfi status, asked on the killed command's host,
+  // prints to finish the flow: qzfi's arguments, as printed; the flow's own
+  // when it works on no record. A killed prepare leaves no record: status
+  // names prepare with OBJECT for the object only the record would tell,
+  // which is filled in here.
+  Lines commandFromStatus(const Flow& flow, const std::string& at, Row* row) {
+    if (!row->onRecord) {
+      return flow.args;
+    }
+    const QzfiRun status = run(flow.host, {"--json", "status", "--record", record()});
+    const bool prepare = flow.args.at(0) == "prepare";
+    EXPECT_EQ(status.status, prepare ? 3 : 10) << at << ": status: " << status;
+    const Json json = Json::parse(status.out, nullptr, false);
+    if (!json.is_object() || !json["next"].is_object()) {
+      ADD_FAILURE() << at << ": status names no command: " << status;
+      return flow.args;
+    }
+    Lines printed = qzfi_e2e::words(json["next"]["command"].get<std::string>());
+    if (printed.empty() || printed.front() != "qzfi") {
+      ADD_FAILURE() << at << ": status printed " << json["next"]["command"];
+      return flow.args;
+    }
+    printed.erase(printed.begin());
+    if (prepare && printed.size() > 1 && printed[1] == "OBJECT") {
+      printed[1] = kVol1;
+    }
+    const bool named = printed == flow.args;
+    row->statusNamed += named ? 1 : 0;
+    EXPECT_TRUE(named) << at << ": status named " << json["next"]["command"] << ", not qzfi "
+                       << joined(flow.args);
+    return printed;
   }
 
   void killAt(const Flow& flow, unsigned long k, const std::string& source, const Lines& expected,
@@ -227,9 +278,11 @@ class CrashSweepTest : public QzfiTest {
       return;
     }
     ++row->kills;
-    const QzfiRun again = run(flow.host, flow.args);
+    const Lines printed = commandFromStatus(flow, at, row);
+    const QzfiRun again = run(flow.host, printed);
     const std::string missing = again.status == 0 ? flow.missing() : "";
     const bool converged = again.status == 0 && missing.empty();
+    row->statusFinished += converged && row->onRecord ? 1 : 0;
     const Lines held = footprint();
     const Json heldRecord = recordSummary();
     const bool nothingLeft = held == expected && heldRecord == expectedRecord;
