@@ -1,12 +1,15 @@
 // The journal through a whole flow on the simulator: each host's journal
 // (QZFI_LOG_DIR of the host's sandbox) holds one valid JSON line per
-// changing command run there, a refusal's with its reason, and after qzfi
-// is killed half-way and run again, the line of the stopped command says so.
+// changing command run there, a refusal's with its reason, the commands of
+// the host's agent written by the agent, and after qzfi is killed half-way
+// and run again, the line of the stopped command says so.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <regex>
 
+#include "agent_process.h"
 #include "qzfi_e2e.h"
 
 namespace {
@@ -150,6 +153,32 @@ TEST_F(JournalTest, TheLineOfAKilledCommandSaysItStopped) {
   ASSERT_EQ(lines.size(), 2u) << printed;
   EXPECT_THAT(lines[0], ::testing::EndsWith(" => stopped: " + reason));
   EXPECT_THAT(lines[1], ::testing::HasSubstr(" => done, exit 0, "));
+}
+
+// The agent writes the lines of the commands it runs, with its client's uid.
+TEST_F(JournalTest, TheAgentWritesTheLinesOfItsCommands) {
+  const std::string run = root() + "/run";
+  ASSERT_EQ(0, mkdir(run.c_str(), 0700));
+  makeSource();
+  qzfi_e2e::CAgentProcess agent(root(), "A", run);
+  ASSERT_EQ("", agent.error());
+  const Lines prepare = {"prepare", kVol1, "--record", record()};
+  const QzfiRun prepared = checked("", prepare, [&] { return viaAgent(agent, prepare); });
+  ASSERT_EQ(prepared.status, 0) << prepared;
+  splitTo("B");
+  const Lines deport = {"deport", "--record", record()};
+  const QzfiRun deported = checked("", deport, [&] { return viaAgent(agent, deport); });
+  ASSERT_EQ(deported.status, 0) << deported;
+
+  const std::vector<Json> onA = entriesOf("A");
+  EXPECT_THAT(outcomesOf(onA), ::testing::ElementsAre("prepare 0 done", "deport 0 done"));
+  ASSERT_EQ(onA.size(), 2u);
+  for (const Json& entry : onA) {
+    EXPECT_EQ(entry["agent"], true);
+    EXPECT_EQ(entry["uid"], static_cast<long long>(getuid()));
+    EXPECT_EQ(entry["host"]["name"], "A");
+    EXPECT_EQ(entry["pid"], onA[0]["pid"]);
+  }
 }
 
 }  // namespace
