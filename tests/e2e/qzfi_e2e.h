@@ -301,6 +301,18 @@ class QzfiTest : public ::testing::Test {
     return osPathsOf(m_copies);
   }
 
+  // The array presents the copy's disks to host to instead of host from,
+  // under to's own names; the disks as to sees them.
+  std::vector<SimDisk> presentCopiesTo(const std::string& from, const std::string& to) {
+    std::vector<SimDisk> moved;
+    for (const SimDisk& copy : m_copies) {
+      admin({"disk", "detach", copy.lun, "--host", from});
+      moved.push_back(
+          parseDisks(admin({"disk", "attach", copy.lun, "--host", to, "--paths", "2"})).at(0));
+    }
+    return moved;
+  }
+
   static std::string osPathsOf(const std::vector<SimDisk>& disks) {
     std::string secondary;
     for (const SimDisk& disk : disks) {

@@ -32,13 +32,7 @@ TEST_F(MoveTest, TheCopyMovesOnIntactToAThirdHost) {
   EXPECT_THAT(again.err, HasSubstr("was moved on: import it on the host that has its disks"));
 
   // The array presents the copy's disks to C instead of B.
-  std::vector<SimDisk> onC;
-  for (const SimDisk& copy : m_copies) {
-    admin({"disk", "detach", copy.lun, "--host", "B"});
-    onC.push_back(
-        qzfi_e2e::parseDisks(admin({"disk", "attach", copy.lun, "--host", "C", "--paths", "2"}))
-            .at(0));
-  }
+  const std::vector<SimDisk> onC = presentCopiesTo("B", "C");
   const QzfiRun reimported =
       qzfi("C", {"--json", "import", "--record", record(), "--secondary", osPathsOf(onC)});
   ASSERT_EQ(reimported.status, 0) << reimported;

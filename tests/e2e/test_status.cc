@@ -119,14 +119,8 @@ TEST_F(StatusTest, AMovedCopyNamesItsImportWithTheDisksItHad) {
   EXPECT_EQ(json["next"]["command"],
             "qzfi import --record " + record() + " --secondary " + secondary);
   EXPECT_TRUE(json["next"]["host"].is_null());
-  // The array presents the disks to C under C's own names.
-  std::vector<SimDisk> onC;
-  for (const SimDisk& copy : m_copies) {
-    admin({"disk", "detach", copy.lun, "--host", "B"});
-    onC.push_back(
-        qzfi_e2e::parseDisks(admin({"disk", "attach", copy.lun, "--host", "C", "--paths", "2"}))
-            .at(0));
-  }
+  // The array presents the copy's disks to C instead of B.
+  const std::vector<SimDisk> onC = presentCopiesTo("B", "C");
   ASSERT_EQ(qzfi("C", {"import", "--record", record(), "--secondary", osPathsOf(onC)}).status, 0);
   json = expectNext("C", 0, "qzfi release --record " + record(), "C");
   ASSERT_EQ(runAsPrinted("C", json).status, 0);
