@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -38,16 +39,19 @@ std::string cutTo(const std::string& text, size_t limit, bool& cut) {
   return text.substr(0, limit);
 }
 
+// The arguments, cut to limit bytes together.
+Json cutArguments(const std::vector<std::string>& arguments, size_t limit, bool& cut) {
+  Json kept = Json::array();
+  for (const std::string& argument : arguments) {
+    kept.push_back(cutTo(argument, limit, cut));
+    limit -= kept.back().get_ref<const std::string&>().size();
+  }
+  return kept;
+}
+
 // The entry as JSON, its arguments and its reason cut to limit bytes each.
 Json toJson(const JournalEntry& entry, size_t limit) {
   bool cut = false;
-  Json arguments = Json::array();
-  size_t left = limit;
-  for (const std::string& argument : entry.arguments) {
-    const std::string kept = cutTo(argument, left, cut);
-    left -= kept.size();
-    arguments.push_back(kept);
-  }
   Json json;
   json["time"] = entry.time;
   json["host"] = {{"name", entry.host.name}, {"machine_id", entry.host.machineId}};
@@ -58,7 +62,7 @@ Json toJson(const JournalEntry& entry, size_t limit) {
     json["agent"] = true;
   }
   json["command"] = entry.command;
-  json["arguments"] = arguments;
+  json["arguments"] = cutArguments(entry.arguments, limit, cut);
   if (!entry.record.empty()) {
     json["record"] = entry.record;
   }
@@ -70,8 +74,7 @@ Json toJson(const JournalEntry& entry, size_t limit) {
     json["tool_runs"] = *entry.toolRuns;
   }
   if (entry.seconds) {
-    json["seconds"] =
-        static_cast<double>(static_cast<long long>(*entry.seconds * 1000 + 0.5)) / 1000;
+    json["seconds"] = std::round(*entry.seconds * 1000) / 1000;  // to the millisecond
   }
   if (!entry.reason.empty()) {
     json["reason"] = cutTo(entry.reason, limit, cut);
@@ -86,18 +89,21 @@ Json toJson(const JournalEntry& entry, size_t limit) {
   return json;
 }
 
-// Appends line to file with one write, synced; the error, empty when done.
-// A line that follows a torn one (a power cut's) starts on its own line.
-std::string appendLine(const std::string& file, const std::string& line) {
-  // Read too: the file's last byte tells whether a torn line ends it.
+// The journal opened to append, made with its folder when missing; -1 and
+// errno otherwise. Read too: its last byte tells whether a torn line ends it.
+int openJournal(const std::string& file) {
   const int flags = O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW;
-  int fd = open(file.c_str(), flags, 0640);
+  const int fd = open(file.c_str(), flags, 0640);
   if (fd < 0 && errno == ENOENT && mkdir(folderOf(file).c_str(), 0755) == 0) {
-    fd = open(file.c_str(), flags, 0640);
+    return open(file.c_str(), flags, 0640);
   }
-  if (fd < 0) {
-    return errorText(errno);
-  }
+  return fd;
+}
+
+// Writes line at the end of fd with one write, synced; the error, empty
+// when done. A line that follows a torn one (a power cut's) starts on a
+// line of its own.
+std::string writeLine(int fd, const std::string& line) {
   // Held while the last byte is read and the line written: another
   // process's write under way would look like a torn line.
   (void)flock(fd, LOCK_EX);
@@ -108,15 +114,23 @@ std::string appendLine(const std::string& file, const std::string& line) {
   }
   const std::string text = last == '\n' ? line : "\n" + line;
   const ssize_t written = write(fd, text.data(), text.size());
-  std::string why;
   if (written < 0) {
-    why = errorText(errno);
-  } else if (static_cast<size_t>(written) != text.size()) {
-    why =
-        "only " + std::to_string(written) + " of " + std::to_string(text.size()) + " bytes written";
-  } else if (fdatasync(fd) != 0) {
-    why = errorText(errno);
+    return errorText(errno);
   }
+  if (static_cast<size_t>(written) != text.size()) {
+    return "only " + std::to_string(written) + " of " + std::to_string(text.size()) +
+           " bytes written";
+  }
+  return fdatasync(fd) == 0 ? std::string() : errorText(errno);
+}
+
+// Appends line to file; the error, empty when done.
+std::string appendLine(const std::string& file, const std::string& line) {
+  const int fd = openJournal(file);
+  if (fd < 0) {
+    return errorText(errno);
+  }
+  const std::string why = writeLine(fd, line);
   close(fd);
   return why;
 }
