@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ pkg-config clang-format libace-dev libicu-dev icu-devtools libgtest-dev
           libgmock-dev libbenchmark-dev libsqlite3-dev libsystemd-dev sqlite3 util-linux libfuse3-dev fuse3
-          dpkg-dev file groff-base nlohmann-json3-dev clang libclang-rt-14-dev lintian man-db)
+          dpkg-dev file groff-base nlohmann-json3-dev clang libclang-rt-14-dev lintian man-db python3 logrotate)
 
 missing=()
 for p in "${packages[@]}"; do
