@@ -451,9 +451,17 @@ std::string CStatus::commandText() const {
   if (m_stopped && mark->command.empty()) {
     return "a command left a mark that cannot be read: " + commandMarkFile(m_options.record);
   }
-  if (m_stopped) {
+  if (m_stopped && sameHost(mark->host, m_probe.here)) {
     return mark->command + " stopped half-way: " + markText(*mark) +
            "; it holds no lock and wrote no event";
+  }
+  // A lock taken on another host is not seen here when the records' folder
+  // is shared over the network.
+  if (m_stopped) {
+    return mark->command + " stopped half-way: " + markText(*mark) +
+           "; no lock of it is seen from this host and it wrote no event (on a records folder "
+           "shared over the network, qzfi status on " +
+           mark->host.name + " tells whether it still runs there)";
   }
   return "none running, none stopped half-way";
 }

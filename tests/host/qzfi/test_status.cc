@@ -288,6 +288,12 @@ TEST_F(StatusTest, AStoppedCommandIsNamedAsItWasGivenWithTheRecordAsStatusWasGiv
                 "run on:     B (machine id bbbb), this host\n"
                 "why:        the same command again: import was stopped half-way; run again, it "
                 "finishes what it began\n");
+  EXPECT_EQ(status(kA), 10);
+  EXPECT_THAT(m_out.str(),
+              HasSubstr("at the step deported; no lock of it is seen from this host and it wrote "
+                        "no event (on a records folder shared over the network, qzfi status on B "
+                        "tells whether it still runs there)\nthis host:  A (machine id aaaa): "
+                        "the source's host\n"));
   EXPECT_EQ(status(kA, true), 10);
   const Json json = document();
   EXPECT_EQ(json["state"], "stopped");
