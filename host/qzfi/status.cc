@@ -67,6 +67,19 @@ struct NextCommand {
   std::string line() const { return arguments.empty() ? std::string() : qzfiLine(arguments); }
 };
 
+// The command as fields; null when there is none to run.
+Json nextJson(const NextCommand& command) {
+  if (command.arguments.empty()) {
+    return Json();
+  }
+  return {{"command", command.line()},
+          {"arguments", command.arguments},
+          {"host", hostJson(command.host)},
+          {"where", command.where},
+          {"why", command.why},
+          {"placeholders", command.placeholders}};
+}
+
 // The mark's arguments with the record named as status was given it, so
 // that the line works where status ran.
 Texts withRecord(Texts arguments, const std::string& record) {
@@ -194,6 +207,7 @@ class CStatus {
   std::string stepText() const;
   Json document() const;
   void print(std::ostream& out) const;
+  void printNext(std::ostream& out) const;
 
   const Options& m_options;
   const HostProbe& m_probe;
@@ -250,13 +264,7 @@ int CStatus::unreadable(const std::string& why, bool missing, std::ostream& out,
     json["error"] = why;
     json["state"] = "unreadable";
     json["exit_code"] = kExitRecord;
-    json["next"] = missing ? Json{{"command", prepare.line()},
-                                  {"arguments", prepare.arguments},
-                                  {"host", Json()},
-                                  {"where", prepare.where},
-                                  {"why", prepare.why},
-                                  {"placeholders", true}}
-                           : Json();
+    json["next"] = nextJson(prepare);
     out << json.dump(2) << "\n";
   } else if (missing) {
     out << "record:     " << m_options.record
@@ -497,6 +505,10 @@ void CStatus::print(std::ostream& out) const {
     out << "attention:  " << attention << "\n";
   }
   out << "state:      " << state() << " (exit " << code() << ")\n";
+  printNext(out);
+}
+
+void CStatus::printNext(std::ostream& out) const {
   const NextCommand command = next();
   if (m_command.running()) {
     out << "next:       none while process " << m_command.holder
@@ -551,14 +563,7 @@ Json CStatus::document() const {
   json["attention"] = m_attention;
   json["state"] = state();
   json["exit_code"] = code();
-  const NextCommand command = next();
-  json["next"] = command.arguments.empty() ? Json()
-                                           : Json{{"command", command.line()},
-                                                  {"arguments", command.arguments},
-                                                  {"host", hostJson(command.host)},
-                                                  {"where", command.where},
-                                                  {"why", command.why},
-                                                  {"placeholders", command.placeholders}};
+  json["next"] = nextJson(next());
   return json;
 }
 
