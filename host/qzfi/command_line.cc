@@ -62,7 +62,8 @@ JournalEntry begunEntry(const Options& options, bool throughAgent) {
 }
 
 // A changing command run, then its line in the journal, after the line of a
-// command that it found stopped half-way on its record.
+// command that it found stopped half-way on its record. The command's mark
+// on its record goes with flows, after the line.
 int runJournaled(const Options& options, CReport& report, CAgentState* agent, std::ostream& err) {
   // One journal for the process: an agent warns once in its life.
   static CJournal journal;

@@ -80,15 +80,13 @@ CFlows::CFlows(const Options& options, CReport& report, CAgentState* agent)
       m_watch([this](const std::string& line) { m_report.progress(line); }),
       m_agent(agent) {}
 
-CFlows::~CFlows() = default;
-
-int CFlows::run() {
-  const int code = runCommand();
+// The mark goes last, after the command's line in the journal: a kill before
+// it leaves the command found stopped by the next one.
+CFlows::~CFlows() {
   unmarkRecord();
-  return code;
 }
 
-int CFlows::runCommand() {
+int CFlows::run() {
   try {
     m_watch.install();
     switch (m_options.command) {

@@ -58,7 +58,6 @@ class CFlows {
   };
 
   // flows.cc
-  int runCommand();
   int info();
   // Loads the plug-in and starts it as the step "init"; through an agent,
   // the agent's plug-in, started already.
