@@ -2,7 +2,10 @@
 // the hosts that take part in it and on one that does not, the command it
 // prints run as printed; qzfi list over a folder with a record at every
 // step. Neither makes a tool run that changes anything.
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -201,6 +204,29 @@ TEST_F(StatusTest, AStoppedImportIsNamedWithWhatItLeftHere) {
   EXPECT_EQ(code, 0);
   EXPECT_TRUE(json["stopped"].is_null());
   expectConsistent();
+}
+
+// The test process holds the record's lock as a running command does:
+// status, in the sandbox, finds it in /proc/locks and reads nothing else.
+TEST_F(StatusTest, ACommandHoldingTheRecordRunsNow) {
+  makeSource();
+  prepared();
+  const int fd = open(record().c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(flock(fd, LOCK_EX), 0);
+  const long before = toolRuns();
+  int code = -1;
+  const Json json = status("A", &code);
+  EXPECT_EQ(code, 9);
+  EXPECT_EQ(json["state"], "in progress");
+  EXPECT_EQ(json["running"]["pid"], getpid());
+  EXPECT_TRUE(json["next"].is_null());
+  EXPECT_EQ(toolRuns(), before);
+  const QzfiRun text = qzfi("A", {"status", "--record", record()});
+  EXPECT_THAT(text.out, HasSubstr("\ncommand:    a command runs now (process " +
+                                  std::to_string(getpid()) + " holds the record's lock)\n"));
+  close(fd);
+  EXPECT_EQ(qzfi("A", {"status", "--record", record()}).status, 0);
 }
 
 TEST_F(StatusTest, AMissingRecordNamesPrepare) {
