@@ -19,7 +19,6 @@ using qzfi_e2e::Lines;
 using qzfi_e2e::QzfiRun;
 using qzfi_e2e::QzfiTest;
 using qzfi_e2e::SimDisk;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 const std::string kVol1 = "/dev/qz/dsk/dg1/vol1";
