@@ -354,7 +354,8 @@ Commands:
   journal [--record FILE] [--since TIME]
                               what changed: one line per changing command,
                               from the journal /var/log/qzfi/journal.json
-                              (TIME: 2026-11-26, 2026-11-26T03:00, 2h, 3d)
+                              (TIME, UTC: 2026-11-26, 2026-11-26T03:00, or
+                              2h, 3d ago)
   help, version
 
 Options:
@@ -397,10 +398,13 @@ Exit codes:
   8  the agent is stopping: the command did not run, nothing was changed
 status:
   0  no command stopped half-way: the flow is at its last step done
-  3  the record cannot be read
+  3  the record cannot be read (a missing one: prepare made none)
   9  a command on the record runs now
   10 a command on the record stopped half-way: the command printed finishes it
   11 needs attention: this host does not hold what the record says
+list:
+  0  the folder's records listed, stopped ones too
+  3  the folder cannot be read
 )";
 }
 
