@@ -91,6 +91,14 @@ class CQzVMEngine : public virtual qzfi_pdk_4_4::CFiTraceable {
   // Groups that buildAltTree left holding a copy, with the path it copies.
   const std::map<std::string, std::string>& builtGroups() const { return m_builtGroups; }
 
+  // The engine outlives every node: a long-lived host would keep the
+  // listings and built groups of each record it ever met. Once the
+  // plug-in holds no node, its command layer's caches are emptied and the
+  // built groups forgotten; what is asked next is read from the tools.
+  void forgetListings();
+  // The entries of the engine's command-layer caches.
+  size_t cachedEntries() const { return m_support.cachedEntries(); }
+
  protected:
   // Tests build engines of their own; the plug-in uses getInstance.
   CQzVMEngine();

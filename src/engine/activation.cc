@@ -28,6 +28,11 @@ void CQzVMEngine::registerTraceLog(const qzfi_pdk_4_4::CFiTraceLogPtr& log) {
   m_support.registerTraceLog(log);
 }
 
+void CQzVMEngine::forgetListings() {
+  m_support.clearCaches();
+  m_builtGroups.clear();
+}
+
 int CQzVMEngine::initEngine() {
   QZ_ENGINE_ENTER("initEngine");
   return qzvmfi_report::reportingExceptions({"initEngine", kSource, __LINE__}, 6, [this] {

@@ -131,6 +131,20 @@ int CQzVMPlugin::initNode(qfi_domain* node, qfi_domain** parents, int parentCoun
   });
 }
 
+// A long-lived host (the agent) frees a record's nodes once its part is
+// done. The listings cached for them name that record's disks and groups,
+// which a later record does not meet again: kept, they would grow with
+// every backup until the caches' cap. Emptying them costs a later command
+// tool runs only.
+int CQzVMPlugin::deInitNode(qfi_domain* node) {
+  const int result = CFiPluginBase::deInitNode(node);
+  if (getPrivateDataManager() && getPrivateDataManager()->size() == 0) {
+    m_support.clearCaches();
+    m_engine->forgetListings();
+  }
+  return result;
+}
+
 int CQzVMPlugin::AddSubObjects(qfi_domain* node, CQzVMData* data) {
   QZ_PLUGIN_SCOPE("AddSubObjects");
   if (node == nullptr || data == nullptr) {

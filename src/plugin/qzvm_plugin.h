@@ -64,6 +64,10 @@ class CQzVMPlugin : public qzfi_pdk_4_4::CFiPluginBase {
   int config(qfi_domain* node, int op, char* name, qfi_confspec* confspec) override;
   // alt_tree.cc
   int initAltNode(qfi_domain* node, qfi_domain* parent, qfi_domain* altNode, bool flag) override;
+  // claim.cc
+  // The base's, then, once the plug-in holds no node's private data any
+  // more, the command layer's caches emptied (its own and the engine's).
+  int deInitNode(qfi_domain* node) override;
   // deport.cc
   int dispose(qfi_domain* node, qfi_domain* altNode, qfi_splitnode* target,
               qfi_disposition disposition) override;

@@ -674,6 +674,22 @@ TEST_F(EngineTest, BuildAltTreeBuildsTheNewGroupAndTakesItsId) {
   EXPECT_EQ("/dev/qz/rdsk/dg1/vol1", m_engine->builtGroups().at("dg1_1"));
 }
 
+// What the plug-in has the engine forget once it holds no node: the
+// listings of the build and the group it built.
+TEST_F(EngineTest, ForgetListingsEmptiesTheCachesAndTheBuiltGroups) {
+  splitDisksSeen();
+  CQzVMData data(nullptr, false);
+  recordSource(data);
+  qzfi_objid** id = newId();
+  ASSERT_EQ(0, m_engine->buildAltTree(id, "dg1_1", {"sdx", "sdy"}, "/dev/qz/rdsk/dg1/vol1", &data,
+                                      {"sdb", "sdc"}, {"d01", "d02"}));
+  EXPECT_GT(m_engine->cachedEntries(), 0u);
+  EXPECT_EQ(1u, m_engine->builtGroups().size());
+  m_engine->forgetListings();
+  EXPECT_EQ(0u, m_engine->cachedEntries());
+  EXPECT_TRUE(m_engine->builtGroups().empty());
+}
+
 TEST_F(EngineTest, BuildAltTreeOnAGroupAlreadyThereOnlyStartsTheVolume) {
   splitDisksSeen();
   groupAlreadyThere();

@@ -316,6 +316,37 @@ TEST_F(ClaimTest, InitNodeTwiceListsEachDiskOnce) {
   EXPECT_EQ((Lines{"/dev/sdb", "/dev/sdc", "/dev/sdd"}), subObjectNames(&node.domain));
 }
 
+// A long-lived host frees a record's nodes when its part is done: the
+// listings cached for them go with the plug-in's last node, the plug-in's
+// and the engine's alike, and not before.
+TEST_F(ClaimTest, TheLastNodeFreedEmptiesTheCachesOfListings) {
+  const std::string device = makeDeviceNode();
+  volumeOnDisks(m_disks);
+  TestNode first(device);
+  TestNode second(device);
+  ASSERT_EQ(0, qzvmfi_fi_pgn_init_node(&first.domain, nullptr, 0, first.objid()));
+  EXPECT_EQ(initRuns(m_disks), commands());
+  CFiExecSeam::clearCommands();
+  ASSERT_EQ(0, qzvmfi_fi_pgn_init_node(&second.domain, nullptr, 0, second.objid()));
+  const Lines cached = commands();
+  // The disks' listings and multipath paths came from the caches.
+  EXPECT_LT(cached.size(), initRuns(m_disks).size());
+
+  // Another node still held: the caches stay.
+  EXPECT_EQ(0, qzvmfi_fi_pgn_deinit_node(&first.domain));
+  CFiExecSeam::clearCommands();
+  ASSERT_EQ(0, qzvmfi_fi_pgn_init_node(&first.domain, nullptr, 0, first.objid()));
+  EXPECT_EQ(cached, commands());
+
+  // No node held: everything is read from the tools again.
+  EXPECT_EQ(0, qzvmfi_fi_pgn_deinit_node(&first.domain));
+  EXPECT_EQ(0, qzvmfi_fi_pgn_deinit_node(&second.domain));
+  EXPECT_EQ(0u, CQzVMEngine::getInstance()->cachedEntries());
+  CFiExecSeam::clearCommands();
+  ASSERT_EQ(0, qzvmfi_fi_pgn_init_node(&first.domain, nullptr, 0, first.objid()));
+  EXPECT_EQ(initRuns(m_disks), commands());
+}
+
 TEST_F(ClaimTest, InitNodeWithoutADeviceNodeReturns18YetInitialisesTheNode) {
   volumeOnDisks(m_disks);
   TestNode node(m_path);
