@@ -20,7 +20,7 @@ fail() {
   exit 1
 }
 
-# shellcheck source=../../packaging/qzfi.bash-completion
+# shellcheck disable=SC1091 # given as an argument; shellcheck checks it on its own
 . "$source/packaging/qzfi.bash-completion"
 registered=$(complete -p qzfi) || fail "the completion registers nothing for qzfi"
 function=$(sed -n 's/.* -F \([^ ]*\) .*/\1/p' <<<"$registered")
