@@ -2,9 +2,10 @@
 # check_install.sh BUILD SOURCE: the build installed into a staging folder,
 # checked the way its users meet it:
 #  1. the staged tree holds exactly the expected files, none naming the build
-#     folder, every library path relative to the file; the man pages read
-#     without a warning; the installed programs run, qzfi info with the
-#     installed plug-in on a host of the installed simulator;
+#     folder, every library path relative to the file, the records folder
+#     root's alone; the man pages read without a warning; the installed
+#     programs run, qzfi info with the installed plug-in on a host of the
+#     installed simulator;
 #  2. a small plug-in (tinyfi/) builds against the staged CMake package and
 #     runs: it loads, claims and traces, the framework finds the installed
 #     plug-in and catalogue folders from its own location, and the installed
@@ -68,6 +69,7 @@ DESTDIR=$stage cmake --install "$build" --prefix /usr >/dev/null
 check_tree "the staged install" "$(tree_of "$stage")"
 check_no_build_paths "$stage" "$build"
 check_man_pages "$stage"
+expect_output "the staged records folder's mode" 700 "$(stat -c %a "$stage/var/lib/qzfi/records")"
 check_programs "$stage"
 
 step "a plug-in built against the staged CMake package"

@@ -13,9 +13,9 @@
 #     simulator, every program has its man page, and a small plug-in
 #     (tinyfi/) builds against libqzfi-pdk-dev with its CMake package and its
 #     pkg-config file, loads and runs;
-#  4. apt-get removes them, keeping the configuration; a purge then leaves
-#     nothing behind: the plug-in's configuration file, the trace folder and
-#     the agent's enabled links go with it.
+#  4. apt-get removes them, keeping the configuration and the records; a
+#     purge then leaves nothing behind: the plug-in's configuration file, the
+#     trace folder, the records and the agent's enabled links go with it.
 # Where mount namespaces are not available, the packages are unpacked with
 # dpkg-deb -x instead and step 4 is not run (the test says so).
 set -euo pipefail
@@ -81,11 +81,13 @@ check_package() {  # check_package PACKAGE
   fi
   listing=$(dpkg-deb -c "$deb")
   expect_output "$1: owners" "root/root" "$(awk '{print $2}' <<<"$listing" | sort -u)"
-  # Programs are executable, everything else that is a file is not.
+  # Programs are executable, everything else that is a file is not; the
+  # records folder is root's alone.
   expect_output "$1: modes" "" "$(awk '
     $1 ~ /^-/ && (($6 ~ /^\.\/usr\/bin\// && $1 != "-rwxr-xr-x") ||
                   ($6 !~ /^\.\/usr\/bin\// && $1 != "-rw-r--r--")) { print $1, $6 }
-    $1 ~ /^d/ && $1 != "drwxr-xr-x" { print $1, $6 }' <<<"$listing")"
+    $1 ~ /^d/ && $6 == "./var/lib/qzfi/records/" && $1 != "drwx------" { print $1, $6 }
+    $1 ~ /^d/ && $6 != "./var/lib/qzfi/records/" && $1 != "drwxr-xr-x" { print $1, $6 }' <<<"$listing")"
 }
 
 # Each lintian override comes with its reason, a comment line right above it.
@@ -244,7 +246,7 @@ make_scratch_root
 # Whatever of these packages the machine may have goes first, in the scratch
 # root only; man-db's index is not rebuilt at each install there.
 in_root dpkg --purge "${QZ_PACKAGES[@]}" >/dev/null 2>&1 || true
-rm -rf "$root/etc/qzfi" "$root/var/log/qzfi" "$root/var/lib/man-db/auto-update"
+rm -rf "$root/etc/qzfi" "$root/var/log/qzfi" "$root/var/lib/qzfi" "$root/var/lib/man-db/auto-update"
 mkdir -m 0755 "$root/tmp/debs"
 install -m 0644 "${debs[@]}" "$root/tmp/debs/"
 before=$(lasting_changes)
@@ -267,6 +269,11 @@ done
   fail "qzfi's postinst did not record the agent's unit with deb-systemd-helper"
 [ ! -e "$root/etc/systemd/system/multi-user.target.wants/qzfi-agent.service" ] ||
   fail "the agent's unit is enabled at install"
+expect_output "the records folder's mode and owner" "700 root:root" \
+  "$(stat -c '%a %U:%G' "$root/var/lib/qzfi/records")"
+# bash-completion loads a program's completion by its name from this folder.
+expect_output "qzfi's bash completion, installed" "complete -F _qzfi qzfi" \
+  "$(in_root bash -c '. /usr/share/bash-completion/completions/qzfi && complete -p qzfi')"
 
 step "qzfi info with the installed plug-in on a simulated host"
 # The framework's own configuration and trace folders, as on a real host.
@@ -278,6 +285,9 @@ expect_output "qzfi info against the installed plug-in" \
   "$(expected_info "/usr/$QZ_LIBDIR/qzfi/plugins/libqzvmfi.so")" "$(info_block <<<"$output")"
 [ -f "$root/etc/qzfi/qzvmfi.conf" ] || fail "the plug-in wrote no /etc/qzfi/qzvmfi.conf"
 [ -f "$root/var/log/qzfi/qzvmfi.log" ] || fail "the plug-in wrote no trace in /var/log/qzfi"
+# A record kept in the default folder, as a backup leaves it: the removal
+# keeps it, the purge takes it.
+echo '{}' >"$root/var/lib/qzfi/records/vol1.json"
 
 step "a plug-in built against libqzfi-pdk-dev"
 cp -r "$tiny" "$root/tmp/tinyfi"
@@ -309,7 +319,7 @@ check_statuses "removed" libqzfi-pdk1="unknown ok not-installed" \
 for package in "${QZ_PACKAGES[@]}"; do
   while read -r path; do
     case $path in
-      etc/* | var/log/qzfi/) ;;
+      etc/* | var/log/qzfi/ | var/lib/qzfi/records/) ;;
       */) [ ! -d "$root/$path" ] || [ -d "/$path" ] || fail "the removed $package left /$path" ;;
       *) [ ! -e "$root/$path" ] || fail "the removed $package left /$path" ;;
     esac
@@ -319,12 +329,13 @@ in_root ldconfig -p | grep -F "libqzfi_pdk.so" >/dev/null && fail "the ldconfig 
 for kept in etc/logrotate.d/qzfi etc/qzfi/qzvmfi.conf; do
   [ -f "$root/$kept" ] || fail "removing qzvmfi took its configuration /$kept"
 done
+[ -f "$root/var/lib/qzfi/records/vol1.json" ] || fail "removing qzfi took the records"
 
 step "apt-get purge"
 in_root apt-get purge -y -q qzvmfi qzfi >"$work/purge.log" 2>&1 ||
   fail "apt-get purge failed:"$'\n'"$(cat "$work/purge.log")"
 check_statuses "purged" "${QZ_PACKAGES[@]/%/=unknown ok not-installed}"
-for gone in etc/qzfi var/log/qzfi etc/logrotate.d/qzfi \
+for gone in etc/qzfi var/log/qzfi var/lib/qzfi etc/logrotate.d/qzfi \
   etc/systemd/system/multi-user.target.wants/qzfi-agent.service \
   var/lib/systemd/deb-systemd-helper-enabled/qzfi-agent.service.dsh-also; do
   [ ! -e "$root/$gone" ] && [ ! -L "$root/$gone" ] || fail "the purge left /$gone"

@@ -127,6 +127,9 @@ EOF2
       cat <<EOF2
 usr/$QZ_BINDIR/qzfi
 $man/man1/qzfi.1.gz
+usr/$QZ_DATADIR/bash-completion/completions/qzfi
+usr/$QZ_DATADIR/lintian/overrides/qzfi
+var/lib/qzfi/records/
 lib/systemd/system/qzfi-agent.service
 EOF2
       ;;
