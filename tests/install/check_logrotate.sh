@@ -38,7 +38,7 @@ grep -q '"format"' "$logs/journal.json.1" || fail "the rotated journal lost its 
 [ -f "$logs/journal.json" ] || fail "no new journal was made"
 [ ! -s "$logs/journal.json" ] || fail "the new journal is not empty"
 [ "$(stat -c %a "$logs/journal.json")" = 640 ] || fail "the new journal's mode is $(stat -c %a "$logs/journal.json"), not 640"
-[ -f "$logs/qzfi.log.1" ] && [ ! -s "$logs/qzfi.log" ] || fail "the trace was not copied and truncated"
+{ [ -f "$logs/qzfi.log.1" ] && [ ! -s "$logs/qzfi.log" ]; } || fail "the trace was not copied and truncated"
 [ ! -e "$logs/journal.json.1.log.1" ] || fail "the traces' rule took the journal"
 
 line 2026-11-02T01:00:00Z online >>"$logs/journal.json"
