@@ -99,9 +99,10 @@ class OperationsTest : public ExportsTest {
     setQzVMSysRoot("");
   }
 
-  // The engine keeps what it listed for as long as the process lives: each
-  // test names its own group and disks, so that tests run in one process
-  // see each other's lists no more than tests run one by one.
+  // The engine lives as long as the process and keeps what it listed until
+  // the plug-in frees its last node, which few tests do: each test names its
+  // own group and disks, so that tests run in one process see each other's
+  // lists no more than tests run one by one.
   static int nextTestNumber() {
     static int number = 0;
     return ++number;
