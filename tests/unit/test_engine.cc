@@ -203,6 +203,15 @@ class EngineTest : public PluginEnv {
     on("qzdisk   -s  -g dg1_1 list ", 0, out({"dgid: 200.dg1_1"}));
   }
 
+  // buildAltTree of dg1/vol1's recorded copy as dg1_1 on the split disks
+  // sdx and sdy.
+  int buildCopy(CQzVMData& data, qzfi_objid** id) {
+    splitDisksSeen();
+    recordSource(data);
+    return m_engine->buildAltTree(id, "dg1_1", {"sdx", "sdy"}, "/dev/qz/rdsk/dg1/vol1", &data,
+                                  {"sdb", "sdc"}, {"d01", "d02"});
+  }
+
   // Multipathing is installed; the split disks are nodes of their own whose
   // paths cannot be listed.
   void multipathNodesWithoutPaths() {
@@ -657,12 +666,9 @@ TEST_F(SourceTest, UnreadableConfigurationIsReported) {
 // ===== buildAltTree and buildQzVM =====
 
 TEST_F(EngineTest, BuildAltTreeBuildsTheNewGroupAndTakesItsId) {
-  splitDisksSeen();
   CQzVMData data(nullptr, false);
-  recordSource(data);
   qzfi_objid** id = newId();
-  EXPECT_EQ(0, m_engine->buildAltTree(id, "dg1_1", {"sdx", "sdy"}, "/dev/qz/rdsk/dg1/vol1", &data,
-                                      {"sdb", "sdc"}, {"d01", "d02"}));
+  EXPECT_EQ(0, buildCopy(data, id));
   ASSERT_NE(nullptr, *id);
   EXPECT_STREQ("/dev/qz/rdsk/dg1_1/vol1", (*id)->name);
   EXPECT_EQ(2, (*id)->kind);
@@ -677,12 +683,8 @@ TEST_F(EngineTest, BuildAltTreeBuildsTheNewGroupAndTakesItsId) {
 // What the plug-in has the engine forget once it holds no node: the
 // listings of the build and the group it built.
 TEST_F(EngineTest, ForgetListingsEmptiesTheCachesAndTheBuiltGroups) {
-  splitDisksSeen();
   CQzVMData data(nullptr, false);
-  recordSource(data);
-  qzfi_objid** id = newId();
-  ASSERT_EQ(0, m_engine->buildAltTree(id, "dg1_1", {"sdx", "sdy"}, "/dev/qz/rdsk/dg1/vol1", &data,
-                                      {"sdb", "sdc"}, {"d01", "d02"}));
+  ASSERT_EQ(0, buildCopy(data, newId()));
   EXPECT_GT(m_engine->cachedEntries(), 0u);
   EXPECT_EQ(1u, m_engine->builtGroups().size());
   m_engine->forgetListings();

@@ -74,6 +74,11 @@ class ClaimTest : public OperationsTest {
     return lines;
   }
 
+  // The node initialised on its own object, through the entry point.
+  static int initOwn(TestNode& node) {
+    return qzvmfi_fi_pgn_init_node(&node.domain, nullptr, 0, node.objid());
+  }
+
   static Lines subObjectNames(const qfi_domain* node) {
     Lines names;
     for (const qzfi_objid* id : plugin().getSubObjects(node)) {
@@ -320,14 +325,13 @@ TEST_F(ClaimTest, InitNodeTwiceListsEachDiskOnce) {
 // listings cached for them go with the plug-in's last node, the plug-in's
 // and the engine's alike, and not before.
 TEST_F(ClaimTest, TheLastNodeFreedEmptiesTheCachesOfListings) {
-  const std::string device = makeDeviceNode();
   volumeOnDisks(m_disks);
-  TestNode first(device);
-  TestNode second(device);
-  ASSERT_EQ(0, qzvmfi_fi_pgn_init_node(&first.domain, nullptr, 0, first.objid()));
+  TestNode first(makeDeviceNode());
+  TestNode second(first.path());
+  ASSERT_EQ(0, initOwn(first));
   EXPECT_EQ(initRuns(m_disks), commands());
   CFiExecSeam::clearCommands();
-  ASSERT_EQ(0, qzvmfi_fi_pgn_init_node(&second.domain, nullptr, 0, second.objid()));
+  ASSERT_EQ(0, initOwn(second));
   const Lines cached = commands();
   // The disks' listings and multipath paths came from the caches.
   EXPECT_LT(cached.size(), initRuns(m_disks).size());
@@ -335,7 +339,7 @@ TEST_F(ClaimTest, TheLastNodeFreedEmptiesTheCachesOfListings) {
   // Another node still held: the caches stay.
   EXPECT_EQ(0, qzvmfi_fi_pgn_deinit_node(&first.domain));
   CFiExecSeam::clearCommands();
-  ASSERT_EQ(0, qzvmfi_fi_pgn_init_node(&first.domain, nullptr, 0, first.objid()));
+  ASSERT_EQ(0, initOwn(first));
   EXPECT_EQ(cached, commands());
 
   // No node held: everything is read from the tools again.
@@ -343,7 +347,7 @@ TEST_F(ClaimTest, TheLastNodeFreedEmptiesTheCachesOfListings) {
   EXPECT_EQ(0, qzvmfi_fi_pgn_deinit_node(&second.domain));
   EXPECT_EQ(0u, CQzVMEngine::getInstance()->cachedEntries());
   CFiExecSeam::clearCommands();
-  ASSERT_EQ(0, qzvmfi_fi_pgn_init_node(&first.domain, nullptr, 0, first.objid()));
+  ASSERT_EQ(0, initOwn(first));
   EXPECT_EQ(initRuns(m_disks), commands());
 }
 
