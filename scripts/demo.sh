@@ -66,6 +66,18 @@ qzfi_on() {
   echo $((after - before)) >>"$work/runs"
   return "$status"
 }
+# Where the backup of RECORD stands, asked on HOST as an administrator would:
+# status reads only, so none of its tool runs may change anything, and they
+# are not the flow's.
+status_on() {  # status_on HOST RECORD EXPECTED_EXIT NEXT_COMMAND
+  local host=$1 record=$2 expected=$3 next=$4 changed status=0
+  changed=$("$qzsim" log --changed | wc -l)
+  echo "[$host] qzfi status --record $record"
+  "$qzsim" host "$host" -- "$qzfi" status --record "$record" | tee "$work/status" || status=$?
+  check "status on $host: exit $expected, no changing tool run" \
+    [ "$status/$("$qzsim" log --changed | wc -l)" = "$expected/$changed" ]
+  check "status on $host names the next command: $next" grep -q -- "$next" "$work/status"
+}
 # The agent of a host: "qzfi serve" in the host's sandbox, its socket in a
 # folder of root's only; ready once it says where it serves.
 agent_on() {  # agent_on HOST
@@ -219,6 +231,7 @@ flow_move() {
   qzfi_on B import --record "$record" --secondary "$(secondary_of "$work/split")"
   qzfi_on B move --record "$record"
   check "the copy's group left B intact" [ -z "$(groups_on B)" ]
+  status_on B "$record" 0 "qzfi import --record $record --secondary"
   echo "[array] the copy's LUNs presented to C instead of B"
   : >"$work/attached"
   for lun in $(luns_of "$work/split"); do
@@ -228,6 +241,7 @@ flow_move() {
   qzfi_on C import --record "$record" --secondary "$(secondary_of "$work/attached")" \
     | tee "$work/out"
   check_copy C "$(device_of "$work/out")"
+  status_on C "$record" 0 "qzfi release --record $record"
   qzfi_on C release --record "$record"
   check_clean
 }
@@ -308,6 +322,9 @@ for host in A B C; do
   echo "[$host] qzfi journal"
   "$qzsim" host "$host" -- "$qzfi" journal
 done
+
+step "The backups' records: qzfi list"
+"$qzfi" list "$work"
 
 step "Summary"
 printf '%-42s %-7s %9s %8s\n' flow result "tool runs" seconds
