@@ -119,8 +119,8 @@ TEST_F(AgentSoakTest, BackupCyclesThroughAgentsKeepTheDataRightAndTheMemoryFlat)
 
   long warmA = 0;
   long warmB = 0;
-  long fromA = 0;
-  long fromB = 0;
+  [[maybe_unused]] long fromA = 0;  // read only where memory is measured
+  [[maybe_unused]] long fromB = 0;
   for (int n = 1; n <= kCycles; ++n) {
     ASSERT_TRUE(cycle(a, b, n)) << a.log() << b.log();
     if (n == 1 || n % 300 == 0 || n % 1000 == 0) {
