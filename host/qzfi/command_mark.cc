@@ -118,7 +118,11 @@ std::string commandMarkFile(const std::string& recordFile) {
 }
 
 void writeCommandMark(const std::string& recordFile, const CommandMark& mark) {
-  replaceFile(commandMarkFile(recordFile), recordFile, toJson(mark).dump(2) + "\n");
+  // A mark tells of a process killed, which the page cache outlives; lost
+  // to a power cut, it leaves status without the stopped command's name,
+  // and the command run again converges all the same. Syncing it would
+  // add two waits for the disk to every command.
+  replaceFileUnsynced(commandMarkFile(recordFile), recordFile, toJson(mark).dump(2) + "\n");
 }
 
 void removeCommandMark(const std::string& recordFile) {

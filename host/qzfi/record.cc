@@ -296,7 +296,8 @@ std::string utcNow() {
   return buffer;
 }
 
-void replaceFile(const std::string& file, const std::string& record, const std::string& text) {
+void replaceFileUnsynced(const std::string& file, const std::string& record,
+                         const std::string& text) {
   const std::string folder = folderOf(file);
   const std::string base = record.substr(record.rfind('/') + 1);
   std::string temporary = folder + "/." + base + ".XXXXXX";
@@ -304,7 +305,7 @@ void replaceFile(const std::string& file, const std::string& record, const std::
   if (fd < 0) {
     throw RecordError(file + " cannot be written: " + systemError(errno));
   }
-  const bool written = writeAll(fd, text) && fsync(fd) == 0;
+  const bool written = writeAll(fd, text);
   const int writeError = errno;
   close(fd);
   if (!written || rename(temporary.c_str(), file.c_str()) != 0) {
@@ -312,7 +313,6 @@ void replaceFile(const std::string& file, const std::string& record, const std::
     unlink(temporary.c_str());
     throw RecordError(file + " cannot be written: " + systemError(error));
   }
-  syncFolder(folder);
 }
 
 const char* stepName(RecordStep step) {

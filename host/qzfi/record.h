@@ -167,11 +167,13 @@ std::string folderOf(const std::string& file);
 // The current time, UTC, ISO 8601 ("2026-11-26T03:00:00Z").
 std::string utcNow();
 
-// Replaces file, beside the record named record, with text atomically: the
-// text goes to a temporary file of the record's (which the record's lock
-// removes when a killed command left it), synced and renamed over file.
-// Throws RecordError.
-void replaceFile(const std::string& file, const std::string& record, const std::string& text);
+// Replaces file, beside the record named record, with text atomically for
+// other processes: the text goes to a temporary file of the record's (which
+// the record's lock removes when a killed command left it) and is renamed
+// over file. Not synced: a file that must outlive its process, not a power
+// cut. Throws RecordError.
+void replaceFileUnsynced(const std::string& file, const std::string& record,
+                         const std::string& text);
 
 }  // namespace qzfi_host
 
