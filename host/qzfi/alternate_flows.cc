@@ -67,7 +67,7 @@ void CFlows::proveCopyHere(const CSnapshotRecord& record) {
   if (m_hostProven) {
     return;
   }
-  const std::string group = groupOfCopy(record.alternate.object);
+  const std::string group = groupOfVolumePath(record.alternate.object);
   bool imported = false;
   std::vector<std::string> bare, grouped, missing;
   std::string unreadable;

@@ -51,7 +51,7 @@ Json toJson(const CommandMark& mark) {
   json["pid"] = mark.pid;
   json["uid"] = mark.uid;
   json["user"] = mark.user;
-  json["host"] = {{"name", mark.host.name}, {"machine_id", mark.host.machineId}};
+  json["host"] = hostJson(mark.host);
   json["started"] = mark.started;
   json["step_at_start"] = mark.stepAtStart;
   json["events_at_start"] = mark.eventsAtStart;
@@ -65,8 +65,8 @@ CommandMark fromJson(const Json& json) {
   mark.pid = json.at("pid").get<long>();
   mark.uid = json.at("uid").get<long long>();
   mark.user = json.at("user").get<std::string>();
-  mark.host.name = json.at("host").at("name").get<std::string>();
-  mark.host.machineId = json.at("host").at("machine_id").get<std::string>();
+  json.at("host");  // a mark always names its host
+  mark.host = hostOf(json, "host");
   mark.started = json.at("started").get<std::string>();
   mark.stepAtStart = json.at("step_at_start").get<std::string>();
   mark.eventsAtStart = json.at("events_at_start").get<size_t>();
@@ -141,6 +141,8 @@ std::optional<CommandMark> readCommandMark(const std::string& recordFile) {
   try {
     return fromJson(Json::parse(text.str()));
   } catch (const nlohmann::json::exception&) {
+    return CommandMark{};
+  } catch (const RecordError&) {
     return CommandMark{};
   }
 }

@@ -50,19 +50,35 @@ std::string groupOnDisk(const std::vector<std::string>& lines) {
   return std::string();
 }
 
-std::string groupOfCopy(const std::string& object) {
-  const size_t last = object.rfind('/');
-  if (last == std::string::npos || last == 0) {
-    return std::string();
+namespace {
+
+// "G/V" of a volume's device path; empty for any other path.
+std::string groupAndVolume(const std::string& path) {
+  for (const std::string prefix : {"/dev/qz/dsk/", "/dev/qz/rdsk/"}) {
+    if (path.compare(0, prefix.size(), prefix) != 0) {
+      continue;
+    }
+    const std::string rest = path.substr(prefix.size());
+    const size_t slash = rest.find('/');
+    if (slash == std::string::npos || slash == 0 || slash + 1 == rest.size() ||
+        rest.find('/', slash + 1) != std::string::npos) {
+      return std::string();
+    }
+    return rest;
   }
-  const size_t before = object.rfind('/', last - 1);
-  return object.substr(before + 1, last - before - 1);
+  return std::string();
 }
 
-std::string volumeOfCopy(const std::string& object) {
-  const size_t last = object.rfind('/');
-  return last == std::string::npos || groupOfCopy(object).empty() ? std::string()
-                                                                  : object.substr(last + 1);
+}  // namespace
+
+std::string groupOfVolumePath(const std::string& path) {
+  const std::string both = groupAndVolume(path);
+  return both.substr(0, both.find('/'));
+}
+
+std::string volumeOfVolumePath(const std::string& path) {
+  const std::string both = groupAndVolume(path);
+  return both.empty() ? std::string() : both.substr(both.find('/') + 1);
 }
 
 }  // namespace qzfi_host

@@ -23,10 +23,10 @@ std::string firstWord(const std::string& line);
 // name=G id=..."); empty for "group: -".
 std::string groupOnDisk(const std::vector<std::string>& lines);
 
-// The group and the volume of a volume's device path /dev/qz/dsk/G/V: G
-// and V; empty when the path has fewer parts.
-std::string groupOfCopy(const std::string& object);
-std::string volumeOfCopy(const std::string& object);
+// The group and the volume of a QzVM volume's device path,
+// /dev/qz/dsk/G/V or /dev/qz/rdsk/G/V: G and V; empty for any other path.
+std::string groupOfVolumePath(const std::string& path);
+std::string volumeOfVolumePath(const std::string& path);
 
 }  // namespace qzfi_host
 

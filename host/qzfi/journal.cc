@@ -54,7 +54,7 @@ Json toJson(const JournalEntry& entry, size_t limit) {
   bool cut = false;
   Json json;
   json["time"] = entry.time;
-  json["host"] = {{"name", entry.host.name}, {"machine_id", entry.host.machineId}};
+  json["host"] = hostJson(entry.host);
   json["uid"] = entry.uid;
   json["user"] = entry.user;
   json["pid"] = entry.pid;
@@ -135,16 +135,6 @@ std::string appendLine(const std::string& file, const std::string& line) {
   return why;
 }
 
-// Seconds since the epoch of UTC text in format, which it must fill.
-std::optional<std::time_t> utcTime(const std::string& text, const char* format) {
-  std::tm parts{};
-  const char* end = strptime(text.c_str(), format, &parts);
-  if (end == nullptr || (*end != '\0' && std::string(end) != "Z")) {
-    return std::nullopt;
-  }
-  return timegm(&parts);
-}
-
 // An age before now: "90m", "2h", "3d", "1w".
 std::optional<std::time_t> ageBefore(const std::string& text, std::time_t now) {
   const std::string units = "mhdw";
@@ -164,7 +154,7 @@ std::optional<std::time_t> entryTime(const Json& entry) {
   if (found == entry.end() || !found->is_string()) {
     return std::nullopt;
   }
-  return utcTime(found->get<std::string>(), "%Y-%m-%dT%H:%M:%S");
+  return utcTime(found->get<std::string>());
 }
 
 // Whether json is an entry as the journal writes them.
@@ -228,16 +218,15 @@ std::string textOf(const Json& entry, const char* key) {
 
 // One entry as a line for people.
 std::string readableLine(const Json& entry) {
-  CommandMark asRun;
+  std::vector<std::string> arguments;
   for (const Json& argument : entry.value("arguments", Json::array())) {
-    asRun.arguments.push_back(argument.is_string() ? argument.get<std::string>()
-                                                   : dumped(argument));
+    arguments.push_back(argument.is_string() ? argument.get<std::string>() : dumped(argument));
   }
   const Json host = entry.value("host", Json::object());
   std::string line = textOf(entry, "time") + " " + textOf(host, "name") + " " +
                      textOf(entry, "user") + "(" + textOf(entry, "uid") + ")" +
                      (entry.value("agent", false) ? " through the agent" : "") + ": " +
-                     asRun.commandLine() + " => " + textOf(entry, "result");
+                     qzfiLine(arguments) + " => " + textOf(entry, "result");
   if (entry.contains("exit_code")) {
     line += ", exit " + textOf(entry, "exit_code");
   }

@@ -21,6 +21,8 @@
 
 #include <ace/Codecs.h>
 
+#include "host_tools.h"
+
 namespace qzfi_host {
 
 namespace {
@@ -181,24 +183,6 @@ std::string nulAt(const Json& json, const std::string& where) {
   return std::string();
 }
 
-// The group of a QzVM volume's device path, /dev/qz/dsk/DG/VOL or
-// /dev/qz/rdsk/DG/VOL; empty for any other path.
-std::string groupOfVolumePath(const std::string& path) {
-  for (const std::string prefix : {"/dev/qz/dsk/", "/dev/qz/rdsk/"}) {
-    if (path.compare(0, prefix.size(), prefix) != 0) {
-      continue;
-    }
-    const std::string rest = path.substr(prefix.size());
-    const size_t slash = rest.find('/');
-    if (slash == std::string::npos || slash == 0 || slash + 1 == rest.size() ||
-        rest.find('/', slash + 1) != std::string::npos) {
-      return std::string();
-    }
-    return rest.substr(0, slash);
-  }
-  return std::string();
-}
-
 // A copy is never the source: not its object, not the object its deport
 // named, not a volume of its group. A command given such a record would
 // take the source's own group away.
@@ -218,21 +202,6 @@ void checkNotTheSource(const CSnapshotRecord& record, const std::string& copy,
     throw RecordError("it names the source's own group " + group + " as its copy (" + field + " " +
                       copy + ", object " + record.object + ")" + always);
   }
-}
-
-Json hostJson(const HostIdentity& host) {
-  return {{"name", host.name}, {"machine_id", host.machineId}};
-}
-
-// The host in field name of json; unknown when there is none.
-HostIdentity hostOf(const Json& json, const char* name) {
-  HostIdentity host;
-  if (json.contains(name)) {
-    const Json& value = member(json, name);
-    host.name = text(value, "name");
-    host.machineId = text(value, "machine_id");
-  }
-  return host;
 }
 
 Json copyJson(const AlternateCopy& copy) {
@@ -286,6 +255,29 @@ void syncFolder(const std::string& folder) {
 }
 
 }  // namespace
+
+Json hostJson(const HostIdentity& host) {
+  return {{"name", host.name}, {"machine_id", host.machineId}};
+}
+
+HostIdentity hostOf(const Json& json, const char* name) {
+  HostIdentity host;
+  if (json.contains(name)) {
+    const Json& value = member(json, name);
+    host.name = text(value, "name");
+    host.machineId = text(value, "machine_id");
+  }
+  return host;
+}
+
+std::optional<std::time_t> utcTime(const std::string& text, const char* format) {
+  std::tm parts{};
+  const char* end = strptime(text.c_str(), format, &parts);
+  if (end == nullptr || (*end != '\0' && std::string(end) != "Z")) {
+    return std::nullopt;
+  }
+  return timegm(&parts);
+}
 
 std::string utcNow() {
   const std::time_t now = std::time(nullptr);

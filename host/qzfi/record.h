@@ -7,6 +7,8 @@
 
 #include <sys/types.h>
 
+#include <ctime>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -166,6 +168,16 @@ std::string folderOf(const std::string& file);
 
 // The current time, UTC, ISO 8601 ("2026-11-26T03:00:00Z").
 std::string utcNow();
+// Seconds since the epoch of a UTC time that text gives in format whole,
+// with or without a "Z" after it; none when it does not.
+std::optional<std::time_t> utcTime(const std::string& text,
+                                   const char* format = "%Y-%m-%dT%H:%M:%S");
+
+// A host as JSON: {"name": ..., "machine_id": ...}.
+nlohmann::ordered_json hostJson(const HostIdentity& host);
+// The host in field name of json; unknown when there is none. Throws
+// RecordError when it is not a host.
+HostIdentity hostOf(const nlohmann::ordered_json& json, const char* name);
 
 // Replaces file, beside the record named record, with text atomically for
 // other processes: the text goes to a temporary file of the record's (which

@@ -28,8 +28,9 @@ using Texts = std::vector<std::string>;
 
 const char kPackageRecordFolder[] = "/var/lib/qzfi/records";
 
-Json hostJson(const HostIdentity& host) {
-  return host.known() ? Json{{"name", host.name}, {"machine_id", host.machineId}} : Json();
+// null for a host the record does not know.
+Json knownHostJson(const HostIdentity& host) {
+  return host.known() ? hostJson(host) : Json();
 }
 
 // A command on a record: one that runs now (it holds the record's lock) and
@@ -74,7 +75,7 @@ Json nextJson(const NextCommand& command) {
   }
   return {{"command", command.line()},
           {"arguments", command.arguments},
-          {"host", hostJson(command.host)},
+          {"host", knownHostJson(command.host)},
           {"where", command.where},
           {"why", command.why},
           {"placeholders", command.placeholders}};
@@ -343,7 +344,7 @@ bool holds(const Texts& groups, const std::string& group) {
 
 // The source's group is imported here while access to it is on.
 void CStatus::checkSource(const Texts& groups) {
-  const std::string group = groupOfCopy(m_record.object);
+  const std::string group = groupOfVolumePath(m_record.object);
   const bool imported = holds(groups, group);
   m_found.push_back("the source's group " + group + (imported ? " is" : " is not") +
                     " imported here");
@@ -369,8 +370,8 @@ void CStatus::checkCopy(const Texts& groups) {
     return;
   }
   const std::string copy = m_record.alternate.object;
-  const std::string group = groupOfCopy(copy);
-  const std::string volume = volumeOfCopy(copy);
+  const std::string group = groupOfVolumePath(copy);
+  const std::string volume = volumeOfVolumePath(copy);
   const bool expected = m_record.step == RecordStep::imported;
   if (!holds(groups, group)) {
     m_found.push_back("the copy's group " + group + " is not imported here");
@@ -527,7 +528,7 @@ void CStatus::printNext(std::ostream& out) const {
 Json markJson(const CommandMark& mark, const std::string& record) {
   return {{"command", mark.command}, {"command_line", qzfiLine(withRecord(mark.arguments, record))},
           {"pid", mark.pid},         {"uid", mark.uid},
-          {"user", mark.user},       {"host", hostJson(mark.host)},
+          {"user", mark.user},       {"host", knownHostJson(mark.host)},
           {"started", mark.started}, {"step_at_start", mark.stepAtStart}};
 }
 
@@ -542,13 +543,13 @@ Json CStatus::document() const {
   if (!m_record.events.empty()) {
     const RecordEvent& last = m_record.events.back();
     json["last_event"] = {
-        {"command", last.command}, {"time", last.time}, {"host", hostJson(last.host)}};
+        {"command", last.command}, {"time", last.time}, {"host", knownHostJson(last.host)}};
   }
-  json["source"] = {{"host", hostJson(m_record.sourceHost)},
+  json["source"] = {{"host", knownHostJson(m_record.sourceHost)},
                     {"access", m_record.sourceAccess ? "on" : "off"}};
   json["copy"] = m_record.hasAlternate ? Json{{"object", m_record.alternate.object},
                                               {"secondary", m_record.alternate.secondary},
-                                              {"host", hostJson(m_record.alternate.host)}}
+                                              {"host", knownHostJson(m_record.alternate.host)}}
                                        : Json();
   json["running"] = Json();
   if (m_command.running()) {
@@ -556,7 +557,7 @@ Json CStatus::document() const {
                        {"command", m_command.mark ? m_command.mark->command : std::string()}};
   }
   json["stopped"] = m_stopped ? markJson(*m_command.mark, m_options.record) : Json();
-  json["this_host"] = {{"host", hostJson(m_probe.here)},
+  json["this_host"] = {{"host", knownHostJson(m_probe.here)},
                        {"roles", m_roles},
                        {"found", m_found},
                        {"read", !m_command.running()}};
@@ -569,12 +570,8 @@ Json CStatus::document() const {
 
 // Seconds from an ISO 8601 UTC time to now; -1 when it cannot be read.
 long long secondsSince(const std::string& time, std::time_t now) {
-  std::tm utc{};
-  const char* end = strptime(time.c_str(), "%Y-%m-%dT%H:%M:%SZ", &utc);
-  if (end == nullptr || *end != '\0') {
-    return -1;
-  }
-  return static_cast<long long>(now - timegm(&utc));
+  const std::optional<std::time_t> then = utcTime(time);
+  return then ? static_cast<long long>(now - *then) : -1;
 }
 
 std::string ageText(long long seconds) {
@@ -644,9 +641,13 @@ std::vector<ListedRecord> recordsIn(const std::string& folder, std::time_t now) 
   for (const std::string& name : names) {
     struct stat info {};
     const std::string file = folder + "/" + name;
-    if (name[0] != '.' && stat(file.c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
-        looksLikeRecord(file)) {
-      records.push_back(listed(folder, name, now));
+    if (name[0] == '.' || stat(file.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
+      continue;
+    }
+    ListedRecord item = listed(folder, name, now);
+    // A file that does not load is listed only when it is a damaged record.
+    if (item.error.empty() || looksLikeRecord(file)) {
+      records.push_back(std::move(item));
     }
   }
   return records;
@@ -712,14 +713,15 @@ Json listJson(const std::string& folder, const std::vector<ListedRecord>& record
                      {"command", command.mark ? command.mark->command : std::string()},
                      {"pid", command.running() ? command.holder : command.mark->pid}};
     }
-    items.push_back({{"record", file},
-                     {"object", record.object},
-                     {"step", stepName(record.step)},
-                     {"copy", record.hasAlternate ? Json(record.alternate.object) : Json()},
-                     {"copy_host", record.hasAlternate ? hostJson(record.alternate.host) : Json()},
-                     {"age_seconds", item.age},
-                     {"age", ageText(item.age)},
-                     {"command", commandJson}});
+    items.push_back(
+        {{"record", file},
+         {"object", record.object},
+         {"step", stepName(record.step)},
+         {"copy", record.hasAlternate ? Json(record.alternate.object) : Json()},
+         {"copy_host", record.hasAlternate ? knownHostJson(record.alternate.host) : Json()},
+         {"age_seconds", item.age},
+         {"age", ageText(item.age)},
+         {"command", commandJson}});
   }
   return {{"folder", folder}, {"records", items}, {"unreadable", unreadable}};
 }
@@ -752,10 +754,6 @@ int showStatus(const Options& options, const HostProbe& probe, std::ostream& out
 int runStatus(const Options& options, std::ostream& out, std::ostream& err) {
   return showStatus(options, machineProbe(), out, err);
 }
-
-}  // namespace qzfi_host
-
-namespace qzfi_host {
 
 int showList(const Options& options, const HostProbe& probe, std::ostream& out, std::ostream& err) {
   const std::string folder = options.folder.empty() ? defaultRecordFolder() : options.folder;

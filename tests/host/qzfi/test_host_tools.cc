@@ -44,11 +44,11 @@ TEST(HostTools, TheGroupOnADiskIsItsGroupLinesName) {
 }
 
 TEST(HostTools, AVolumePathGivesItsGroupAndVolume) {
-  EXPECT_EQ(qzfi_host::groupOfCopy("/dev/qz/dsk/dg1_7/vol1"), "dg1_7");
-  EXPECT_EQ(qzfi_host::volumeOfCopy("/dev/qz/dsk/dg1_7/vol1"), "vol1");
-  EXPECT_EQ(qzfi_host::groupOfCopy("/vol1"), "");
-  EXPECT_EQ(qzfi_host::volumeOfCopy("/vol1"), "");
-  EXPECT_EQ(qzfi_host::volumeOfCopy("vol1"), "");
+  EXPECT_EQ(qzfi_host::groupOfVolumePath("/dev/qz/dsk/dg1_7/vol1"), "dg1_7");
+  EXPECT_EQ(qzfi_host::volumeOfVolumePath("/dev/qz/dsk/dg1_7/vol1"), "vol1");
+  EXPECT_EQ(qzfi_host::groupOfVolumePath("/vol1"), "");
+  EXPECT_EQ(qzfi_host::volumeOfVolumePath("/vol1"), "");
+  EXPECT_EQ(qzfi_host::volumeOfVolumePath("vol1"), "");
 }
 
 }  // namespace
